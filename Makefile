@@ -1,0 +1,39 @@
+# Entry points for developers and CI. Every target first installs what is missing.
+JOBS ?= 2
+WERROR ?= OFF
+CMAKE_FLAGS ?=
+
+BUILD_DIR := build
+SANITIZE_DIR := build-sanitize
+
+.PHONY: deps build run test test-sanitize bench format clean
+
+deps:
+	@./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DHARLUNE_WERROR=$(WERROR) $(CMAKE_FLAGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+run: build
+	./$(BUILD_DIR)/bin/harlune-cli info --demo
+
+test: build
+	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 600
+
+test-sanitize: deps
+	cmake -S . -B $(SANITIZE_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHARLUNE_SANITIZE=ON \
+		-DHARLUNE_WERROR=$(WERROR) -DHARLUNE_BENCHMARKS=OFF $(CMAKE_FLAGS)
+	cmake --build $(SANITIZE_DIR) -j $(JOBS)
+	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		ctest -j $(JOBS) --output-on-failure --timeout 900
+
+bench: build
+	./$(BUILD_DIR)/bin/harlune-bench
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "CliSupport.h"
+
+namespace harlune::cli {
+
+// One factory per subcommand, each in its own file.
+Command infoCommand();
+
+} // namespace harlune::cli
