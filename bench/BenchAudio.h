@@ -28,6 +28,7 @@ inline benchmark::internal::Benchmark* repeatedWithMinimum(benchmark::internal::
                                                            int repetitions) {
     return b->Unit(benchmark::kMillisecond)
         ->UseRealTime()
+        ->MeasureProcessCPUTime() // the CPU column counts every thread
         ->Iterations(1)
         ->Repetitions(repetitions)
         ->ComputeStatistics(
