@@ -28,11 +28,21 @@ struct SegmentResult {
     std::exception_ptr error;
 };
 
-/// Runs one converter over `range` from `start - warmupFrames` on, throws away the first
+/// One conversion of a range: makes a fresh converter for each segment.
+struct ConversionJob {
+    const AudioSource& source;
+    FrameRange range;
+    double to;
+
+    void convert(int64_t start, const Segment& segment, Emit emit,
+                 FunctionRef<void(int64_t)> afterChunk) const;
+};
+
+/// Runs one converter over the range from `start - warmupFrames` on, throws away the first
 /// `warmupOutputFrames` of its output and passes on exactly `outputFrames`. Past the end of the
-/// range the converter sees silence. `afterChunk` runs after every chunk fed.
-void convert(const AudioSource& source, FrameRange range, int64_t start, const Segment& segment, double to,
-             Emit emit, FunctionRef<void(int64_t delivered)> afterChunk) {
+/// range the converter sees silence. `afterChunk` gets the frames delivered after every chunk fed.
+void ConversionJob::convert(int64_t start, const Segment& segment, Emit emit,
+                            FunctionRef<void(int64_t)> afterChunk) const {
     const int channels = source.channelCount();
     SampleRateConverter converter(channels, source.sampleRate(), to);
 
@@ -156,10 +166,11 @@ void resample(const AudioSource& source, std::optional<FrameRange> range, double
         return;
     }
 
+    const ConversionJob job{source, walk, to};
     const auto plan = segmentPlan(walk.length(), from, to, target, segmentSeconds);
     if (!plan || plan->size() < 2) {
         const Segment whole{0, 0, 0, target};
-        convert(source, walk, walk.lower, whole, to, emit, [&](int64_t delivered) { report(delivered); });
+        job.convert(walk.lower, whole, emit, [&](int64_t delivered) { report(delivered); });
         return;
     }
 
@@ -180,7 +191,7 @@ void resample(const AudioSource& source, std::optional<FrameRange> range, double
                     for (size_t c = 0; c < chunk.size(); ++c)
                         result.channels[c].insert(result.channels[c].end(), chunk[c].begin(), chunk[c].end());
                 };
-                convert(source, walk, walk.lower + segment.inputStart, segment, to, collect, [](int64_t) {});
+                job.convert(walk.lower + segment.inputStart, segment, collect, [](int64_t) {});
             } catch (...) {
                 result.error = std::current_exception();
             }
