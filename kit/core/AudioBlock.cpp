@@ -13,7 +13,8 @@ std::atomic<int64_t> liveBlockBytes{0};
 
 namespace vec {
 
-MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
+// Cloned for AVX2 where the processor has it; the default build targets baseline x86-64.
+__attribute__((target_clones("avx2", "default"))) MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
     float lo = 3.4028235e38f;
     float hi = -3.4028235e38f;
     float sum = 0;
@@ -23,6 +24,20 @@ MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
         lo = std::min(lo, x);
         hi = std::max(hi, x);
         sum += x * x;
+    }
+    return {lo, hi, sum};
+}
+
+__attribute__((target_clones("avx2", "default"))) MinMaxSquares mergePoints(const float* mins, const float* maxs,
+                                                                          const float* squares, int64_t count) {
+    float lo = 3.4028235e38f;
+    float hi = -3.4028235e38f;
+    float sum = 0;
+#pragma omp simd reduction(min : lo) reduction(max : hi) reduction(+ : sum)
+    for (int64_t i = 0; i < count; ++i) {
+        lo = std::min(lo, mins[i]);
+        hi = std::max(hi, maxs[i]);
+        sum += squares[i];
     }
     return {lo, hi, sum};
 }
