@@ -1,9 +1,10 @@
 #include "core/AudioBlock.h"
 
+#include "base/Precondition.h"
+#include "base/Vectorize.h"
+
 #include <algorithm>
 #include <cmath>
-
-#include "base/Precondition.h"
 
 namespace harlune {
 
@@ -13,8 +14,7 @@ std::atomic<int64_t> liveBlockBytes{0};
 
 namespace vec {
 
-// Cloned for AVX2 where the processor has it; the default build targets baseline x86-64.
-__attribute__((target_clones("avx2", "default"))) MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
+HARLUNE_VECTOR_CLONES MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
     float lo = 3.4028235e38f;
     float hi = -3.4028235e38f;
     float sum = 0;
@@ -28,8 +28,8 @@ __attribute__((target_clones("avx2", "default"))) MinMaxSquares minMaxSquares(co
     return {lo, hi, sum};
 }
 
-__attribute__((target_clones("avx2", "default"))) MinMaxSquares mergePoints(const float* mins, const float* maxs,
-                                                                          const float* squares, int64_t count) {
+HARLUNE_VECTOR_CLONES MinMaxSquares mergePoints(const float* mins, const float* maxs, const float* squares,
+                                                int64_t count) {
     float lo = 3.4028235e38f;
     float hi = -3.4028235e38f;
     float sum = 0;
@@ -89,19 +89,26 @@ std::shared_ptr<const AudioBlock> AudioBlock::make(std::vector<std::vector<float
 }
 
 AudioBlock::AudioBlock(Token, std::vector<std::vector<float>> samples)
-    : frameCount_(samples.empty() ? 0 : static_cast<int64_t>(samples.front().size())), samples_(std::move(samples)) {
+    : frameCount_(samples.empty() ? 0 : static_cast<int64_t>(samples.front().size())),
+      samples_(std::move(samples)) {
     HARLUNE_PRECONDITION(frameCount_ <= preferredFrameCount, "AudioBlock longer than 65536 frames");
     for (const auto& channel : samples_)
-        HARLUNE_PRECONDITION(static_cast<int64_t>(channel.size()) == frameCount_, "AudioBlock channels differ in length");
+        HARLUNE_PRECONDITION(static_cast<int64_t>(channel.size()) == frameCount_,
+                             "AudioBlock channels differ in length");
     summary_ = WaveSummary::make(samples_, frameCount_);
     const auto points = static_cast<int64_t>(summary_.mins.empty() ? 0 : summary_.mins.front().size());
-    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3) * static_cast<int64_t>(sizeof(float));
+    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3) *
+             static_cast<int64_t>(sizeof(float));
     liveBlockBytes.fetch_add(bytes_, std::memory_order_relaxed);
 }
 
-AudioBlock::~AudioBlock() { liveBlockBytes.fetch_sub(bytes_, std::memory_order_relaxed); }
+AudioBlock::~AudioBlock() {
+    liveBlockBytes.fetch_sub(bytes_, std::memory_order_relaxed);
+}
 
-int64_t AudioBlock::liveBytes() { return liveBlockBytes.load(std::memory_order_relaxed); }
+int64_t AudioBlock::liveBytes() {
+    return liveBlockBytes.load(std::memory_order_relaxed);
+}
 
 float PeakSummary::rms() const {
     if (count < 1)
