@@ -1,9 +1,9 @@
 #pragma once
 
+#include "base/Uuid.h"
 #include "editor/ProgressToken.h"
 
 #include <QString>
-#include <QUuid>
 #include <memory>
 
 namespace harlune {
@@ -11,7 +11,7 @@ namespace harlune {
 /// The one long operation under way. `fraction` is copied from the token by a main-thread timer,
 /// so the worker never touches observable state.
 struct BusyState {
-    QUuid id = QUuid::createUuid();
+    Uuid id = Uuid::random();
     QString title;
     std::shared_ptr<ProgressToken> token;
     double fraction = 0;

@@ -3,8 +3,8 @@
 #include "base/ChannelSet.h"
 #include "base/FrameRange.h"
 #include "core/AudioContent.h"
+#include "core/GainEnvelope.h"
 #include "editor/Marker.h"
-#include "editor/PendingEnvelopeSet.h"
 
 #include <cstdint>
 #include <optional>

@@ -458,7 +458,7 @@ void EditorModel::beginExternalBusy(const QString& title, std::shared_ptr<Progre
     BusyState state;
     state.title = title;
     state.token = std::move(token);
-    const QUuid id = state.id;
+    const Uuid id = state.id;
     assign(busy_, std::optional<BusyState>(std::move(state)), &EditorModel::busyChanged);
 
     busyTimer_.reset();

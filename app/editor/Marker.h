@@ -1,14 +1,15 @@
 #pragma once
 
+#include "base/Uuid.h"
+
 #include <QString>
-#include <QUuid>
 #include <cstdint>
 
 namespace harlune {
 
 /// A named position on the frame axis. Identity is `id`; equality compares all three fields.
 struct Marker {
-    QUuid id = QUuid::createUuid();
+    Uuid id = Uuid::random();
     int64_t frame = 0;
     QString name;
 

@@ -2,7 +2,7 @@
 
 #include "base/FrameRange.h"
 #include "core/AudioContent.h"
-#include "editor/PendingEnvelopeSet.h"
+#include "core/GainEnvelope.h"
 
 namespace harlune {
 

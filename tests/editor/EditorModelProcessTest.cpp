@@ -71,7 +71,7 @@ TEST_F(EditorModelProcessTest, SuccessCommitsOneUndoStep) {
         [&](const AudioContent& result) {
             ++markerCalls;
             EXPECT_EQ(result.frameCount(), 600);
-            return std::vector<Marker>{Marker{QUuid::createUuid(), 10, "From result"}};
+            return std::vector<Marker>{Marker{Uuid::random(), 10, "From result"}};
         });
     ASSERT_TRUE(model->busy());
     EXPECT_EQ(model->busy()->title, "Trim");
@@ -112,6 +112,25 @@ TEST_F(EditorModelProcessTest, SelectionNotGivenStaysAndAChannelChangeActivatesA
     ASSERT_TRUE(waitUntilIdle());
     EXPECT_FALSE(model->selection());
     EXPECT_EQ(stack.count(), 2);
+}
+
+TEST_F(EditorModelProcessTest, EnvelopeProducerMakesTheNewSet) {
+    const EnvelopeSet moved(GainEnvelope({EnvelopePoint(300, -6)}));
+    model->process(
+        "Cut",
+        [](AudioContent content, std::shared_ptr<ProgressToken>) {
+            return content.slice({0, 500});
+        },
+        std::nullopt, {},
+        [&](const AudioContent& result) {
+            EXPECT_EQ(result.frameCount(), 500);
+            return moved;
+        });
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_EQ(model->envelopes(), moved);
+    EXPECT_EQ(probe->setEnvelopes, 1);
+    stack.undo();
+    EXPECT_EQ(model->envelopes(), EnvelopeSet());
 }
 
 TEST_F(EditorModelProcessTest, WorkSeesOnlyItsCopy) {
@@ -237,7 +256,7 @@ TEST_F(EditorModelProcessTest, BusyTimerCopiesTheTokensFraction) {
 TEST_F(EditorModelProcessTest, ExternalBusyTicksOnlyForItsOwnState) {
     auto first = std::make_shared<ProgressToken>();
     model->beginExternalBusy("Opening", first);
-    const QUuid firstID = model->busy()->id;
+    const Uuid firstID = model->busy()->id;
     auto second = std::make_shared<ProgressToken>();
     model->beginExternalBusy("Pasting", second);
     EXPECT_NE(model->busy()->id, firstID);

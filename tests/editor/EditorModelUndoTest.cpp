@@ -139,7 +139,7 @@ TEST_F(EditorModelUndoTest, RedoRestoresTheSnapshotTakenWhenUndoRan) {
     auto model = testing::probedModel(testing::rampContent(1000), probe);
     QUndoStack stack;
     model->setUndoManager(&stack);
-    const Marker marker{QUuid::createUuid(), 40, "Marker 1"};
+    const Marker marker{Uuid::random(), 40, "Marker 1"};
 
     edit(*model, "Edit", [&](EditState& s) {
         s.cursor = 100;
@@ -175,9 +175,7 @@ TEST_F(EditorModelUndoTest, UndoRestoresContentAndEachStepKeepsItsName) {
     model->setUndoManager(&stack);
 
     edit(*model, "Delete", [](EditState& s) { s.content.deleteRange({100, 400}); });
-    edit(*model, "Add Marker", [](EditState& s) {
-        s.markers.push_back(Marker{QUuid::createUuid(), 5, "M"});
-    });
+    edit(*model, "Add Marker", [](EditState& s) { s.markers.push_back(Marker{Uuid::random(), 5, "M"}); });
     EXPECT_EQ(model->content().frameCount(), 700);
     EXPECT_EQ(stack.count(), 2);
 
@@ -400,14 +398,48 @@ TEST_F(EditorModelUndoTest, StopMovesTheCursorOnlyWhenAskedAndNothingIsSelected)
     EXPECT_EQ(model->cursor(), 1000);
 }
 
-TEST_F(EditorModelUndoTest, EnvelopesWriteReachesThePlayerOnlyOnChange) {
+TEST_F(EditorModelUndoTest, EnvelopeChangesReachThePlayerAndTheMeasurements) {
     auto model = testing::probedModel(testing::rampContent(1000, 2), probe);
-    model->setSelection(FrameRange{0, 10});
-    const int selectionAnalyses = probe->scheduleSelectionAnalysis;
+    QSignalSpy spy(model.get(), &EditorModel::envelopesChanged);
     model->setEnvelopes(model->envelopes());
+    EXPECT_EQ(spy.count(), 0);
     EXPECT_EQ(probe->setEnvelopes, 0);
     EXPECT_EQ(probe->scheduleEnvelopeAnalysis, 0);
-    EXPECT_EQ(probe->scheduleSelectionAnalysis, selectionAnalyses);
+
+    const int selectionAnalyses = probe->scheduleSelectionAnalysis;
+    const EnvelopeSet louder(GainEnvelope({EnvelopePoint(0, 0), EnvelopePoint(500, 6)}));
+    model->setEnvelopes(louder);
+    EXPECT_EQ(spy.count(), 1);
+    EXPECT_EQ(probe->setEnvelopes, 1);
+    EXPECT_EQ(probe->scheduleEnvelopeAnalysis, 1);
+    EXPECT_EQ(probe->scheduleSelectionAnalysis, selectionAnalyses); // no selection
+
+    model->setSelection(FrameRange{0, 10});
+    const int withSelection = probe->scheduleSelectionAnalysis;
+    model->setEnvelopes(EnvelopeSet());
+    EXPECT_EQ(probe->setEnvelopes, 2);
+    EXPECT_EQ(probe->scheduleSelectionAnalysis, withSelection + 1);
+}
+
+TEST_F(EditorModelUndoTest, RestoreFitsEnvelopesToTheChannelsAndUndoBringsThemBack) {
+    auto model = testing::probedModel(testing::rampContent(1000, 4), probe);
+    QUndoStack stack;
+    model->setUndoManager(&stack);
+    const GainEnvelope master({EnvelopePoint(10, -3)});
+    const EnvelopeSet fourChannels(master, std::vector<GainEnvelope>(4, GainEnvelope({EnvelopePoint(5, 2)})),
+                                   {1, 2, 3, 4});
+    edit(*model, "Draw", [&](EditState& s) { s.envelope = fourChannels; });
+    EXPECT_EQ(model->envelopes(), fourChannels);
+
+    edit(*model, "Mix Down", [](EditState& s) { s.content = testing::rampContent(1000, 2); });
+    EXPECT_EQ(model->envelopes(), fourChannels.fitted(2));
+    EXPECT_EQ(model->envelopes().master, master);
+    EXPECT_TRUE(model->envelopes().channels.empty());
+
+    stack.undo();
+    EXPECT_EQ(model->envelopes(), fourChannels);
+    stack.undo();
+    EXPECT_EQ(model->envelopes(), EnvelopeSet());
 }
 
 } // namespace
