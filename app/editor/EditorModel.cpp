@@ -140,7 +140,7 @@ void EditorModel::setEnvelopes(EnvelopeSet envelopes) {
 }
 
 void EditorModel::setSelection(std::optional<FrameRange> selection) {
-    if (selection && selection->lower == selection->upper)
+    if (selection && selection->isEmpty())
         selection.reset();
     if (assign(selection_, selection, &EditorModel::selectionChanged))
         analysis_->scheduleSelectionAnalysis(*this);
