@@ -2,10 +2,12 @@
 
 #include "base/Clamped.h"
 #include "base/HarluneError.h"
+#include "base/Precondition.h"
 #include "core/Processing.h"
 #include "editor/Preferences.h"
 
 #include <QCoreApplication>
+#include <QThread>
 #include <QThreadPool>
 #include <QTimer>
 #include <QUndoCommand>
@@ -323,6 +325,7 @@ EditState EditorModel::snapshot() const {
 }
 
 void EditorModel::restore(const EditState& state) {
+    HARLUNE_PRECONDITION(QThread::currentThread() == thread(), "EditorModel used off its thread");
     const AudioContent& next = state.content;
     const int channels = next.channelCount();
     const bool rateChanged = next.sampleRate() != content_.sampleRate();
@@ -379,6 +382,7 @@ void EditorModel::registerUndo(EditState state, const QString& name) {
 
 void EditorModel::process(const QString& name, Work work, std::optional<std::optional<FrameRange>> selection,
                           MarkersProducer markers, EnvelopeProducer envelope) {
+    HARLUNE_PRECONDITION(QThread::currentThread() == thread(), "EditorModel used off its thread");
     if (busy_) {
         if (alertSound_)
             alertSound_();
