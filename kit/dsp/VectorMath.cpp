@@ -1,5 +1,6 @@
 #include "dsp/VectorMath.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -68,6 +69,28 @@ HARLUNE_VECTOR_CLONES void ramp(float* x, int64_t count, float start, float step
 void fill(float* x, int64_t count, float value) {
     for (int64_t i = 0; i < count; ++i)
         x[i] = value;
+}
+
+HARLUNE_VECTOR_CLONES void addScalar(float* x, int64_t count, float value) {
+    for (int64_t i = 0; i < count; ++i)
+        x[i] += value;
+}
+
+HARLUNE_VECTOR_CLONES void add(float* __restrict x, const float* __restrict y, int64_t count) {
+    for (int64_t i = 0; i < count; ++i)
+        x[i] += y[i];
+}
+
+void reverse(float* x, int64_t count) {
+    std::reverse(x, x + count);
+}
+
+HARLUNE_VECTOR_CLONES float sum(const float* x, int64_t count) {
+    float total = 0;
+#pragma omp simd reduction(+ : total)
+    for (int64_t i = 0; i < count; ++i)
+        total += x[i];
+    return total;
 }
 
 } // namespace harlune::vec
