@@ -145,17 +145,81 @@ AudioContent applyingGainRamp(const AudioContent& content, double fromDB, double
     });
 }
 
+namespace {
+
+/// The gains of frames `first ..< first + n` of a fade (frame indices from the range's start),
+/// equal to `gain(shape, t)` to float precision. The trigonometric shapes would cost a libm call
+/// per frame; instead cos and sin are taken directly once per 64 frames and turned by a table of
+/// 64 small angles (the angle-sum identities, in double), which vectorises. The range's first
+/// and last frames are computed directly, so a fade starts and ends exactly.
+void fillFadeGains(float* out, FadeShape shape, FadeDirection direction, int64_t first, int64_t n,
+                   double denominator, int64_t lastIndex) {
+    const bool fadeOut = direction == FadeDirection::fadeOut;
+    const auto base = static_cast<double>(first);
+    switch (shape) {
+    case FadeShape::linear:
+    case FadeShape::logarithmic:
+    case FadeShape::exponential:
+        for (int32_t i = 0; i < static_cast<int32_t>(n); ++i) {
+            double t = (base + static_cast<double>(i)) / denominator;
+            t = fadeOut ? 1.0 - t : t;
+            const double g = shape == FadeShape::linear        ? t
+                             : shape == FadeShape::logarithmic ? 1.0 - (1.0 - t) * (1.0 - t)
+                                                               : t * t * t;
+            out[i] = static_cast<float>(g);
+        }
+        break;
+    case FadeShape::sCurve:
+    case FadeShape::equalPower: {
+        // sCurve: 0.5 -/+ 0.5 cos(pi u); equalPower: sin(pi u / 2) in, cos(pi u / 2) out.
+        const double step = shape == FadeShape::sCurve ? std::numbers::pi / denominator
+                                                       : std::numbers::pi / (2.0 * denominator);
+        constexpr int32_t span = 64;
+        double cosTable[span];
+        double sinTable[span];
+        for (int32_t j = 0; j < span; ++j) {
+            cosTable[j] = std::cos(step * j);
+            sinTable[j] = std::sin(step * j);
+        }
+        for (int64_t b = 0; b < n; b += span) {
+            const double angle = step * static_cast<double>(first + b);
+            const double cb = std::cos(angle);
+            const double sb = std::sin(angle);
+            const auto count = static_cast<int32_t>(std::min<int64_t>(span, n - b));
+            float* o = out + b;
+            if (shape == FadeShape::sCurve) {
+                const double sign = fadeOut ? 0.5 : -0.5;
+                for (int32_t j = 0; j < count; ++j)
+                    o[j] = static_cast<float>(0.5 + sign * (cb * cosTable[j] - sb * sinTable[j]));
+            } else if (fadeOut) {
+                for (int32_t j = 0; j < count; ++j)
+                    o[j] = static_cast<float>(cb * cosTable[j] - sb * sinTable[j]);
+            } else {
+                for (int32_t j = 0; j < count; ++j)
+                    o[j] = static_cast<float>(sb * cosTable[j] + cb * sinTable[j]);
+            }
+        }
+        break;
+    }
+    }
+    const auto exact = [&](int64_t index) {
+        if (index >= first && index < first + n) {
+            const double t = static_cast<double>(index) / denominator;
+            out[index - first] = gain(shape, fadeOut ? 1.0 - t : t);
+        }
+    };
+    exact(0);
+    exact(lastIndex);
+}
+
+} // namespace
+
 AudioContent applyingFade(const AudioContent& content, FadeDirection direction, FadeShape shape,
                           std::optional<FrameRange> range, const std::optional<ChannelSet>& channels) {
     const FrameRange r = clampedRange(content, range);
     const auto denominator = static_cast<double>(std::max<int64_t>(r.length() - 1, 1));
     return applyingSharedGain(content, r, channels, [&](float* gains, int64_t start, int64_t n) {
-        for (int64_t i = 0; i < n; ++i) {
-            double t = static_cast<double>(start + i - r.lower) / denominator;
-            if (direction == FadeDirection::fadeOut)
-                t = 1.0 - t;
-            gains[i] = gain(shape, t);
-        }
+        fillFadeGains(gains, shape, direction, start - r.lower, n, denominator, r.length() - 1);
     });
 }
 

@@ -148,14 +148,17 @@ TEST(ProcessingTest, ApplyingFadeFollowsEachShapeBothWays) {
 }
 
 TEST(ProcessingTest, FadeEndsAreExact) {
-    const AudioContent ones(Planes{std::vector<float>(1001, 1.0f)}, 48000);
-    const auto in = testing::planesOf(applyingFade(ones, FadeDirection::fadeIn, FadeShape::sCurve))[0];
-    EXPECT_EQ(in.front(), 0.0f);
-    EXPECT_EQ(in.back(), 1.0f);
-    EXPECT_NEAR(in[500], 0.5f, 1e-7);
-    const auto out = testing::planesOf(applyingFade(ones, FadeDirection::fadeOut, FadeShape::linear))[0];
-    EXPECT_EQ(out.front(), 1.0f);
-    EXPECT_EQ(out.back(), 0.0f);
+    // Long enough for several chunks, so the ends are far from where the gains were seeded.
+    const AudioContent ones(Planes{std::vector<float>(150'001, 1.0f)}, 48000);
+    for (const FadeShape shape : allFadeShapes()) {
+        const auto in = testing::planesOf(applyingFade(ones, FadeDirection::fadeIn, shape))[0];
+        EXPECT_EQ(in.front(), 0.0f) << rawValue(shape);
+        EXPECT_EQ(in.back(), 1.0f) << rawValue(shape);
+        const auto out = testing::planesOf(applyingFade(ones, FadeDirection::fadeOut, shape))[0];
+        EXPECT_EQ(out.front(), 1.0f) << rawValue(shape);
+        EXPECT_EQ(out.back(), 0.0f) << rawValue(shape);
+        EXPECT_NEAR(in[75'000], gain(shape, 0.5), 1e-7);
+    }
 
     // One frame: t is 0, so a fade in silences it and a fade out gives gain(1) = 1.
     const AudioContent single(Planes{{0.5f}}, 48000);
