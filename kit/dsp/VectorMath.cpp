@@ -1,14 +1,12 @@
 #include "dsp/VectorMath.h"
 
+#include "base/Vectorize.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
 
 namespace harlune::vec {
-
-// Each hot loop is built twice, for AVX2 and for the baseline, and picked at load time: release
-// binaries stay portable while the machine's wider vectors are used where present.
-#define HARLUNE_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 
 HARLUNE_VECTOR_CLONES void expInPlace(float* x, int64_t count) {
     // e^x = 2^n · e^r with n = round(x / ln 2) and |r| <= ln 2 / 2; e^r by its Taylor series to
