@@ -1,6 +1,7 @@
 #include "io/M4aWriter.h"
 
 #include <algorithm>
+#include <mutex>
 #include <string>
 
 extern "C" {
@@ -8,6 +9,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 }
 
 #include "base/HarluneError.h"
@@ -37,6 +39,9 @@ bool M4aWriter::isAvailable(Codec codec) {
 M4aWriter::M4aWriter(const std::filesystem::path& path, const Spec& spec) : spec_(spec) {
     HARLUNE_PRECONDITION(spec.channels >= 1 && spec.channels <= 8 && spec.sampleRate > 0,
                          "M4aWriter needs 1 to 8 channels and a rate");
+    // The program keeps no log: the encoders' chatter on standard error would only confuse.
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
     auto fail = [this](const std::string& what, int status) {
         release();
         return HarluneError::encodeFailed(what + " (" + describe(status) + ")");

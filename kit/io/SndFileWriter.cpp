@@ -6,6 +6,7 @@
 #include <array>
 #include <sndfile.h>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace harlune {
@@ -74,6 +75,18 @@ std::vector<int> channelMap(int channels) {
     }
 }
 
+// libsndfile words a failed system call as "System error : REASON."; the reason alone reads
+// better inside our own message.
+std::string reasonOf(const char* text) {
+    std::string reason = text != nullptr ? text : "unknown error";
+    constexpr std::string_view prefix = "System error : ";
+    if (reason.starts_with(prefix))
+        reason.erase(0, prefix.size());
+    if (!reason.empty() && reason.back() == '.')
+        reason.pop_back();
+    return reason;
+}
+
 } // namespace
 
 const char* SndFileWriter::label(Container container) {
@@ -103,7 +116,7 @@ SndFileWriter::SndFileWriter(const std::filesystem::path& path, const Spec& spec
     file_ = sf_open(path.c_str(), SFM_WRITE, &info);
     if (file_ == nullptr)
         throw HarluneError::encodeFailed(std::string("Creating the ") + label(spec.container) +
-                                         " file failed (" + sf_strerror(nullptr) + ")");
+                                         " file failed (" + reasonOf(sf_strerror(nullptr)) + ")");
 
     // A container that refuses the layout still gets the audio.
     if (std::vector<int> map = channelMap(spec.channels); !map.empty() && spec.container != Container::flac)
@@ -151,7 +164,8 @@ void SndFileWriter::consume(ChunkViews chunk) {
         written = sf_writef_float(file_, floatBuffer_.data(), static_cast<sf_count_t>(frames));
     }
     if (written != static_cast<sf_count_t>(frames))
-        throw HarluneError::encodeFailed(std::string("Writing audio failed (") + sf_strerror(file_) + ")");
+        throw HarluneError::encodeFailed(std::string("Writing audio failed (") +
+                                         reasonOf(sf_strerror(file_)) + ")");
 }
 
 void SndFileWriter::finish() {
@@ -163,7 +177,7 @@ void SndFileWriter::finish() {
     const int status = sf_close(file);
     if (status != 0 || earlier != 0)
         throw HarluneError::encodeFailed(std::string("Finalising the file failed (") +
-                                         sf_error_number(status != 0 ? status : earlier) + ")");
+                                         reasonOf(sf_error_number(status != 0 ? status : earlier)) + ")");
 }
 
 void SndFileWriter::abort() noexcept {

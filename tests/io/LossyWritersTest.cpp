@@ -1,6 +1,4 @@
 // Ogg Opus and MP3: framing checked byte by byte, lengths checked through the real ffmpeg.
-#include <gtest/gtest.h>
-
 #include "IoTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
@@ -8,6 +6,8 @@
 #include "io/OggOpusWriter.h"
 #include "io/OggPageWriter.h"
 #include "support/TestAudio.h"
+
+#include <gtest/gtest.h>
 
 namespace harlune {
 namespace {
@@ -37,7 +37,8 @@ std::vector<OggPage> parsePages(const std::vector<uint8_t>& bytes) {
     std::vector<OggPage> pages;
     size_t at = 0;
     while (at + 27 <= bytes.size()) {
-        EXPECT_EQ(std::string(bytes.begin() + static_cast<ptrdiff_t>(at), bytes.begin() + static_cast<ptrdiff_t>(at) + 4),
+        EXPECT_EQ(std::string(bytes.begin() + static_cast<ptrdiff_t>(at),
+                              bytes.begin() + static_cast<ptrdiff_t>(at) + 4),
                   "OggS");
         OggPage page;
         page.flags = bytes[at + 5];
@@ -61,7 +62,8 @@ std::vector<OggPage> parsePages(const std::vector<uint8_t>& bytes) {
             }
         }
         EXPECT_TRUE(packet.empty()) << "a packet continues past its page";
-        std::vector<uint8_t> copy(bytes.begin() + static_cast<ptrdiff_t>(at), bytes.begin() + static_cast<ptrdiff_t>(body));
+        std::vector<uint8_t> copy(bytes.begin() + static_cast<ptrdiff_t>(at),
+                                  bytes.begin() + static_cast<ptrdiff_t>(body));
         std::fill(copy.begin() + 22, copy.begin() + 26, 0);
         page.crcMatches = OggCRC::checksum(copy) == crc;
         pages.push_back(std::move(page));
@@ -92,7 +94,9 @@ TEST(OggCRC, MatchesTheBitwiseDefinition) {
 
 TEST(OggPageWriter, PacketsNeverSpanPagesAndPagesStopNearTheTarget) {
     std::vector<uint8_t> stream;
-    auto output = [&](std::span<const uint8_t> page) { stream.insert(stream.end(), page.begin(), page.end()); };
+    auto output = [&](std::span<const uint8_t> page) {
+        stream.insert(stream.end(), page.begin(), page.end());
+    };
     OggPageWriter writer(0x12345678);
     const std::vector<size_t> sizes{255, 0, 1000, 3000, 100, 4096, 510, 20};
     for (size_t i = 0; i < sizes.size(); ++i)
@@ -180,7 +184,8 @@ TEST_F(OggOpusFiles, DecodersGiveBackExactlyTheInputLengthAndOpusinfoHasNoCompla
         ASSERT_TRUE(decoded);
         EXPECT_EQ((*decoded)[0].size(), static_cast<size_t>(frames));
         if (testing::haveTool("opusinfo")) {
-            const auto report = testing::runCommand("opusinfo " + testing::shellQuoted(path.string()) + " 2>&1");
+            const auto report =
+                testing::runCommand("opusinfo " + testing::shellQuoted(path.string()) + " 2>&1");
             ASSERT_TRUE(report) << "opusinfo refused the file";
             EXPECT_EQ(report->find("WARNING"), std::string::npos) << *report;
             EXPECT_EQ(report->find("rror"), std::string::npos) << *report;
