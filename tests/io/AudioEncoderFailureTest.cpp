@@ -1,5 +1,5 @@
 // A failed, cancelled or killed export leaves the destination as it was and nothing behind.
-#include "IoTestSupport.h"
+#include "EncodeTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
 #include "support/TestAudio.h"

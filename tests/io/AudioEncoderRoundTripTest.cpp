@@ -1,5 +1,5 @@
 // Every writer checked against the real ffmpeg decoding the file it wrote.
-#include "IoTestSupport.h"
+#include "EncodeTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
 #include "io/M4aWriter.h"

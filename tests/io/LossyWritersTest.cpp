@@ -1,5 +1,5 @@
 // Ogg Opus and MP3: framing checked byte by byte, lengths checked through the real ffmpeg.
-#include "IoTestSupport.h"
+#include "EncodeTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
 #include "io/LameLibrary.h"
