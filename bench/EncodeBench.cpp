@@ -3,6 +3,7 @@
 // points it at a tmpfs, so the disk does not set the pace). Bytes processed are float input.
 #include "base/AudioSource.h"
 #include "io/AudioEncoder.h"
+#include "io/EncodePipeline.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -43,6 +44,21 @@ void encode(benchmark::State& state, ExportFormat format, PCMBitDepth depth, Dit
     std::filesystem::remove(destination);
     state.SetBytesProcessed(state.iterations() * tenMinutes * 2 * static_cast<int64_t>(sizeof(float)));
 }
+
+// The quantizer alone: 24 bits with TPDF dither, chunk by chunk as the writers call it.
+void quantize24WithDither(benchmark::State& state) {
+    const ArraySource& source = tenMinutesOfNoise();
+    std::vector<int32_t> codes(32768 * 2);
+    for (auto _ : state) {
+        Quantizer quantizer(24, true);
+        source.forEachChunk(std::nullopt, 32768, [&](ChunkViews chunk, int64_t) {
+            quantizer.quantize(chunk, codes);
+            benchmark::DoNotOptimize(codes.data());
+        });
+    }
+    state.SetBytesProcessed(state.iterations() * tenMinutes * 2 * static_cast<int64_t>(sizeof(float)));
+}
+BENCHMARK(quantize24WithDither)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 double minimum(const std::vector<double>& values) {
     return *std::min_element(values.begin(), values.end());

@@ -45,7 +45,7 @@ best "flac -5 (16-bit input)" flac -5 -f -s -o "$work/ref16.flac" "$noise16"
 best "flac -5 (24-bit input)" flac -5 -f -s -o "$work/ref24.flac" "$noise"
 best "lame -h -b 320" lame --silent -h -b 320 "$noise" "$work/ref.mp3"
 best "opusenc --bitrate 160" opusenc --quiet --bitrate 160 "$noise" "$work/ref.opus"
-if [ -x "$cli" ] && "$cli" convert --help >/dev/null 2>&1; then
+if [ -x "$cli" ] && "$cli" --help 2>&1 | grep -q "^  convert"; then
     best "harlune-cli convert flac 16" "$cli" convert --bits 16 "$noise" "$work/h16.flac"
     best "harlune-cli convert flac 24" "$cli" convert --bits 24 "$noise" "$work/h24.flac"
     best "harlune-cli convert mp3 320" "$cli" convert --bitrate 320 "$noise" "$work/h.mp3"

@@ -4,6 +4,7 @@
 #include "base/Precondition.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
 
@@ -102,27 +103,106 @@ namespace {
 // integer, ties to even, in the default rounding mode, without a library call.
 constexpr double roundingMagic = 6755399441055744.0;
 
-template <bool withDither>
-void quantizeChannel(Quantizer& q, const float* source, size_t frames, int32_t* out, size_t stride) {
-    const double scale = static_cast<double>(int64_t{1} << (q.bits - 1));
-    const double lo = -scale;
-    const double hi = scale - 1.0;
-    const int shift = 32 - q.bits;
-    for (size_t f = 0; f < frames; ++f) {
-        double v = scale * static_cast<double>(source[f]);
-        if constexpr (withDither) {
-            const double u1 = q.draw();
-            const double u2 = q.draw();
-            v += u1 - u2;
-        }
-        int32_t code = 0;
-        if (v == v) { // not NaN
-            v = std::min(std::max(v, lo), hi);
-            const double rounded = (v + roundingMagic) - roundingMagic;
-            code = static_cast<int32_t>(static_cast<int64_t>(rounded) * (int64_t{1} << shift));
-        }
-        out[f * stride] = code;
+uint64_t xorshiftStep(uint64_t x) {
+    x ^= x >> 12;
+    x ^= x << 25;
+    x ^= x >> 27;
+    return x;
+}
+
+// The generator's output, scaled so that (a − b) × 2^-53 is u1 − u2 exactly: both are multiples
+// of 2^-53 below 1, so their difference needs no rounding.
+int64_t scaledOutput(uint64_t x) {
+    return static_cast<int64_t>((x * 0x2545F4914F6CDD1DULL) >> 11);
+}
+
+// The xorshift step is linear over GF(2), so n steps are one 64 × 64 bit matrix, and the state n
+// draws ahead costs a few matrix products instead of n dependent steps. That lets a channel's
+// draws be made by four independent chains at once, giving exactly the sequence of one chain.
+class XorshiftJump {
+public:
+    XorshiftJump() {
+        for (int b = 0; b < 64; ++b)
+            powers_[0][static_cast<size_t>(b)] = xorshiftStep(uint64_t{1} << b);
+        for (size_t i = 1; i < powers_.size(); ++i)
+            for (size_t b = 0; b < 64; ++b)
+                powers_[i][b] = apply(powers_[i - 1], powers_[i - 1][b]);
     }
+
+    /// The state `steps` draws after `x`.
+    uint64_t advance(uint64_t x, uint64_t steps) const {
+        for (size_t i = 0; steps != 0 && i < powers_.size(); ++i, steps >>= 1)
+            if (steps & 1)
+                x = apply(powers_[i], x);
+        return x;
+    }
+
+private:
+    using Matrix = std::array<uint64_t, 64>; // column b: the image of bit b
+    static uint64_t apply(const Matrix& m, uint64_t x) {
+        uint64_t result = 0;
+        for (size_t b = 0; x != 0; ++b, x >>= 1)
+            if (x & 1)
+                result ^= m[b];
+        return result;
+    }
+    std::array<Matrix, 48> powers_{}; // 2^0 ... 2^47 steps
+};
+
+struct SampleCoder {
+    double scale;
+    double lo;
+    double hi;
+    int64_t multiplier;
+
+    explicit SampleCoder(int bits)
+        : scale(static_cast<double>(int64_t{1} << (bits - 1))), lo(-scale), hi(scale - 1.0),
+          multiplier(int64_t{1} << (32 - bits)) {}
+
+    int32_t code(double v) const {
+        if (!(v == v)) // NaN
+            return 0;
+        v = std::min(std::max(v, lo), hi);
+        const double rounded = (v + roundingMagic) - roundingMagic;
+        return static_cast<int32_t>(static_cast<int64_t>(rounded) * multiplier);
+    }
+
+    int32_t dithered(float sample, uint64_t& state) const {
+        const uint64_t first = xorshiftStep(state);
+        const uint64_t second = xorshiftStep(first);
+        state = second;
+        const double noise = static_cast<double>(scaledOutput(first) - scaledOutput(second)) * 0x1.0p-53;
+        return code(scale * static_cast<double>(sample) + noise);
+    }
+};
+
+void quantizePlain(const SampleCoder& coder, const float* source, size_t frames, int32_t* out,
+                   size_t stride) {
+    for (size_t f = 0; f < frames; ++f)
+        out[f * stride] = coder.code(coder.scale * static_cast<double>(source[f]));
+}
+
+void quantizeDithered(const SampleCoder& coder, uint64_t& rng, const float* source, size_t frames,
+                      int32_t* out, size_t stride) {
+    constexpr size_t lanes = 4;
+    const size_t perLane = frames >= 256 ? frames / lanes : 0;
+    size_t f = 0;
+    if (perLane > 0) {
+        static const XorshiftJump jump;
+        uint64_t state[lanes];
+        state[0] = rng;
+        for (size_t j = 1; j < lanes; ++j)
+            state[j] = jump.advance(state[j - 1], 2 * perLane);
+        for (size_t i = 0; i < perLane; ++i)
+            for (size_t j = 0; j < lanes; ++j) {
+                const size_t frame = j * perLane + i;
+                out[frame * stride] = coder.dithered(source[frame], state[j]);
+            }
+        rng = state[lanes - 1];
+        f = lanes * perLane;
+    }
+    for (; f < frames; ++f)
+        out[f * stride] = coder.dithered(source[f], rng);
 }
 
 } // namespace
@@ -135,11 +215,12 @@ void Quantizer::quantize(ChunkViews chunk, std::span<int32_t> into) {
     HARLUNE_PRECONDITION(into.size() >= frames * channels, "Quantizer output too small");
     HARLUNE_PRECONDITION(bits == 16 || bits == 24 || bits == 32, "Quantizer bits must be 16, 24 or 32");
     const bool useDither = dither && bits < 32;
+    const SampleCoder coder(bits);
     for (size_t c = 0; c < channels; ++c) {
         if (useDither)
-            quantizeChannel<true>(*this, chunk[c].data(), frames, into.data() + c, channels);
+            quantizeDithered(coder, rng, chunk[c].data(), frames, into.data() + c, channels);
         else
-            quantizeChannel<false>(*this, chunk[c].data(), frames, into.data() + c, channels);
+            quantizePlain(coder, chunk[c].data(), frames, into.data() + c, channels);
     }
 }
 

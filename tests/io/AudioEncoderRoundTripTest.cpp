@@ -66,8 +66,9 @@ TEST_F(AudioEncoderRoundTrip, LosslessFormatsGiveBackTheSamplesWithinOneQuantisa
         const auto decoded = testing::decodeWithFFmpeg(path, 2);
         ASSERT_TRUE(decoded) << path;
         ASSERT_EQ((*decoded)[0].size(), planes[0].size()) << path;
-        if (c.format == ExportFormat::alac)
+        if (c.format == ExportFormat::alac) {
             EXPECT_EQ(testing::probeStream(path, "sample_rate"), "44100") << path;
+        }
         // Rounding to nearest is off by half a step at most, once the top of the scale, which
         // has no code of its own, is clipped one step below full scale.
         const double step = std::ldexp(1.0, 1 - bits(c.depth));

@@ -224,6 +224,38 @@ TEST(Quantizer, MatchesAReferenceForEveryDepthWithAndWithoutDither) {
         }
 }
 
+TEST(Quantizer, TheNoiseRunsOnAcrossChunksOfAnyLength) {
+    const Planes planes = testing::noisePlanes(2, 5000, 12);
+    std::vector<int32_t> whole(10000);
+    Quantizer(24, true).quantize(viewsOf(planes), whole);
+    Quantizer pieces(24, true);
+    std::vector<int32_t> joined;
+    size_t from = 0;
+    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u}) {
+        std::vector<int32_t> part(length * 2);
+        pieces.quantize(viewsOf(planes, from, length), part);
+        joined.insert(joined.end(), part.begin(), part.end());
+        from += length;
+    }
+    ASSERT_EQ(from, 5000u);
+    // Chunked, the draws come channel by channel within each chunk: compare with a reference.
+    ReferenceQuantizer reference{24, true};
+    from = 0;
+    size_t at = 0;
+    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u}) {
+        std::vector<int64_t> expected(length * 2);
+        for (size_t c = 0; c < 2; ++c)
+            for (size_t f = 0; f < length; ++f)
+                expected[f * 2 + c] = reference.code(planes[c][from + f]) * 256;
+        for (size_t i = 0; i < expected.size(); ++i)
+            ASSERT_EQ(joined[at + i], expected[i]) << "chunk at " << from << ", value " << i;
+        at += expected.size();
+        from += length;
+    }
+    EXPECT_EQ(pieces.rng, reference.x);
+    EXPECT_NE(joined, whole); // the order of draws differs, the material does not
+}
+
 TEST(Quantizer, FullScaleGivesTheLargestCodeAndNaNGivesZero) {
     const Planes planes{{1.0f, -1.0f, std::nanf(""), 0.25f}};
     Quantizer quantizer(16, true);
