@@ -63,7 +63,16 @@ M4aWriter::M4aWriter(const std::filesystem::path& path, const Spec& spec) : spec
 
     codec_->sample_rate = static_cast<int>(spec.sampleRate);
     codec_->time_base = AVRational{1, codec_->sample_rate};
-    av_channel_layout_default(&codec_->ch_layout, spec.channels);
+    // The encoder's own list of layouts comes first: ALAC, for one, takes 3.0 but not 2.1.
+    bool haveLayout = false;
+    for (const AVChannelLayout* layout = encoder->ch_layouts; layout != nullptr && layout->nb_channels != 0;
+         ++layout)
+        if (layout->nb_channels == spec.channels) {
+            haveLayout = av_channel_layout_copy(&codec_->ch_layout, layout) == 0;
+            break;
+        }
+    if (!haveLayout)
+        av_channel_layout_default(&codec_->ch_layout, spec.channels);
     if (spec.codec == Codec::alac) {
         const bool wide = spec.bitDepth != PCMBitDepth::int16;
         codec_->sample_fmt = wide ? AV_SAMPLE_FMT_S32P : AV_SAMPLE_FMT_S16P;

@@ -157,6 +157,22 @@ TEST_F(AudioEncoderRoundTrip, ChannelLayoutsAreWrittenForSurroundFiles) {
     EXPECT_EQ((*decoded)[5].size(), 4800u);
 }
 
+TEST_F(AudioEncoderRoundTrip, AlacTakesTheChannelCountsWhoseDefaultLayoutItRefuses) {
+    for (const int channels : {3, 7, 8}) {
+        Planes planes = testing::noisePlanes(channels, 5000, static_cast<uint32_t>(channels));
+        for (auto& plane : planes)
+            for (float& x : plane)
+                x *= 0.5f;
+        const ArraySource source(planes, 48000);
+        const auto path = folder / ("surround" + std::to_string(channels) + ".m4a");
+        AudioEncoder::write(source, std::nullopt, path, settings(ExportFormat::alac, PCMBitDepth::int16));
+        const auto decoded = testing::decodeWithFFmpeg(path, channels);
+        ASSERT_TRUE(decoded) << channels;
+        ASSERT_EQ((*decoded)[0].size(), 5000u);
+        EXPECT_LE(largestError(planes, *decoded, 1.0 / 32768), 0.5 + 1e-9) << channels;
+    }
+}
+
 TEST_F(AudioEncoderRoundTrip, AacKeepsTheLengthClassAndTheBitRateTheEncoderTook) {
     const ArraySource source(testing::noisePlanes(2, 48000, 3), 48000);
     const auto path = folder / "lossy.m4a";
