@@ -45,19 +45,23 @@ inline Float4 max4(Float4 a, Float4 b) {
     return a > b ? a : b;
 }
 
-inline float scalarPhase(const float* taps, const float* x) {
+// One position of one phase, summed in the order the vector kernels use, fused or not like them,
+// so that a position gives the same value whether it falls in a vector step or in a tail.
+template <bool fused>
+float scalarPhase(const float* taps, const float* x) {
     float sum = 0;
     for (int k = 0; k < tapCount; ++k)
-        sum += x[k] * taps[k];
+        sum = fused ? std::fma(x[k], taps[k], sum) : sum + x[k] * taps[k];
     return sum;
 }
 
-template <int P> float scalarTail(const float* taps, const float* x, int from, int count, float* curve) {
+template <int P, bool fused>
+float scalarTail(const float* taps, const float* x, int from, int count, float* curve) {
     float best = 0;
     for (int i = from; i < count; ++i) {
         float m = curve ? curve[i] : 0.0f;
         for (int p = 0; p < P; ++p)
-            m = std::max(m, std::fabs(scalarPhase(taps + p * tapCount, x + i)));
+            m = std::max(m, std::fabs(scalarPhase<fused>(taps + p * tapCount, x + i)));
         if (curve)
             curve[i] = m;
         best = std::max(best, m);
@@ -92,7 +96,7 @@ template <int P> float phasesGeneric(const float* taps, const float* x, int coun
         }
         best = max4(best, max4(ma, mb));
     }
-    float result = scalarTail<P>(taps, x, i, count, curve);
+    float result = scalarTail<P, false>(taps, x, i, count, curve);
     for (int lane = 0; lane < 4; ++lane)
         result = std::max(result, best[lane]);
     return result;
@@ -134,7 +138,7 @@ __attribute__((target("avx2,fma"))) float phasesAVX2(const float* taps, const fl
     }
     alignas(32) float lanes[8];
     _mm256_store_ps(lanes, best);
-    float result = scalarTail<P>(taps, x, i, count, curve);
+    float result = scalarTail<P, true>(taps, x, i, count, curve);
     for (const float lane : lanes)
         result = std::max(result, lane);
     return result;
