@@ -116,6 +116,9 @@ void LoudnessEngine::process(ChunkViews chunk) {
     if (channelCount_ == 0 || static_cast<int>(chunk.size()) < channelCount_)
         return;
     const auto frames = static_cast<int64_t>(chunk[0].size());
+    for (int c = 1; c < channelCount_; ++c)
+        HARLUNE_PRECONDITION(static_cast<int64_t>(chunk[static_cast<size_t>(c)].size()) == frames,
+                             "loudness chunk views differ in length");
     for (int64_t offset = 0; offset < frames; offset += maxCall)
         processPiece(chunk, static_cast<int>(offset),
                      static_cast<int>(std::min<int64_t>(maxCall, frames - offset)));
