@@ -3,6 +3,7 @@
 #include "dsp/LoudnessResult.h"
 
 #include <cstddef>
+#include <functional>
 
 namespace harlune {
 

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <regex>
+#include <optional>
 
 namespace harlune {
 namespace {
@@ -25,6 +25,19 @@ CliResult cli(std::vector<std::string> arguments) {
     const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
     return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
             result.stderrText};
+}
+
+// The number after the first `label` in `text` (std::regex trips a false warning of g++ 12 under
+// the sanitizers, so this reads it by hand).
+std::optional<double> numberAfter(const std::string& text, const std::string& label) {
+    const auto at = text.find(label);
+    if (at == std::string::npos)
+        return std::nullopt;
+    try {
+        return std::stod(text.substr(at + label.size()));
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 class LoudnessCommand : public ::testing::Test {
@@ -87,11 +100,12 @@ TEST_F(LoudnessCommand, agreesWithTheAnalyzerAndWithFFmpegsMeter) {
     const auto at = meter.stderrText.rfind("Summary:");
     ASSERT_NE(at, std::string::npos) << meter.stderrText;
     const std::string summary = meter.stderrText.substr(at);
-    std::smatch match;
-    ASSERT_TRUE(std::regex_search(summary, match, std::regex(R"(I:\s+(-?[0-9.]+) LUFS)"))) << summary;
-    EXPECT_NEAR(r["integratedLUFS"].get<double>(), std::stod(match[1]), 0.06);
-    ASSERT_TRUE(std::regex_search(summary, match, std::regex(R"(Peak:\s+(-?[0-9.]+) dBFS)")));
-    EXPECT_NEAR(r["truePeakDBTP"].get<double>(), std::stod(match[1]), 0.3);
+    const auto integrated = numberAfter(summary, "I:");
+    ASSERT_TRUE(integrated) << summary;
+    EXPECT_NEAR(r["integratedLUFS"].get<double>(), *integrated, 0.06);
+    const auto peak = numberAfter(summary, "Peak:");
+    ASSERT_TRUE(peak) << summary;
+    EXPECT_NEAR(r["truePeakDBTP"].get<double>(), *peak, 0.3);
 }
 
 TEST_F(LoudnessCommand, printsTheFiguresAsThePanelShowsThem) {
