@@ -27,7 +27,9 @@ BiquadCoefficients highPass(double sampleRate) {
 } // namespace KWeighting
 
 KWeightingFilter::KWeightingFilter(double sampleRate)
-    : setup{KWeighting::shelf(sampleRate), KWeighting::highPass(sampleRate)}, output_(65536) {}
+    : setup{KWeighting::shelf(sampleRate), KWeighting::highPass(sampleRate)} {
+    output_.reserve(65536);
+}
 
 std::span<const double> KWeightingFilter::process(std::span<const float> samples) {
     const int count = static_cast<int>(samples.size());

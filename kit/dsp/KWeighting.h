@@ -1,7 +1,7 @@
 #pragma once
 
 #include "dsp/BiquadCoefficients.h"
-#include "dsp/DoubleScratch.h"
+#include "dsp/Buffers.h"
 
 #include <array>
 #include <span>
