@@ -24,6 +24,10 @@ TEST(EffectKindTest, TableInOrder) {
         EXPECT_EQ(displayName(kind), names[i]);
         EXPECT_EQ(effectKindFromRawValue(raws[i]), kind);
         EXPECT_EQ(EffectSettings::defaultSettings(kind).kind(), kind);
+        EXPECT_EQ(defaultSettings(kind).kind(), kind);
+        if (kind != EffectKind::eq) { // EQ bands get fresh ids each time
+            EXPECT_EQ(defaultSettings(kind), EffectSettings::defaultSettings(kind));
+        }
     }
     EXPECT_FALSE(effectKindFromRawValue("Reverb"));
     EXPECT_EQ(category(EffectKind::distortion), EffectCategory::tone);

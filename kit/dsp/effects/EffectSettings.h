@@ -66,6 +66,11 @@ private:
     Value value_;
 };
 
+/// The settings of a kind built from each field's default (`EffectSettings::defaultSettings`).
+inline EffectSettings defaultSettings(EffectKind kind) {
+    return EffectSettings::defaultSettings(kind);
+}
+
 /// {"<case name>": {"_0": {record}}}. Decoding throws nlohmann::json::exception: for a top-level
 /// object with other than one key ("Invalid number of keys found, expected one."), an unknown
 /// case, a missing "_0", a missing field or an unknown enum string.
