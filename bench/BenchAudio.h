@@ -23,14 +23,13 @@ inline const ArraySource& tenMinutesOfStereoNoise() {
     return source;
 }
 
-/// Repeated runs on a shared machine: the minimum is the figure least disturbed by others.
-inline benchmark::internal::Benchmark* repeatedWithMinimum(benchmark::internal::Benchmark* b,
-                                                           int repetitions) {
+/// On a shared machine, run with --benchmark_repetitions=N: the minimum is the figure least
+/// disturbed by others.
+inline benchmark::internal::Benchmark* withMinimum(benchmark::internal::Benchmark* b) {
     return b->Unit(benchmark::kMillisecond)
         ->UseRealTime()
         ->MeasureProcessCPUTime() // the CPU column counts every thread
         ->Iterations(1)
-        ->Repetitions(repetitions)
         ->ComputeStatistics(
             "min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
 }

@@ -20,7 +20,7 @@ void resample48To44(benchmark::State& state) {
     state.counters["xRealTime"] =
         benchmark::Counter(600.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK(resample48To44)->Apply([](benchmark::internal::Benchmark* b) { bench::repeatedWithMinimum(b, 5); });
+BENCHMARK(resample48To44)->Apply([](benchmark::internal::Benchmark* b) { bench::withMinimum(b); });
 
 } // namespace
 } // namespace harlune

@@ -24,7 +24,7 @@ void stretchTempo125(benchmark::State& state) {
     state.SetLabel(engine == TimePitch::Engine::finer ? "R3" : "R2");
 }
 BENCHMARK(stretchTempo125)->Arg(0)->Arg(1)->Apply([](benchmark::internal::Benchmark* b) {
-    bench::repeatedWithMinimum(b, 3);
+    bench::withMinimum(b);
 });
 
 } // namespace
