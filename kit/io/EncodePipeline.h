@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/FunctionRef.h"
+#include "dsp/SampleRateConverter.h"
 #include "io/ChunkSink.h"
 
 #include <cstdint>
@@ -88,15 +90,15 @@ public:
     /// made for the two rates. `maxChunk`: the most frames one `consume` gets.
     ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                    std::unique_ptr<ChunkSink> next);
-    ~ResamplerStage() override;
 
     void consume(ChunkViews chunk) override;
     void finish() override;
     void abort() noexcept override;
 
 private:
-    struct Converter;
-    std::unique_ptr<Converter> converter_;
+    void convert(FunctionRef<void(SampleRateConverter::Output)> run);
+
+    SampleRateConverter converter_;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
 };

@@ -156,6 +156,66 @@ TEST(LengthEnforcer, AbortReachesTheEnd) {
     EXPECT_TRUE(aborted);
 }
 
+TEST(ResamplerStage, GivesExactlyTheRoundedLengthAndKeepsThePitch) {
+    const int64_t frames = 44100 + 4321;
+    Planes sine(2, std::vector<float>(static_cast<size_t>(frames)));
+    for (int64_t i = 0; i < frames; ++i) {
+        sine[0][static_cast<size_t>(i)] = static_cast<float>(0.5 * std::sin(2 * M_PI * 1000.0 * static_cast<double>(i) / 44100.0));
+        sine[1][static_cast<size_t>(i)] = -sine[0][static_cast<size_t>(i)];
+    }
+    const auto expected = static_cast<int64_t>(std::llround(frames * 48000.0 / 44100.0));
+    Planes out;
+    bool finished = false;
+    ResamplerStage stage(
+        44100, 48000, 2, 32768,
+        std::make_unique<LengthEnforcer>(expected, 2, std::make_unique<CollectingSink>(&out, &finished)));
+    size_t from = 0;
+    for (const size_t length : {1u, 999u, 32768u, 7u}) {
+        stage.consume(viewsOf(sine, from, length));
+        from += length;
+    }
+    stage.consume(viewsOf(sine, from));
+    stage.finish();
+    EXPECT_TRUE(finished);
+    ASSERT_EQ(out[0].size(), static_cast<size_t>(expected));
+    // Away from the ends, the output is the same sine sampled at 48 kHz, in time with the input.
+    double worst = 0;
+    for (int64_t k = 2000; k < expected - 2000; ++k) {
+        const double reference = 0.5 * std::sin(2 * M_PI * 1000.0 * static_cast<double>(k) / 48000.0);
+        worst = std::max({worst, std::abs(out[0][static_cast<size_t>(k)] - reference),
+                          std::abs(out[1][static_cast<size_t>(k)] + reference)});
+    }
+    EXPECT_LT(worst, 1e-4);
+}
+
+/// The end of a chain that refuses everything, as a full disk would.
+class FailingSink final : public ChunkSink {
+public:
+    void consume(ChunkViews) override {
+        throw HarluneError::encodeFailed("Writing audio failed (disk full)");
+    }
+    void finish() override {}
+    void abort() noexcept override {}
+};
+
+TEST(ResamplerStage, RefusedRatesAndFailuresBehindItKeepTheirMessages) {
+    try {
+        ResamplerStage stage(-1, 48000, 1, 32768, std::make_unique<FailingSink>());
+        FAIL() << "a negative rate was taken";
+    } catch (const HarluneError& error) {
+        EXPECT_EQ(error.detail(), "can\u2019t convert -1 Hz to 48000 Hz");
+    }
+    ResamplerStage stage(44100, 48000, 1, 32768, std::make_unique<FailingSink>());
+    const Planes input = testing::noisePlanes(1, 40000);
+    try {
+        stage.consume(viewsOf(input));
+        stage.finish();
+        FAIL() << "the failure behind the converter was lost";
+    } catch (const HarluneError& error) {
+        EXPECT_EQ(error.detail(), "Writing audio failed (disk full)");
+    }
+}
+
 // Quantizer -----------------------------------------------------------------------------------
 
 // An independent reference: the generator written out again, rounding by the C library.
