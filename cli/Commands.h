@@ -7,5 +7,6 @@ namespace harlune::cli {
 // One factory per subcommand, each in its own file.
 Command infoCommand();
 Command convertCommand();
+Command loudnessCommand();
 
 } // namespace harlune::cli
