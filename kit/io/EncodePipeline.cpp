@@ -226,25 +226,59 @@ void Quantizer::quantize(ChunkViews chunk, std::span<int32_t> into) {
 
 // ResamplerStage ------------------------------------------------------------------------------
 
-struct ResamplerStage::Converter {};
+namespace {
 
+SampleRateConverter makeConverter(int channels, double fromRate, double toRate) {
+    try {
+        return SampleRateConverter(channels, fromRate, toRate);
+    } catch (const HarluneError&) {
+        throw HarluneError::encodeFailed("can\u2019t convert " +
+                                         std::to_string(static_cast<int64_t>(fromRate)) + " Hz to " +
+                                         std::to_string(static_cast<int64_t>(toRate)) + " Hz");
+    }
+}
+
+} // namespace
+
+// The converter takes chunks of any length and hands its output on in pieces as they come, so
+// `maxChunk` sizes nothing here.
 ResamplerStage::ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                                std::unique_ptr<ChunkSink> next)
-    : channels_(channels), next_(std::move(next)) {
-    (void)maxChunk;
-    // No converter is built in yet.
-    throw HarluneError::encodeFailed("can\u2019t convert " + std::to_string(static_cast<int64_t>(fromRate)) +
-                                     " Hz to " + std::to_string(static_cast<int64_t>(toRate)) + " Hz");
+    : converter_(makeConverter(channels, fromRate, toRate)), channels_(channels), next_(std::move(next)) {
+    HARLUNE_PRECONDITION(next_ != nullptr && maxChunk > 0, "ResamplerStage needs a next stage");
 }
-
-ResamplerStage::~ResamplerStage() = default;
 
 void ResamplerStage::consume(ChunkViews chunk) {
-    next_->consume(chunk);
+    if (chunk.empty() || chunk.front().empty())
+        return;
+    HARLUNE_PRECONDITION(static_cast<int>(chunk.size()) == channels_,
+                         "ResamplerStage got the wrong channel count");
+    convert([&](SampleRateConverter::Output output) { converter_.process(chunk, output); });
 }
+
 void ResamplerStage::finish() {
+    convert([&](SampleRateConverter::Output output) { converter_.finish(output); });
     next_->finish();
 }
+
+// The converter's own failures read "sample-rate conversion failed: REASON"; what the stages
+// behind it throw passes on unchanged.
+void ResamplerStage::convert(FunctionRef<void(SampleRateConverter::Output)> run) {
+    bool inNext = false;
+    auto output = [&](ChunkViews out) {
+        inNext = true;
+        next_->consume(out);
+        inNext = false;
+    };
+    try {
+        run(output);
+    } catch (const HarluneError& error) {
+        if (inNext || error.kind() != HarluneError::Kind::encodeFailed)
+            throw;
+        throw HarluneError::encodeFailed("sample-rate conversion failed: " + error.detail());
+    }
+}
+
 void ResamplerStage::abort() noexcept {
     next_->abort();
 }

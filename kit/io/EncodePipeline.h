@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/FunctionRef.h"
+#include "dsp/SampleRateConverter.h"
 #include "io/ChunkSink.h"
 
 #include <cstdint>
@@ -50,8 +52,9 @@ private:
 };
 
 /// Turns float samples into integer codes, with optional triangular (TPDF) dither of at most
-/// one least significant bit. The noise comes from a xorshift64* generator seeded the same for
-/// every file, so two exports of the same material give the same bytes.
+/// one least significant bit: u1 − u2 of two successive xorshift64* draws (x ^= x >> 12,
+/// x ^= x << 25, x ^= x >> 27; a draw is ((x × 0x2545F4914F6CDD1D) >> 11) × 2^-53). The state
+/// starts at `seed` for every file, so two exports of the same material give the same bytes.
 struct Quantizer {
     static constexpr uint64_t seed = 0x9E3779B97F4A7C15ULL;
 
@@ -68,35 +71,26 @@ struct Quantizer {
     /// and clamped to the code range. Channels are quantized one after the other, which fixes
     /// the order of the noise draws.
     void quantize(ChunkViews chunk, std::span<int32_t> into);
-
-    /// One xorshift64* step: a double in [0, 1).
-    double draw() {
-        uint64_t x = rng;
-        x ^= x >> 12;
-        x ^= x << 25;
-        x ^= x >> 27;
-        rng = x;
-        return static_cast<double>((x * 0x2545F4914F6CDD1DULL) >> 11) * 0x1.0p-53;
-    }
 };
 
 /// The sample-rate conversion stage: converts every chunk from one rate to another and passes
-/// the converted frames on, in pieces as the converter delivers them.
+/// the converted frames on, in pieces as the converter delivers them. (The dsp module's
+/// `Resampler` converts whole sources; this is its streaming counterpart for the encode chain.)
 class ResamplerStage final : public ChunkSink {
 public:
     /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
     /// made for the two rates. `maxChunk`: the most frames one `consume` gets.
     ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                    std::unique_ptr<ChunkSink> next);
-    ~ResamplerStage() override;
 
     void consume(ChunkViews chunk) override;
     void finish() override;
     void abort() noexcept override;
 
 private:
-    struct Converter;
-    std::unique_ptr<Converter> converter_;
+    void convert(FunctionRef<void(SampleRateConverter::Output)> run);
+
+    SampleRateConverter converter_;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
 };

@@ -101,18 +101,6 @@ TEST(AudioEncoderFailure, CancellingLeavesTheOldFileAndNoTemporaryFile) {
     EXPECT_EQ(folder.entries(), std::vector<std::string>{"old.flac"});
 }
 
-TEST(AudioEncoderFailure, ARateChangeWithoutAConverterFailsCleanly) {
-    testing::TemporaryFolder folder;
-    const ArraySource source(testing::noisePlanes(2, 1000), 44100);
-    const auto error = errorFrom([&] {
-        AudioEncoder::write(source, std::nullopt, folder / "x.opus",
-                            EncodeSettings::defaults(ExportFormat::opus));
-    });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->detail(), "can\u2019t convert 44100 Hz to 48000 Hz");
-    EXPECT_TRUE(folder.entries().empty());
-}
-
 TEST(AudioEncoderFailure, KillingTheProcessMidWriteLeavesTheOldFile) {
     testing::TemporaryFolder folder;
     const auto destination = folder / "old.wav";

@@ -7,6 +7,7 @@
 #include "io/OggPageWriter.h"
 #include "support/TestAudio.h"
 
+#include <cmath>
 #include <gtest/gtest.h>
 
 namespace harlune {
@@ -191,6 +192,33 @@ TEST_F(OggOpusFiles, DecodersGiveBackExactlyTheInputLengthAndOpusinfoHasNoCompla
             EXPECT_EQ(report->find("rror"), std::string::npos) << *report;
         }
     }
+}
+
+TEST_F(OggOpusFiles, ASurroundSourceAt44100IsFoldedAndConvertedToExactLength) {
+    if (!testing::haveTool("ffmpeg"))
+        GTEST_SKIP() << "needs ffmpeg";
+    // Eight channels: the front left carries a tone, everything else is silent.
+    const int64_t frames = 44100 + 1001;
+    Planes planes(8, std::vector<float>(static_cast<size_t>(frames), 0.0f));
+    for (int64_t i = 0; i < frames; ++i)
+        planes[0][static_cast<size_t>(i)] =
+            static_cast<float>(0.5 * std::sin(2 * M_PI * 440.0 * static_cast<double>(i) / 44100.0));
+    const ArraySource source(planes, 44100);
+    const auto path = folder / "folded.opus";
+    AudioEncoder::write(source, std::nullopt, path, EncodeSettings::defaults(ExportFormat::opus));
+    const auto decoded = testing::decodeWithFFmpeg(path, 2);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ((*decoded)[0].size(), static_cast<size_t>(std::llround(frames * 48000.0 / 44100.0)));
+    // The 8-channel row puts the front left on the left only, divided by the row's sum.
+    double left = 0;
+    double right = 0;
+    for (size_t i = 10000; i < 40000; ++i) {
+        left += (*decoded)[0][i] * (*decoded)[0][i];
+        right += (*decoded)[1][i] * (*decoded)[1][i];
+    }
+    const double rowSum = 1.0 + 3 * 0.70710677;
+    EXPECT_NEAR(std::sqrt(left / 30000), 0.5 / std::sqrt(2.0) / rowSum, 0.01);
+    EXPECT_LT(right, left * 1e-3);
 }
 
 TEST_F(OggOpusFiles, MonoHeadAndTwoExportsDifferOnlyInTheSerial) {
