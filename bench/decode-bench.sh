@@ -23,32 +23,39 @@ echo "generating $seconds s of stereo 48 kHz audio in $work ..."
 ffmpeg -nostdin -v error -y "${source[@]}" -c:a pcm_s24le "$work/long.wav"
 ffmpeg -nostdin -v error -y "${source[@]}" -c:a aac -b:a 192k "$work/long.m4a"
 
-# best wall time (s) and its peak resident memory (kB) over $runs runs
+# best wall time (s), best CPU time (user + system, s, children included) and the largest peak
+# resident memory (kB) over $runs runs. On a shared machine the CPU figure is the steadier one.
 measure() {
-    local best_time="" best_rss=""
+    local best_wall="" best_cpu="" max_rss=0
     for _ in $(seq "$runs"); do
         /usr/bin/time -v -o "$work/time.txt" "$@" >/dev/null 2>"$work/stderr.txt" || { cat "$work/stderr.txt" >&2; exit 1; }
-        local wall rss
+        local wall cpu rss
         wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, p, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + p[i]; print s}' "$work/time.txt")
+        cpu=$(awk -F': ' '/User time|System time/ {s += $2} END {print s}' "$work/time.txt")
         rss=$(awk -F': ' '/Maximum resident set size/ {print $2}' "$work/time.txt")
-        if [ -z "$best_time" ] || awk -v a="$wall" -v b="$best_time" 'BEGIN {exit !(a < b)}'; then
-            best_time=$wall; best_rss=$rss
-        fi
+        if [ -z "$best_wall" ] || awk -v a="$wall" -v b="$best_wall" 'BEGIN {exit !(a < b)}'; then best_wall=$wall; fi
+        if [ -z "$best_cpu" ] || awk -v a="$cpu" -v b="$best_cpu" 'BEGIN {exit !(a < b)}'; then best_cpu=$cpu; fi
+        [ "$rss" -gt "$max_rss" ] && max_rss=$rss
     done
-    echo "$best_time $best_rss"
+    echo "$best_wall $best_cpu $max_rss"
 }
 
 frames=$((seconds * 48000))
 float_kb=$((frames * 2 * 4 / 1024))
 
-read -r ref_t ref_m < <(measure "$bin/harlune-decode-reference" "$work/long.wav")
-read -r cli_t cli_m < <(measure "$bin/harlune-cli" info --decode "$work/long.wav")
-read -r ff_t ff_m < <(measure ffmpeg -nostdin -v error -i "$work/long.m4a" -f null -)
-read -r aac_t aac_m < <(measure "$bin/harlune-cli" info --decode "$work/long.m4a")
+read -r ref_t ref_c ref_m < <(measure "$bin/harlune-decode-reference" "$work/long.wav")
+read -r cli_t cli_c cli_m < <(measure "$bin/harlune-cli" info --decode "$work/long.wav")
+read -r ff_t ff_c ff_m < <(measure ffmpeg -nostdin -v error -i "$work/long.m4a" -f null -)
+read -r aac_t aac_c aac_m < <(measure "$bin/harlune-cli" info --decode "$work/long.m4a")
 
-awk -v rt="$ref_t" -v rm="$ref_m" -v ct="$cli_t" -v cm="$cli_m" -v ft="$ff_t" -v at="$aac_t" -v am="$aac_m" \
-    -v fk="$float_kb" -v runs="$runs" 'BEGIN {
-    printf "best of %d runs; audio as 32-bit float: %.0f MB\n", runs, fk / 1024
-    printf "WAV 24-bit: reference %.2f s (%.0f MB), harlune-cli %.2f s (%.0f MB): time %.2fx (target 1.3x), memory %.2fx the float size (target 1.15x)\n", rt, rm / 1024, ct, cm / 1024, ct / rt, cm / fk
-    printf "AAC .m4a:   ffmpeg -f null %.2f s, harlune-cli %.2f s (%.0f MB): time %.2fx (target 1.3x)\n", ft, at, am / 1024, at / ft
+echo "load average before the runs' end: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
+awk -v rt="$ref_t" -v rc="$ref_c" -v rm="$ref_m" -v ct="$cli_t" -v cc="$cli_c" -v cm="$cli_m" \
+    -v ft="$ff_t" -v fc="$ff_c" -v at="$aac_t" -v ac="$aac_c" -v am="$aac_m" -v fk="$float_kb" -v runs="$runs" 'BEGIN {
+    printf "best of %d runs; the audio as 32-bit float: %.0f MB\n", runs, fk / 1024
+    printf "WAV 24-bit  reference   %6.2f s wall %6.2f s CPU %6.0f MB\n", rt, rc, rm / 1024
+    printf "            harlune-cli %6.2f s wall %6.2f s CPU %6.0f MB\n", ct, cc, cm / 1024
+    printf "            ratio       %6.2fx wall %6.2fx CPU (target 1.3x); memory %.2fx the float size (target 1.15x)\n", ct / rt, cc / rc, cm / fk
+    printf "AAC .m4a    ffmpeg null %6.2f s wall %6.2f s CPU\n", ft, fc
+    printf "            harlune-cli %6.2f s wall %6.2f s CPU %6.0f MB (ffprobe and ffmpeg included)\n", at, ac, am / 1024
+    printf "            ratio       %6.2fx wall %6.2fx CPU (target 1.3x)\n", at / ft, ac / fc
 }'

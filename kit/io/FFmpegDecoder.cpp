@@ -2,6 +2,7 @@
 
 #include "base/HarluneError.h"
 #include "io/CoreAudioCannotDecode.h"
+#include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
 #include "io/SndFileReader.h"
 #include "io/Subprocess.h"
@@ -415,13 +416,7 @@ AudioFileInfo FFmpegDecoder::decode(const std::filesystem::path& url, DecodeProg
         const size_t frames = filled / frameBytes;
         if (ended && frames < 1)
             break;
-        for (size_t c = 0; c < channels; ++c) {
-            float* plane = planes[c].data();
-            const float* source = interleaved.data() + c;
-            for (size_t i = 0; i < frames; ++i)
-                plane[i] = source[i * channels];
-            views[c] = std::span<const float>(plane, frames);
-        }
+        deinterleave(interleaved.data(), frames, planes, views);
         onChunk(ChunkViews(views));
         decoded += static_cast<int64_t>(frames);
         const size_t used = frames * frameBytes;
