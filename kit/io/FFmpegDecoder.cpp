@@ -1,6 +1,7 @@
 #include "io/FFmpegDecoder.h"
 
 #include "base/HarluneError.h"
+#include "base/Uuid.h"
 #include "io/CoreAudioCannotDecode.h"
 #include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
@@ -14,7 +15,6 @@
 #include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 
 namespace harlune {
@@ -65,24 +65,6 @@ std::string failureText(const std::string& prefix, const std::string& stderrText
     return stderrText.empty() ? prefix + "exit status " + std::to_string(status) : prefix + stderrText;
 }
 
-std::string freshUUID() {
-    std::random_device device;
-    std::array<uint8_t, 16> bytes{};
-    for (auto& byte : bytes)
-        byte = static_cast<uint8_t>(device());
-    bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40); // version 4
-    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80); // RFC 4122 variant
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string result;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10)
-            result += '-';
-        result += digits[bytes[i] >> 4];
-        result += digits[bytes[i] & 0x0F];
-    }
-    return result;
-}
-
 std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
     std::error_code error;
     const auto size = std::filesystem::file_size(url, error);
@@ -113,7 +95,7 @@ AudioFileInfo decodeViaTemporaryFile(const std::filesystem::path& url, const std
                                      DecodeChunkCallback onChunk) {
     std::error_code error;
     const std::filesystem::path temporary =
-        std::filesystem::temp_directory_path(error) / ("Harlune-ffmpeg-" + freshUUID() + ".caf");
+        std::filesystem::temp_directory_path(error) / ("Harlune-ffmpeg-" + Uuid::random().string() + ".caf");
     struct Remover {
         const std::filesystem::path& path;
         ~Remover() {
