@@ -153,24 +153,13 @@ std::vector<std::string> FFmpegDecoder::probeArguments(const std::filesystem::pa
 
 std::vector<std::string> FFmpegDecoder::streamArguments(const std::filesystem::path& url, int channels,
                                                         double sampleRate) {
-    return {"-nostdin",
-            "-hide_banner",
-            "-v",
-            "error",
-            "-i",
-            toolInput(url),
-            "-vn",
-            "-map",
-            "0:a:0",
-            "-ac",
-            std::to_string(channels),
-            "-ar",
-            std::to_string(std::llround(sampleRate)),
-            "-f",
-            "f32le",
-            "-acodec",
-            "pcm_f32le",
-            "-"};
+    // "-flush_packets 0" lets ffmpeg fill its 32 KB output buffer before writing, instead of
+    // writing each 8 KB packet: a quarter of the writes, and of the wake-ups on this side.
+    // clang-format off
+    return {"-nostdin", "-hide_banner", "-v", "error", "-i", toolInput(url), "-vn", "-map", "0:a:0",
+            "-ac", std::to_string(channels), "-ar", std::to_string(std::llround(sampleRate)),
+            "-f", "f32le", "-acodec", "pcm_f32le", "-flush_packets", "0", "-"};
+    // clang-format on
 }
 
 std::vector<std::string> FFmpegDecoder::temporaryFileArguments(const std::filesystem::path& url,
@@ -270,7 +259,8 @@ AudioFileInfo FFmpegDecoder::makeInfo(const std::filesystem::path& url, const js
     if (!sampleRate || !(*sampleRate > 0))
         throw HarluneError::unsupportedFormat("ffprobe reported no sample rate / channel count");
     const auto channelsValue = numberAt(stream, "channels");
-    if (!channelsValue || !(*channelsValue >= 1) || *channelsValue > 65535)
+    // Above libsndfile's own limit of 1024 channels a count is corrupt, and its buffers would be huge.
+    if (!channelsValue || !(*channelsValue >= 1) || *channelsValue > 1024)
         throw HarluneError::unsupportedFormat("ffprobe reported no sample rate / channel count");
     const int channels = static_cast<int>(*channelsValue);
 
