@@ -6,5 +6,7 @@ namespace harlune::cli {
 
 // One factory per subcommand, each in its own file.
 Command infoCommand();
+Command convertCommand();
+Command loudnessCommand();
 
 } // namespace harlune::cli
