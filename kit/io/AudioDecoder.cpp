@@ -81,7 +81,8 @@ AudioDecoder::DecodedArrays AudioDecoder::decodeToArrays(const std::filesystem::
 const std::vector<std::string>& AudioDecoder::coreAudioExtensions() {
     static const std::vector<std::string> extensions = [] {
         // libsndfile lists its Ogg container as "oga" only, though it reads ".ogg" files the same.
-        std::vector<std::string> result{"wav", "aif", "aiff", "aifc", "caf", "m4a", "mp3", "flac", "aac", "ogg"};
+        std::vector<std::string> result{"wav", "aif", "aiff", "aifc", "caf",
+                                        "m4a", "mp3", "flac", "aac",  "ogg"};
         for (auto& extension : SndFileReader::libraryExtensions())
             if (std::find(result.begin(), result.end(), extension) == result.end())
                 result.push_back(std::move(extension));

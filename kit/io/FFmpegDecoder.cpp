@@ -1,7 +1,9 @@
 #include "io/FFmpegDecoder.h"
 
 #include "base/HarluneError.h"
+#include "base/Uuid.h"
 #include "io/CoreAudioCannotDecode.h"
+#include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
 #include "io/SndFileReader.h"
 #include "io/Subprocess.h"
@@ -13,7 +15,6 @@
 #include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 
 namespace harlune {
@@ -64,24 +65,6 @@ std::string failureText(const std::string& prefix, const std::string& stderrText
     return stderrText.empty() ? prefix + "exit status " + std::to_string(status) : prefix + stderrText;
 }
 
-std::string freshUUID() {
-    std::random_device device;
-    std::array<uint8_t, 16> bytes{};
-    for (auto& byte : bytes)
-        byte = static_cast<uint8_t>(device());
-    bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40); // version 4
-    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80); // RFC 4122 variant
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string result;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10)
-            result += '-';
-        result += digits[bytes[i] >> 4];
-        result += digits[bytes[i] & 0x0F];
-    }
-    return result;
-}
-
 std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
     std::error_code error;
     const auto size = std::filesystem::file_size(url, error);
@@ -112,7 +95,7 @@ AudioFileInfo decodeViaTemporaryFile(const std::filesystem::path& url, const std
                                      DecodeChunkCallback onChunk) {
     std::error_code error;
     const std::filesystem::path temporary =
-        std::filesystem::temp_directory_path(error) / ("Harlune-ffmpeg-" + freshUUID() + ".caf");
+        std::filesystem::temp_directory_path(error) / ("Harlune-ffmpeg-" + Uuid::random().string() + ".caf");
     struct Remover {
         const std::filesystem::path& path;
         ~Remover() {
@@ -170,24 +153,13 @@ std::vector<std::string> FFmpegDecoder::probeArguments(const std::filesystem::pa
 
 std::vector<std::string> FFmpegDecoder::streamArguments(const std::filesystem::path& url, int channels,
                                                         double sampleRate) {
-    return {"-nostdin",
-            "-hide_banner",
-            "-v",
-            "error",
-            "-i",
-            toolInput(url),
-            "-vn",
-            "-map",
-            "0:a:0",
-            "-ac",
-            std::to_string(channels),
-            "-ar",
-            std::to_string(std::llround(sampleRate)),
-            "-f",
-            "f32le",
-            "-acodec",
-            "pcm_f32le",
-            "-"};
+    // "-flush_packets 0" lets ffmpeg fill its 32 KB output buffer before writing, instead of
+    // writing each 8 KB packet: a quarter of the writes, and of the wake-ups on this side.
+    // clang-format off
+    return {"-nostdin", "-hide_banner", "-v", "error", "-i", toolInput(url), "-vn", "-map", "0:a:0",
+            "-ac", std::to_string(channels), "-ar", std::to_string(std::llround(sampleRate)),
+            "-f", "f32le", "-acodec", "pcm_f32le", "-flush_packets", "0", "-"};
+    // clang-format on
 }
 
 std::vector<std::string> FFmpegDecoder::temporaryFileArguments(const std::filesystem::path& url,
@@ -287,7 +259,8 @@ AudioFileInfo FFmpegDecoder::makeInfo(const std::filesystem::path& url, const js
     if (!sampleRate || !(*sampleRate > 0))
         throw HarluneError::unsupportedFormat("ffprobe reported no sample rate / channel count");
     const auto channelsValue = numberAt(stream, "channels");
-    if (!channelsValue || !(*channelsValue >= 1) || *channelsValue > 65535)
+    // Above libsndfile's own limit of 1024 channels a count is corrupt, and its buffers would be huge.
+    if (!channelsValue || !(*channelsValue >= 1) || *channelsValue > 1024)
         throw HarluneError::unsupportedFormat("ffprobe reported no sample rate / channel count");
     const int channels = static_cast<int>(*channelsValue);
 
@@ -415,13 +388,7 @@ AudioFileInfo FFmpegDecoder::decode(const std::filesystem::path& url, DecodeProg
         const size_t frames = filled / frameBytes;
         if (ended && frames < 1)
             break;
-        for (size_t c = 0; c < channels; ++c) {
-            float* plane = planes[c].data();
-            const float* source = interleaved.data() + c;
-            for (size_t i = 0; i < frames; ++i)
-                plane[i] = source[i * channels];
-            views[c] = std::span<const float>(plane, frames);
-        }
+        deinterleave(interleaved.data(), frames, planes, views);
         onChunk(ChunkViews(views));
         decoded += static_cast<int64_t>(frames);
         const size_t used = frames * frameBytes;

@@ -3,6 +3,7 @@
 #include "base/HarluneError.h"
 #include "io/CoreAudioCannotDecode.h"
 #include "io/CoreAudioNames.h"
+#include "io/Deinterleave.h"
 
 #include <algorithm>
 #include <array>
@@ -244,14 +245,7 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
             break;
         }
         sendFormat();
-        const auto frames = static_cast<size_t>(got);
-        for (size_t c = 0; c < channels; ++c) {
-            float* plane = planes[c].data();
-            const float* source = interleaved.data() + c;
-            for (size_t i = 0; i < frames; ++i)
-                plane[i] = source[i * channels];
-            views[c] = std::span<const float>(plane, frames);
-        }
+        deinterleave(interleaved.data(), static_cast<size_t>(got), planes, views);
         onChunk(ChunkViews(views));
         count += got;
         if (progress) {

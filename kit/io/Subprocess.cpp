@@ -153,6 +153,9 @@ void Subprocess::start() {
         fail(error);
 
     started_ = true;
+    // A roomier pipe lets the child run ahead by more than 64 KB, which halves the hand-overs
+    // between the two processes on a busy machine. Best effort: the default still works.
+    ::fcntl(stdoutPipe_[0], F_SETPIPE_SZ, 1 << 20);
     // Only the child may hold the write ends, so that our reads see end of stream at its exit.
     closeQuietly(stdoutPipe_[1]);
     closeQuietly(stderrPipe_[1]);

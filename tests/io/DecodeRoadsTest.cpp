@@ -1,5 +1,6 @@
 // The decoding contract on both roads, and bad input of every kind: each gives a clear error in
 // bounded time, never a crash or a hang.
+#include "base/Uuid.h"
 #include "io/AudioDecoder.h"
 #include "io/FFmpegDecoder.h"
 #include "io/IoTestSupport.h"
@@ -231,6 +232,14 @@ TEST_F(DecodeRoads, withoutFFprobeTheToolConvertsThroughATemporaryFile) {
 
     const Trace trace = traceDecode(file("one.m4a"));
     const auto decoded = AudioDecoder::decodeToArrays(file("one.m4a"));
+    std::vector<std::string> whileReading;
+    AudioDecoder::decode(
+        file("one.m4a"), std::nullopt,
+        [&](const AudioFileInfo&) {
+            for (const auto& entry : std::filesystem::directory_iterator(temporary.path()))
+                whileReading.push_back(entry.path().filename().string());
+        },
+        [](ChunkViews) {});
     if (previousTemp)
         ::setenv("TMPDIR", savedTemp.c_str(), 1);
     else
@@ -245,6 +254,10 @@ TEST_F(DecodeRoads, withoutFFprobeTheToolConvertsThroughATemporaryFile) {
     EXPECT_EQ(trace.final.fileSize, static_cast<int64_t>(std::filesystem::file_size(file("one.m4a"))));
     EXPECT_EQ(trace.progress.back(), 1.0);
     EXPECT_EQ(decoded.channels, testing::referenceDecode(file("one.m4a"), 2));
+    ASSERT_EQ(whileReading.size(), 1u);
+    EXPECT_TRUE(whileReading[0].starts_with("Harlune-ffmpeg-") && whileReading[0].ends_with(".caf") &&
+                Uuid::fromString(whileReading[0].substr(15, 36)))
+        << whileReading[0];
     EXPECT_TRUE(std::filesystem::is_empty(temporary.path())); // the temporary file is gone
 }
 

@@ -163,6 +163,7 @@ TEST(FFmpegProbeParsing, handlesTheAwkwardCases) {
     const json empty = {{"codec_name", "mp3"}, {"sample_rate", "44100"}, {"channels", 0}};
     for (const json& bad :
          {empty, json{{"codec_name", "mp3"}, {"channels", 2}}, json{{"sample_rate", "0"}, {"channels", 2}},
+          json{{"sample_rate", "8000"}, {"channels", 100000}},
           json{{"sample_rate", "x"}, {"channels", "2"}}}) {
         try {
             FFmpegDecoder::makeInfo("x.mp3", bad, json::object());
@@ -179,9 +180,16 @@ TEST(FFmpegCommandLines, passTheFileAsOneAbsoluteArgumentThatCannotPassForAnOpti
     EXPECT_EQ(probe, (std::vector<std::string>{"-v", "error", "-select_streams", "a:0", "-show_streams",
                                                "-show_format", "-of", "json", "--", "file:/a b/-x.wav"}));
     const auto stream = FFmpegDecoder::streamArguments("/x.wav", 2, 44099.6);
-    EXPECT_EQ(stream, (std::vector<std::string>{"-nostdin", "-hide_banner", "-v", "error", "-i",
-                                                "file:/x.wav", "-vn", "-map", "0:a:0", "-ac", "2", "-ar",
-                                                "44100", "-f", "f32le", "-acodec", "pcm_f32le", "-"}));
+    EXPECT_EQ(stream, (std::vector<std::string>{"-nostdin",  "-hide_banner",
+                                                "-v",        "error",
+                                                "-i",        "file:/x.wav",
+                                                "-vn",       "-map",
+                                                "0:a:0",     "-ac",
+                                                "2",         "-ar",
+                                                "44100",     "-f",
+                                                "f32le",     "-acodec",
+                                                "pcm_f32le", "-flush_packets",
+                                                "0",         "-"}));
     const std::string relative = FFmpegDecoder::toolInput("-leading dash.wav");
     EXPECT_EQ(relative, "file:" + (std::filesystem::current_path() / "-leading dash.wav").string());
 }

@@ -128,5 +128,65 @@ TEST(RealFilesDecode, aVideoFileGivesItsAudioTrack) {
     EXPECT_EQ(decoded.channels[0], testing::referenceDecode(path, 1)[0]);
 }
 
+TEST(RealFilesDecode, compressedCodecsInPlainContainersAreLabelledAndNotReproducible) {
+    TempDir folder;
+    struct Compressed {
+        const char* file;
+        const char* codec;
+        const char* container;
+        std::vector<std::string> encode;
+    };
+    const std::vector<Compressed> compressed{
+        {"adpcm.wav", "Microsoft ADPCM", "WAVE", {"-c:a", "adpcm_ms"}},
+        {"ulaw.wav", "\u00B5-law", "WAVE", {"-c:a", "pcm_mulaw"}},
+        {"alaw.au", "A-law", "NeXT/Sun", {"-c:a", "pcm_alaw"}},
+    };
+    for (const auto& c : compressed) {
+        SCOPED_TRACE(c.file);
+        auto arguments = testing::stereoSource(0.5);
+        arguments.insert(arguments.end(), c.encode.begin(), c.encode.end());
+        arguments.push_back((folder / c.file).string());
+        testing::ffmpeg(arguments);
+        const auto info = AudioDecoder::probe(folder / c.file);
+        EXPECT_EQ(info.decoderName, "libsndfile");
+        EXPECT_EQ(info.containerName, c.container);
+        EXPECT_EQ(info.codecName, c.codec);
+        EXPECT_EQ(info.nativeExportFormat, std::nullopt);
+        EXPECT_TRUE(info.isLossy);
+        EXPECT_EQ(info.bitDepth, std::nullopt);
+        EXPECT_TRUE(info.bitRateKbps.has_value());
+        // The two decoders of these simple codecs agree to a step of the 16-bit grid.
+        const auto decoded = AudioDecoder::decodeToArrays(folder / c.file);
+        const auto reference = testing::referenceDecode(folder / c.file, 2);
+        ASSERT_EQ(decoded.channels[0].size(), reference[0].size());
+        float worst = 0;
+        for (size_t ch = 0; ch < 2; ++ch)
+            for (size_t i = 0; i < reference[ch].size(); ++i)
+                worst = std::max(worst, std::abs(decoded.channels[ch][i] - reference[ch][i]));
+        EXPECT_LE(worst, 1.0f / 32768) << worst;
+    }
+}
+
+TEST(RealFilesDecode, everyChannelKeepsItsPlaceOnBothRoads) {
+    TempDir folder;
+    const std::vector<std::string> source{
+        "-f", "lavfi", "-i",
+        "aevalsrc=0.1*sin(2*PI*100*t)|0.2*sin(2*PI*200*t)|0.3*sin(2*PI*300*t):s=48000:d=0.5"};
+    for (const char* name : {"three.wav", "three.m4a"}) {
+        SCOPED_TRACE(name);
+        auto arguments = source;
+        arguments.push_back((folder / name).string());
+        testing::ffmpeg(arguments);
+        const auto decoded = AudioDecoder::decodeToArrays(folder / name);
+        ASSERT_EQ(decoded.channels.size(), 3u);
+        EXPECT_EQ(decoded.channels, testing::referenceDecode(folder / name, 3));
+        if (std::string(name) == "three.wav") // the AAC encoder remaps three channels itself
+            for (size_t c = 0; c < 3; ++c) {  // channel c peaks at 0.1 × (c + 1)
+                const auto high = *std::max_element(decoded.channels[c].begin(), decoded.channels[c].end());
+                EXPECT_NEAR(high, 0.1 * static_cast<double>(c + 1), 0.001);
+            }
+    }
+}
+
 } // namespace
 } // namespace harlune
