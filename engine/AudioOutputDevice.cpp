@@ -14,7 +14,7 @@ constexpr double maximumSampleRate = 1536000;
 
 std::string decimal(double value) {
     char text[64];
-    const auto result = std::to_chars(text, text + sizeof text, value);
+    const auto result = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed);
     return std::string(text, result.ptr);
 }
 
