@@ -2,6 +2,7 @@
 // envelopes, effects and the program meanwhile. Built with RealtimeSanitizer, the same run also
 // proves that no lock, system call or free happens inside the callback.
 #include "engine/EngineTestSupport.h"
+#include "engine/Realtime.h"
 #include "support/AllocationCounter.h"
 #include "support/TestAudio.h"
 
@@ -92,3 +93,24 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
 
 } // namespace
 } // namespace harlune
+
+// Only in the RealtimeSanitizer build: proves the checker is armed, so that a clean run above
+// means something.
+#if defined(__has_feature)
+#if __has_feature(realtime_sanitizer)
+namespace harlune {
+namespace {
+
+[[gnu::noinline]] void allocateInsideTheCallbackPath(int size) noexcept HARLUNE_NONBLOCKING {
+    std::vector<float> buffer(static_cast<size_t>(size));
+    asm volatile("" : : "r"(buffer.data()) : "memory");
+}
+
+TEST(RealtimeSafetyDeathTest, SanitizerFlagsAnAllocationInANonblockingFunction) {
+    EXPECT_DEATH(allocateInsideTheCallbackPath(64), "RealtimeSanitizer");
+}
+
+} // namespace
+} // namespace harlune
+#endif
+#endif
