@@ -54,10 +54,11 @@ public:
     virtual std::string name() const = 0;
 
     /// Stops what runs, and builds a stream of `format` pulling from `source`, which the device
-    /// holds until the next `configure` or its end. Throws `HarluneError` (the format error for
-    /// a format it cannot open). The stream is not running afterwards.
+    /// holds until the next `configure` or its end. Throws `HarluneError` (the format error) for a
+    /// format it cannot open, `AudioDeviceError` when the server fails. Not running afterwards.
     virtual void configure(StreamFormat format, std::shared_ptr<RenderSource> source) = 0;
-    /// Starts or resumes the configured stream. Throws `HarluneError` on failure.
+    /// Starts or resumes the configured stream, reconnecting one that the server dropped. Throws
+    /// `AudioDeviceError` on failure.
     virtual void start() = 0;
     /// Suspends the callback and keeps the stream; `start` resumes it.
     virtual void pause() = 0;

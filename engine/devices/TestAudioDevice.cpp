@@ -1,7 +1,7 @@
 #include "engine/devices/TestAudioDevice.h"
 
-#include "base/HarluneError.h"
 #include "base/Precondition.h"
+#include "engine/AudioDeviceError.h"
 
 #include <algorithm>
 #include <cmath>
@@ -25,7 +25,7 @@ void TestAudioDevice::start() {
     if (startFailure_) {
         const std::string message = *startFailure_;
         startFailure_.reset();
-        throw HarluneError::unsupportedFormat(message);
+        throw AudioDeviceError(message);
     }
     if (!running_ && clock_) {
         clockOrigin_ = clock_();

@@ -1,5 +1,6 @@
 // The engine's main-thread side: graph, start, pause, audible position, retirement, device events.
 #include "base/HarluneError.h"
+#include "engine/AudioDeviceError.h"
 #include "engine/EngineTestSupport.h"
 #include "support/TestAudio.h"
 
@@ -56,7 +57,7 @@ TEST(PlaybackEngine, StartFailureReachesTheCaller) {
     EngineOnTestDevice fixture;
     fixture.device->failNextStart("device gone");
     EXPECT_THROW(fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f),
-                 HarluneError);
+                 AudioDeviceError);
     EXPECT_FALSE(fixture.device->isRunning());
     fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f);
     EXPECT_TRUE(fixture.device->isRunning());
