@@ -1,9 +1,10 @@
 #include "core/AudioBlock.h"
 
+#include "base/Precondition.h"
+#include "base/Vectorize.h"
+
 #include <algorithm>
 #include <cmath>
-
-#include "base/Precondition.h"
 
 namespace harlune {
 
@@ -13,7 +14,7 @@ std::atomic<int64_t> liveBlockBytes{0};
 
 namespace vec {
 
-MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
+HARLUNE_VECTOR_CLONES MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
     float lo = 3.4028235e38f;
     float hi = -3.4028235e38f;
     float sum = 0;
@@ -23,6 +24,20 @@ MinMaxSquares minMaxSquares(const float* samples, int64_t count) {
         lo = std::min(lo, x);
         hi = std::max(hi, x);
         sum += x * x;
+    }
+    return {lo, hi, sum};
+}
+
+HARLUNE_VECTOR_CLONES MinMaxSquares mergePoints(const float* mins, const float* maxs, const float* squares,
+                                                int64_t count) {
+    float lo = 3.4028235e38f;
+    float hi = -3.4028235e38f;
+    float sum = 0;
+#pragma omp simd reduction(min : lo) reduction(max : hi) reduction(+ : sum)
+    for (int64_t i = 0; i < count; ++i) {
+        lo = std::min(lo, mins[i]);
+        hi = std::max(hi, maxs[i]);
+        sum += squares[i];
     }
     return {lo, hi, sum};
 }
@@ -74,19 +89,26 @@ std::shared_ptr<const AudioBlock> AudioBlock::make(std::vector<std::vector<float
 }
 
 AudioBlock::AudioBlock(Token, std::vector<std::vector<float>> samples)
-    : frameCount_(samples.empty() ? 0 : static_cast<int64_t>(samples.front().size())), samples_(std::move(samples)) {
+    : frameCount_(samples.empty() ? 0 : static_cast<int64_t>(samples.front().size())),
+      samples_(std::move(samples)) {
     HARLUNE_PRECONDITION(frameCount_ <= preferredFrameCount, "AudioBlock longer than 65536 frames");
     for (const auto& channel : samples_)
-        HARLUNE_PRECONDITION(static_cast<int64_t>(channel.size()) == frameCount_, "AudioBlock channels differ in length");
+        HARLUNE_PRECONDITION(static_cast<int64_t>(channel.size()) == frameCount_,
+                             "AudioBlock channels differ in length");
     summary_ = WaveSummary::make(samples_, frameCount_);
     const auto points = static_cast<int64_t>(summary_.mins.empty() ? 0 : summary_.mins.front().size());
-    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3) * static_cast<int64_t>(sizeof(float));
+    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3) *
+             static_cast<int64_t>(sizeof(float));
     liveBlockBytes.fetch_add(bytes_, std::memory_order_relaxed);
 }
 
-AudioBlock::~AudioBlock() { liveBlockBytes.fetch_sub(bytes_, std::memory_order_relaxed); }
+AudioBlock::~AudioBlock() {
+    liveBlockBytes.fetch_sub(bytes_, std::memory_order_relaxed);
+}
 
-int64_t AudioBlock::liveBytes() { return liveBlockBytes.load(std::memory_order_relaxed); }
+int64_t AudioBlock::liveBytes() {
+    return liveBlockBytes.load(std::memory_order_relaxed);
+}
 
 float PeakSummary::rms() const {
     if (count < 1)

@@ -100,6 +100,8 @@ struct MinMaxSquares {
     float sumSquares;
 };
 MinMaxSquares minMaxSquares(const float* samples, int64_t count);
+/// Merges `count` summary points: least of `mins`, greatest of `maxs`, sum of `squares`.
+MinMaxSquares mergePoints(const float* mins, const float* maxs, const float* squares, int64_t count);
 } // namespace vec
 
 } // namespace harlune

@@ -348,11 +348,10 @@ PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
         if (p0 < p1) {
             if (lo < stride * p0)
                 scan(samples, lo, stride * p0);
-            for (int64_t p = p0; p < p1; ++p) {
-                const auto point = static_cast<size_t>(p);
-                result.merge(summary.mins[c][point], summary.maxs[c][point], summary.sumSquares[c][point],
-                             std::min(stride, block.frameCount() - p * stride));
-            }
+            // Points p0..<p1 end at or before `hi`, so all are full 256-frame runs.
+            const auto points = vec::mergePoints(summary.mins[c].data() + p0, summary.maxs[c].data() + p0,
+                                                 summary.sumSquares[c].data() + p0, p1 - p0);
+            result.merge(points.min, points.max, points.sumSquares, (p1 - p0) * stride);
             if (stride * p1 < hi)
                 scan(samples, stride * p1, hi);
         } else if (lo < hi) {

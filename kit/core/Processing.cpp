@@ -1,5 +1,8 @@
 #include "core/Processing.h"
 
+#include "core/AudioContentBuilder.h"
+#include "core/EnvelopedSource.h"
+
 #include <algorithm>
 #include <vector>
 
@@ -35,6 +38,20 @@ int64_t nearestZeroCrossing(const AudioContent& content, int64_t frame, int64_t 
             return frame + k;
     }
     return frame;
+}
+
+AudioContent applyingEnvelopes(const AudioContent& content, const EnvelopeSet& envelopes) {
+    if (envelopes.isFlat())
+        return content;
+    const EnvelopedSource source(content, envelopes);
+    AudioContentBuilder builder(content.channelCount(), content.sampleRate());
+    source.forEachChunk(std::nullopt, AudioBlock::preferredFrameCount,
+                        [&](ChunkViews views, int64_t) { builder.append(views); });
+    return builder.build();
+}
+
+AudioContent applyingEnvelope(const AudioContent& content, const GainEnvelope& envelope) {
+    return applyingEnvelopes(content, EnvelopeSet(envelope));
 }
 
 } // namespace harlune
