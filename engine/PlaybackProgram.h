@@ -2,7 +2,7 @@
 
 #include "base/FrameRange.h"
 #include "core/AudioContent.h"
-#include "engine/PendingEnvelopeSet.h"
+#include "core/GainEnvelope.h"
 
 #include <memory>
 #include <optional>

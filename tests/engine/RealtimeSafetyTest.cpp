@@ -42,6 +42,10 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
     });
 
     auto processor = std::make_shared<PassThrough>();
+    GainEnvelope ramp;
+    ramp.insert(1000, -20.0);
+    ramp.insert(60000, 6.0);
+    const EnvelopeSet curved(ramp, {ramp, GainEnvelope{}}, {2.0, -1.0});
     int64_t round = 0;
     while (round < 8000) {
         ++round;
@@ -54,7 +58,7 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
             engine.replaceContent(surround.slice({0, 40000 + round % 100}), {100, 30000});
             break;
         case 2:
-            engine.setEnvelopes(EnvelopeSet{});
+            engine.setEnvelopes(round % 4 == 0 ? EnvelopeSet{} : curved);
             break;
         case 3:
             engine.setGain(static_cast<float>(round % 10) / 10.0f);
