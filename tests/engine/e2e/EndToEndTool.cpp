@@ -6,6 +6,7 @@
 #include "engine/PlaybackEngine.h"
 #include "engine/devices/DefaultAudioDevice.h"
 #include "engine/devices/PipeWireDevice.h"
+#include "engine/devices/PortAudioDevice.h"
 
 #include <chrono>
 #include <cmath>
@@ -88,6 +89,8 @@ int play(const std::map<std::string, std::string>& all) {
     if (auto* pipeWire = dynamic_cast<PipeWireDevice*>(&engine.device()))
         std::printf("callbacks %lld, late %lld\n", static_cast<long long>(pipeWire->callbackCount()),
                     static_cast<long long>(pipeWire->lateCallbacks()));
+    if (auto* portAudio = dynamic_cast<PortAudioDevice*>(&engine.device()))
+        std::printf("host API %s at %.0f Hz\n", portAudio->hostApiName().c_str(), portAudio->deviceRate());
     engine.pause();
     return finished ? 0 : 1;
 }
