@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <fcntl.h>
 #include <mutex>
 #include <portaudio.h>
+#include <thread>
 #include <unistd.h>
 
 namespace harlune {
@@ -75,11 +78,48 @@ struct PortAudioDevice::Impl {
     std::atomic<bool> active{false};
     std::atomic<bool> stopping{false};
 
+    // PortAudio reports no lost server (JACK gone, a device unplugged) by itself, and a stream
+    // whose JACK server died even stays "active": a watcher looks a few times a second whether
+    // callbacks still come while the stream should run. `mutex` orders its look with the main
+    // thread's operations on the stream.
+    std::atomic<int64_t> lastCallback{0}; ///< steady-clock nanoseconds
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool quitting = false;
+    std::thread watcher;
+    // Once the server is gone, PortAudio's calls on the stream (stop, abort, close, even
+    // terminate) may wait forever for callbacks that never come: the stream is then left alone,
+    // and this device cannot play again; a new device (a new PortAudio session) can.
+    bool lost = false;
+
     explicit Impl(PortAudioDevice& device) : owner(device) {}
+
+    static int64_t now() noexcept {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+
+    void watch() {
+        std::unique_lock lock(mutex);
+        while (!quitting) {
+            wake.wait_for(lock, std::chrono::milliseconds(200));
+            if (quitting || stream == nullptr || !active.load())
+                continue;
+            const PaStreamInfo* info = Pa_GetStreamInfo(stream);
+            const double patience = std::max(1.0, 10 * (info != nullptr ? info->outputLatency : 0.0));
+            const double silentFor = static_cast<double>(now() - lastCallback.load()) * 1e-9;
+            if ((Pa_IsStreamActive(stream) != 1 || silentFor > patience) && active.exchange(false)) {
+                lost = true;
+                owner.notifyConfigurationChange();
+            }
+        }
+    }
 
     static int onRender(const void*, void* output, unsigned long frameCount, const PaStreamCallbackTimeInfo*,
                         PaStreamCallbackFlags, void* data) {
         auto& self = *static_cast<Impl*>(data);
+        self.lastCallback.store(now(), std::memory_order_relaxed);
         auto** planes = static_cast<float**>(output);
         const int streamChannels = self.format->channelCount;
         const auto frames = static_cast<int>(frameCount);
@@ -108,7 +148,7 @@ struct PortAudioDevice::Impl {
     }
 
     void closeStream() {
-        if (stream == nullptr)
+        if (stream == nullptr || lost)
             return;
         stopping = true;
         active = false;
@@ -130,17 +170,28 @@ PortAudioDevice::PortAudioDevice(PostToMainThread postToMainThread)
     if (error != paNoError)
         throw AudioDeviceError(paText(error));
     impl_->initialised = true;
+    impl_->watcher = std::thread([this] { impl_->watch(); });
 }
 
 PortAudioDevice::~PortAudioDevice() {
+    {
+        const std::lock_guard lock(impl_->mutex);
+        impl_->quitting = true;
+    }
+    impl_->wake.notify_all();
+    if (impl_->watcher.joinable())
+        impl_->watcher.join();
     impl_->closeStream();
-    if (impl_->initialised) {
+    if (impl_->initialised && !impl_->lost) {
         const QuietStandardError quiet;
         Pa_Terminate();
     }
 }
 
 void PortAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSource> source) {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->lost)
+        throw AudioDeviceError("the sound server went away");
     impl_->closeStream();
     const PaDeviceIndex device = chooseDevice();
     if (device == paNoDevice)
@@ -192,12 +243,16 @@ void PortAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSourc
 }
 
 void PortAudioDevice::start() {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->lost)
+        throw AudioDeviceError("the sound server went away");
     if (impl_->stream == nullptr)
         throw AudioDeviceError("no stream was configured");
     if (Pa_IsStreamActive(impl_->stream) == 1)
         return;
     if (Pa_IsStreamStopped(impl_->stream) == 0)
         Pa_AbortStream(impl_->stream);
+    impl_->lastCallback = Impl::now();
     const PaError error = Pa_StartStream(impl_->stream);
     if (error != paNoError)
         throw AudioDeviceError(paText(error));
@@ -205,7 +260,8 @@ void PortAudioDevice::start() {
 }
 
 void PortAudioDevice::pause() {
-    if (impl_->stream == nullptr)
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->stream == nullptr || impl_->lost)
         return;
     impl_->stopping = true;
     impl_->active = false;
@@ -218,6 +274,7 @@ void PortAudioDevice::stop() {
 }
 
 bool PortAudioDevice::isRunning() const {
+    const std::lock_guard lock(impl_->mutex);
     return impl_->stream != nullptr && impl_->active.load() && Pa_IsStreamActive(impl_->stream) == 1;
 }
 
@@ -226,6 +283,7 @@ std::optional<StreamFormat> PortAudioDevice::format() const {
 }
 
 double PortAudioDevice::presentationLatency() const {
+    const std::lock_guard lock(impl_->mutex);
     if (impl_->stream == nullptr)
         return 0;
     const PaStreamInfo* info = Pa_GetStreamInfo(impl_->stream);

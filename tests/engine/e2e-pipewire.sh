@@ -90,4 +90,13 @@ play_and_check stereo44k --rate 44100 --channels 2 --seconds 2 --amplitude 0.4 \
     -- --seconds 2 --amplitude 0.4
 play_and_check mono48k --rate 48000 --channels 1 --seconds 1.5 --amplitude 0.5 \
     -- --seconds 1.5 --amplitude 0.5
+# The daemon goes away mid-play: the engine hears of it as a configuration change.
+timeout 60 "$tool" play --backend pipewire --seconds 30 --expect-loss yes >"$work/loss.log" 2>&1 &
+player=$!
+pids+=("$player")
+wait_for grep -q playing "$work/loss.log"
+sleep 0.5
+kill "${pids[1]}" # the pipewire daemon
+wait "$player" || fail "the loss of the daemon did not reach the engine"
+cat "$work/loss.log"
 echo "e2e-pipewire: all passed"

@@ -70,15 +70,31 @@ int play(const std::map<std::string, std::string>& all) {
 
     MainThreadQueue mainThread;
     PlaybackEngine engine(makeDefaultOutputDevice(mainThread.poster(), backend));
+    // With --expect-loss the script takes the server away mid-play: the engine must hear of it
+    // as a configuration change, on this thread, and try to restart without failing.
+    const bool expectLoss = all.count("--expect-loss") != 0;
+    bool changed = false;
+    engine.device().setConfigurationChangeHandler([&] {
+        changed = true;
+        std::printf("configuration change\n");
+        std::fflush(stdout);
+        engine.handleConfigurationChange();
+    });
     engine.start(content, content.fullRange(), false, 1.0f);
     std::printf("playing %.0f Hz, %d channel(s) through %s\n", rate, channels,
                 engine.device().name().c_str());
+    std::fflush(stdout);
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::milliseconds(static_cast<int64_t>(content.duration() * 1000) + 10000);
     double latency = 0;
-    while (!engine.state().finished.load() && std::chrono::steady_clock::now() < deadline) {
+    while (!engine.state().finished.load() && !(expectLoss && changed) &&
+           std::chrono::steady_clock::now() < deadline) {
         mainThread.runFor(std::chrono::milliseconds(20));
         latency = std::max(latency, engine.device().presentationLatency());
+    }
+    if (expectLoss) {
+        std::printf("running after the loss: %s\n", engine.device().isRunning() ? "yes" : "no");
+        return changed ? 0 : 1;
     }
     const bool finished = engine.state().finished.load();
     // Let the last frames reach the sink before the stream goes.
@@ -209,9 +225,10 @@ int check(const std::string& path, const std::map<std::string, std::string>& all
         const double pitch = static_cast<double>(crossings) / 2 / (middle / rate);
         const bool good = std::abs(heard - seconds) < 0.01 && longestQuiet < 4 && std::abs(levelDB) < 0.1 &&
                           std::abs(pitch - frequency) < 0.005 * frequency;
-        std::printf(
-            "%s: channel %zu: %.4f s of %.4f s, level %+.3f dB, pitch %.1f Hz, longest quiet run %lld (ending %.4f s into the tone)\n",
-            good ? "ok" : "FAIL", c, heard, seconds, levelDB, pitch, static_cast<long long>(longestQuiet), static_cast<double>(quietEnd - first) / rate);
+        std::printf("%s: channel %zu: %.4f s of %.4f s, level %+.3f dB, pitch %.1f Hz, longest quiet run "
+                    "%lld (ending %.4f s into the tone)\n",
+                    good ? "ok" : "FAIL", c, heard, seconds, levelDB, pitch,
+                    static_cast<long long>(longestQuiet), static_cast<double>(quietEnd - first) / rate);
         ok = ok && good;
     }
     if (recording->planes.size() < 2 && number(all, "--expect-channels", 2) >= 2) {
