@@ -6,62 +6,11 @@
 # Usage: e2e-pipewire.sh PATH/TO/harlune-e2e-tool
 set -uo pipefail
 tool=$1
-work=$(mktemp -d)
-pids=()
-
-stop_all() {
-    # Newest first: recorders and clients before the servers they talk to.
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill "${pids[i]}" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-        kill -9 "$pid" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap stop_all EXIT
-
-fail() { echo "e2e-pipewire: $*"; for log in "$work"/*.log; do echo "--- $log"; tail -20 "$log"; done; exit 1; }
-
-# Runs a command until it succeeds, at most 10 s.
-wait_for() {
-    for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
-    fail "gave up waiting for: $*"
-}
-
-export XDG_RUNTIME_DIR=$work/run HOME=$work/home XDG_CONFIG_HOME=$work/config XDG_STATE_HOME=$work/state
-mkdir -p "$XDG_RUNTIME_DIR" "$HOME" "$XDG_CONFIG_HOME" "$XDG_STATE_HOME"
-chmod 700 "$XDG_RUNTIME_DIR"
-unset PIPEWIRE_REMOTE PULSE_SERVER
+session_name=e2e-pipewire
 # A long graph period: the test machine is shared and unprivileged, so a short one would drop
 # cycles whenever another job holds the cores, and the test would measure the machine, not us.
-mkdir -p "$XDG_CONFIG_HOME/pipewire/pipewire.conf.d"
-cat >"$XDG_CONFIG_HOME/pipewire/pipewire.conf.d/harlune-test.conf" <<'CONF'
-context.properties = {
-    default.clock.rate = 48000
-    default.clock.quantum = 4096
-    default.clock.min-quantum = 4096
-    default.clock.max-quantum = 8192
-}
-CONF
-export PIPEWIRE_LATENCY=4096/48000
-
-dbus-daemon --session --fork --address="unix:path=$XDG_RUNTIME_DIR/bus" --print-pid=1 >"$work/dbus.pid" ||
-    fail "dbus-daemon did not start"
-pids+=("$(cat "$work/dbus.pid")")
-export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
-
-pipewire >"$work/pipewire.log" 2>&1 &
-pids+=($!)
-wait_for test -S "$XDG_RUNTIME_DIR/pipewire-0"
-wireplumber >"$work/wireplumber.log" 2>&1 &
-pids+=($!)
-pipewire-pulse >"$work/pipewire-pulse.log" 2>&1 &
-pids+=($!)
-wait_for pactl info
-pactl load-module module-null-sink sink_name=test rate=48000 channels=2 >/dev/null || fail "no null sink"
-wait_for pactl set-default-sink test
+quantum=4096
+source "$(dirname "$0")/private-pipewire.sh"
 
 # play_and_check NAME PLAY-OPTIONS... -- CHECK-OPTIONS...
 play_and_check() {
@@ -96,7 +45,7 @@ player=$!
 pids+=("$player")
 wait_for grep -q playing "$work/loss.log"
 sleep 0.5
-kill "${pids[1]}" # the pipewire daemon
+kill "$pipewire_pid"
 wait "$player" || fail "the loss of the daemon did not reach the engine"
 cat "$work/loss.log"
 echo "e2e-pipewire: all passed"
