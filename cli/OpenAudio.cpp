@@ -1,0 +1,23 @@
+#include "OpenAudio.h"
+
+#include "core/AudioContentBuilder.h"
+#include "io/AudioDecoder.h"
+
+#include <optional>
+
+namespace harlune::cli {
+
+OpenedAudio openAudio(const std::filesystem::path& path, DecodeProgress progress) {
+    std::optional<AudioContentBuilder> builder;
+    AudioFileInfo announced;
+    const AudioFileInfo final = AudioDecoder::decode(
+        path, progress,
+        [&](const AudioFileInfo& info) {
+            announced = info;
+            builder.emplace(info.channelCount, info.sampleRate);
+        },
+        [&](ChunkViews chunk) { builder->append(chunk); });
+    return {announced, final, builder->build()};
+}
+
+} // namespace harlune::cli

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "base/AudioFormats.h"
+#include "io/DecodeCallbacks.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct sf_private_tag;
+
+namespace harlune {
+
+/// The native decode road on Linux: a file opened with libsndfile, described in the container
+/// and codec labels of `CoreAudioNames`, and streamed as float planes of at most 32768 frames.
+///
+/// Any refusal before the first chunk is `CoreAudioCannotDecode`, so that the decoder may hand
+/// the file to the tool road; a failure after samples went out is `HarluneError::decodeFailed`.
+/// One reader serves one thread at a time.
+class SndFileReader {
+public:
+    /// Opens the file or throws `CoreAudioCannotDecode`.
+    explicit SndFileReader(std::filesystem::path url);
+    ~SndFileReader();
+    SndFileReader(const SndFileReader&) = delete;
+    SndFileReader& operator=(const SndFileReader&) = delete;
+
+    /// Frames per channel that the header announces.
+    int64_t lengthFrames() const { return lengthFrames_; }
+    AudioFileInfo info(int64_t frameCount) const;
+    /// Streams the whole file once from the start; returns the info with the frames delivered.
+    AudioFileInfo decode(DecodeProgress progress, DecodeFormatCallback onFormat, DecodeChunkCallback onChunk);
+
+    /// The extensions of the major formats libsndfile reads, lower-case.
+    static std::vector<std::string> libraryExtensions();
+
+private:
+    std::filesystem::path url_;
+    sf_private_tag* file_ = nullptr;
+    int format_ = 0; ///< libsndfile's major format ORed with its subtype
+    int channels_ = 0;
+    double sampleRate_ = 0;
+    int64_t lengthFrames_ = 0;
+    std::optional<uint32_t> fileType_; ///< four-character container code, where one fits
+    std::optional<uint32_t> formatID_; ///< four-character codec code, where one fits
+};
+
+} // namespace harlune
