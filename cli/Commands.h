@@ -6,5 +6,6 @@ namespace harlune::cli {
 
 // One factory per subcommand, each in its own file.
 Command infoCommand();
+Command playCommand();
 
 } // namespace harlune::cli

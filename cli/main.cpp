@@ -12,7 +12,7 @@ namespace {
 
 using harlune::cli::Command;
 
-std::vector<Command> allCommands() { return {harlune::cli::infoCommand()}; }
+std::vector<Command> allCommands() { return {harlune::cli::infoCommand(), harlune::cli::playCommand()}; }
 
 void printUsage(const std::vector<Command>& commands) {
     std::fprintf(stderr, "usage: harlune-cli COMMAND [OPTIONS]\n\ncommands:\n");
