@@ -17,6 +17,6 @@ for _ in 1 2; do
     pids+=($!)
 done
 echo "playing ${seconds} s at 48 kHz stereo, quantum ${quantum}, with two busy loops; load: $(cut -d' ' -f1-3 /proc/loadavg)"
-timeout $((seconds + 60)) "$tool" play --backend pipewire --rate 48000 --channels 2 --seconds "$seconds" \
+timeout $((seconds * 3 / 2 + 60)) "$tool" play --backend pipewire --rate 48000 --channels 2 --seconds "$seconds" \
     --lead 0.5 --amplitude 0.3 || fail "play failed"
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -48,7 +48,10 @@ private:
 struct PipeWireDevice::Impl {
     PipeWireDevice& owner;
     pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
     pw_stream* stream = nullptr;
+    spa_hook listener{};
     std::optional<StreamFormat> format;
     std::shared_ptr<RenderSource> source;
 
@@ -128,14 +131,23 @@ struct PipeWireDevice::Impl {
         return e;
     }();
 
-    /// Loop lock held. Destroys the stream, if any, without raising an event.
+    /// Loop lock held. Destroys the stream and its connection, if any, without raising an event.
     void destroyStream() {
-        if (stream == nullptr)
-            return;
         closingByRequest = true;
-        pw_stream_disconnect(stream);
-        pw_stream_destroy(stream);
-        stream = nullptr;
+        if (stream != nullptr) {
+            pw_stream_disconnect(stream);
+            spa_hook_remove(&listener);
+            pw_stream_destroy(stream);
+            stream = nullptr;
+        }
+        if (core != nullptr) {
+            pw_core_disconnect(core);
+            core = nullptr;
+        }
+        if (context != nullptr) {
+            pw_context_destroy(context);
+            context = nullptr;
+        }
         closingByRequest = false;
         state = PW_STREAM_STATE_UNCONNECTED;
     }
@@ -143,10 +155,11 @@ struct PipeWireDevice::Impl {
     /// Loop lock held. A new inactive stream for `format`, connected and negotiated.
     void connect() {
         destroyStream();
-        pw_properties* properties =
-            pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
-                              PW_KEY_MEDIA_ROLE, "Music", PW_KEY_NODE_NAME, "harlune", PW_KEY_APP_NAME,
-                              "Harlune", PW_KEY_NODE_DESCRIPTION, "Harlune", nullptr);
+        pw_properties* properties = pw_properties_new(
+            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE, "Music",
+            PW_KEY_NODE_NAME, "harlune", PW_KEY_APP_NAME, "Harlune", PW_KEY_NODE_DESCRIPTION, "Harlune",
+            // The real-time client setup: the data thread asks for real-time priority.
+            PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr);
         stream = pw_stream_new_simple(pw_thread_loop_get_loop(loop), "harlune", properties, &events, this);
         if (stream == nullptr)
             throw AudioDeviceError("PipeWire refused a new stream");

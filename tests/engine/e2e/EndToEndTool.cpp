@@ -85,7 +85,7 @@ int play(const std::map<std::string, std::string>& all) {
                 engine.device().name().c_str());
     std::fflush(stdout);
     const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(static_cast<int64_t>(content.duration() * 1000) + 10000);
+                          std::chrono::milliseconds(static_cast<int64_t>(content.duration() * 1250) + 10000);
     double latency = 0;
     while (!engine.state().finished.load() && !(expectLoss && changed) &&
            std::chrono::steady_clock::now() < deadline) {
