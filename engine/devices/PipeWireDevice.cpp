@@ -10,6 +10,8 @@
 #include <ctime>
 #include <mutex>
 #include <pipewire/pipewire.h>
+#include <pthread.h>
+#include <sched.h>
 #include <spa/param/audio/format-utils.h>
 #include <spa/utils/result.h>
 
@@ -61,6 +63,9 @@ struct PipeWireDevice::Impl {
     bool active = false;           ///< what the main thread asked for
     bool closingByRequest = false; ///< our own disconnect: not a configuration change
 
+    // Audio thread only; cleared for each new stream.
+    bool priorityAsked = false;
+
     // Audio thread writes, others read.
     std::atomic<int64_t> lastCallbackNanoseconds{0};
     std::atomic<int64_t> callbacks{0};
@@ -82,6 +87,10 @@ struct PipeWireDevice::Impl {
 
     static void onProcess(void* data) {
         auto& self = *static_cast<Impl*>(data);
+        if (!self.priorityAsked) {
+            self.priorityAsked = true;
+            askForRealtimePriority();
+        }
         pw_buffer* buffer = pw_stream_dequeue_buffer(self.stream);
         if (buffer == nullptr)
             return;
@@ -91,7 +100,7 @@ struct PipeWireDevice::Impl {
         uint32_t capacity = UINT32_MAX;
         for (int c = 0; c < channels && c < static_cast<int>(spa->n_datas); ++c) {
             planes[static_cast<size_t>(c)] = static_cast<float*>(spa->datas[c].data);
-            capacity = std::min<uint32_t>(capacity, spa->datas[c].maxsize / sizeof(float));
+            capacity = std::min(capacity, static_cast<uint32_t>(spa->datas[c].maxsize / sizeof(float)));
         }
         if (capacity == UINT32_MAX)
             capacity = 0;
@@ -105,11 +114,25 @@ struct PipeWireDevice::Impl {
         for (uint32_t c = 0; c < spa->n_datas; ++c) {
             spa->datas[c].chunk->offset = 0;
             spa->datas[c].chunk->stride = sizeof(float);
-            spa->datas[c].chunk->size = frames * sizeof(float);
+            spa->datas[c].chunk->size = static_cast<uint32_t>(frames * sizeof(float));
         }
         buffer->size = frames;
         pw_stream_queue_buffer(self.stream, buffer);
         self.countCallback(frames);
+    }
+
+    // The client configuration's module raises the data thread through a desktop session's
+    // RealtimeKit, which a bare or headless system lacks; where the process may set real-time
+    // scheduling itself, this does it once, at the stream's first callback. A refusal leaves the
+    // thread as it was.
+    static void askForRealtimePriority() noexcept {
+        int policy = 0;
+        sched_param parameters{};
+        if (pthread_getschedparam(pthread_self(), &policy, &parameters) != 0 || policy == SCHED_FIFO ||
+            policy == SCHED_RR)
+            return;
+        parameters.sched_priority = std::min(70, sched_get_priority_max(SCHED_FIFO));
+        pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
     }
 
     void countCallback(uint32_t frames) noexcept {
@@ -180,6 +203,7 @@ struct PipeWireDevice::Impl {
 
         state = PW_STREAM_STATE_CONNECTING;
         error.clear();
+        priorityAsked = false;
         const auto flags =
             static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
                                          PW_STREAM_FLAG_RT_PROCESS | PW_STREAM_FLAG_INACTIVE);

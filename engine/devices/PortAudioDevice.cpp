@@ -253,7 +253,11 @@ void PortAudioDevice::start() {
     if (Pa_IsStreamStopped(impl_->stream) == 0)
         Pa_AbortStream(impl_->stream);
     impl_->lastCallback = Impl::now();
-    const PaError error = Pa_StartStream(impl_->stream);
+    PaError error = paNoError;
+    {
+        const QuietStandardError quiet;
+        error = Pa_StartStream(impl_->stream);
+    }
     if (error != paNoError)
         throw AudioDeviceError(paText(error));
     impl_->active = true;
