@@ -1,14 +1,13 @@
 // Benchmarks of the content model: structural edits, peak queries and building.
-#include <cmath>
-#include <malloc.h>
-#include <cstring>
-#include <memory>
-#include <vector>
-
-#include <benchmark/benchmark.h>
-
 #include "core/AudioContent.h"
 #include "core/AudioContentBuilder.h"
+
+#include <benchmark/benchmark.h>
+#include <cmath>
+#include <cstring>
+#include <malloc.h>
+#include <memory>
+#include <vector>
 
 namespace harlune {
 namespace {
@@ -52,13 +51,17 @@ void deleteAndUndo(benchmark::State& state, int64_t minutes) {
         benchmark::DoNotOptimize(edited);
     }
     state.counters["segments"] = static_cast<double>(content.segmentCount());
-    state.counters["ns_per_segment"] = benchmark::Counter(
-        static_cast<double>(content.segmentCount()),
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_segment"] =
+        benchmark::Counter(static_cast<double>(content.segmentCount()),
+                           benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
-void ContentDelete_1min(benchmark::State& state) { deleteAndUndo(state, 1); }
-void ContentDelete_24h(benchmark::State& state) { deleteAndUndo(state, 24 * 60); }
+void ContentDelete_1min(benchmark::State& state) {
+    deleteAndUndo(state, 1);
+}
+void ContentDelete_24h(benchmark::State& state) {
+    deleteAndUndo(state, 24 * 60);
+}
 BENCHMARK(ContentDelete_1min)->Name("ContentDelete/1min");
 BENCHMARK(ContentDelete_24h)->Name("ContentDelete/24h")->Unit(benchmark::kMicrosecond);
 
@@ -68,7 +71,8 @@ void PeaksOverview_24h(benchmark::State& state) {
     const double perColumn = static_cast<double>(content.frameCount()) / columns;
     for (auto _ : state) {
         for (int x = 0; x < columns; ++x) {
-            const FrameRange range{static_cast<int64_t>(x * perColumn), static_cast<int64_t>((x + 1) * perColumn)};
+            const FrameRange range{static_cast<int64_t>(x * perColumn),
+                                   static_cast<int64_t>((x + 1) * perColumn)};
             for (int c = 0; c < 2; ++c)
                 benchmark::DoNotOptimize(content.peaks(c, range));
         }
@@ -87,7 +91,8 @@ void PeaksZoomed(benchmark::State& state) {
     const double perColumn = static_cast<double>(content.frameCount()) / columns;
     for (auto _ : state) {
         for (int x = 0; x < columns; ++x) {
-            const FrameRange range{static_cast<int64_t>(x * perColumn), static_cast<int64_t>((x + 1) * perColumn)};
+            const FrameRange range{static_cast<int64_t>(x * perColumn),
+                                   static_cast<int64_t>((x + 1) * perColumn)};
             for (int c = 0; c < 2; ++c)
                 benchmark::DoNotOptimize(content.peaks(c, range));
         }
@@ -129,7 +134,8 @@ void BuildContent(benchmark::State& state) {
         AudioContentBuilder builder(2, rate);
         for (int64_t done = 0; done < hour; done += chunk) {
             const auto at = static_cast<size_t>(done % (48000 - chunk));
-            const std::span<const float> views[] = {{source[0].data() + at, chunk}, {source[1].data() + at, chunk}};
+            const std::span<const float> views[] = {{source[0].data() + at, chunk},
+                                                    {source[1].data() + at, chunk}};
             builder.append(std::span<const std::span<const float>>(views));
         }
         const AudioContent content = builder.build();

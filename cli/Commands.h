@@ -6,6 +6,8 @@ namespace harlune::cli {
 
 // One factory per subcommand, each in its own file.
 Command infoCommand();
+Command convertCommand();
+Command loudnessCommand();
 Command playCommand();
 
 } // namespace harlune::cli

@@ -12,7 +12,10 @@ namespace {
 
 using harlune::cli::Command;
 
-std::vector<Command> allCommands() { return {harlune::cli::infoCommand(), harlune::cli::playCommand()}; }
+std::vector<Command> allCommands() {
+    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
+            harlune::cli::playCommand()};
+}
 
 void printUsage(const std::vector<Command>& commands) {
     std::fprintf(stderr, "usage: harlune-cli COMMAND [OPTIONS]\n\ncommands:\n");

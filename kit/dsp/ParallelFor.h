@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstdint>
-
 #include "base/FunctionRef.h"
+
+#include <cstdint>
 
 namespace harlune {
 

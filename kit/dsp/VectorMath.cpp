@@ -1,13 +1,12 @@
 #include "dsp/VectorMath.h"
 
+#include "base/Vectorize.h"
+
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
 namespace harlune::vec {
-
-// Each hot loop is built twice, for AVX2 and for the baseline, and picked at load time: release
-// binaries stay portable while the machine's wider vectors are used where present.
-#define HARLUNE_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 
 HARLUNE_VECTOR_CLONES void expInPlace(float* x, int64_t count) {
     // e^x = 2^n · e^r with n = round(x / ln 2) and |r| <= ln 2 / 2; e^r by its Taylor series to
@@ -68,6 +67,28 @@ HARLUNE_VECTOR_CLONES void ramp(float* x, int64_t count, float start, float step
 void fill(float* x, int64_t count, float value) {
     for (int64_t i = 0; i < count; ++i)
         x[i] = value;
+}
+
+HARLUNE_VECTOR_CLONES void addScalar(float* x, int64_t count, float value) {
+    for (int64_t i = 0; i < count; ++i)
+        x[i] += value;
+}
+
+HARLUNE_VECTOR_CLONES void add(float* __restrict x, const float* __restrict y, int64_t count) {
+    for (int64_t i = 0; i < count; ++i)
+        x[i] += y[i];
+}
+
+void reverse(float* x, int64_t count) {
+    std::reverse(x, x + count);
+}
+
+HARLUNE_VECTOR_CLONES float sum(const float* x, int64_t count) {
+    float total = 0;
+#pragma omp simd reduction(+ : total)
+    for (int64_t i = 0; i < count; ++i)
+        total += x[i];
+    return total;
 }
 
 } // namespace harlune::vec

@@ -17,5 +17,13 @@ void multiply(float* x, const float* y, int64_t count);
 /// `x[i] = start + i * step`, the index converted to float.
 void ramp(float* x, int64_t count, float start, float step);
 void fill(float* x, int64_t count, float value);
+/// `x[i] += value`.
+void addScalar(float* x, int64_t count, float value);
+/// `x[i] += y[i]`.
+void add(float* x, const float* y, int64_t count);
+/// The order of `x` reversed in place.
+void reverse(float* x, int64_t count);
+/// The sum in float, in vector lanes (so not in strict left-to-right order).
+float sum(const float* x, int64_t count);
 
 } // namespace harlune::vec

@@ -1,10 +1,9 @@
+#include "dsp/ParallelFor.h"
+
 #include <atomic>
+#include <gtest/gtest.h>
 #include <stdexcept>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "dsp/ParallelFor.h"
 
 namespace harlune {
 namespace {

@@ -1,0 +1,428 @@
+#pragma once
+
+#include "base/AudioFormats.h"
+#include "base/ChannelSet.h"
+#include "base/FrameRange.h"
+#include "core/AudioContent.h"
+#include "core/GainEnvelope.h"
+#include "core/TempoGrid.h"
+#include "editor/AnalysisScheduler.h"
+#include "editor/AnalysisScope.h"
+#include "editor/BusyState.h"
+#include "editor/EditState.h"
+#include "editor/EffectsRackControl.h"
+#include "editor/InspectorTab.h"
+#include "editor/LoudnessAdjustMode.h"
+#include "editor/Marker.h"
+#include "editor/MeterReading.h"
+#include "editor/PendingLoudnessResult.h"
+#include "editor/PlaybackControl.h"
+#include "editor/ProgressToken.h"
+#include "editor/RecordMode.h"
+#include "editor/RecorderControl.h"
+#include "editor/TimeFormat.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QUndoStack>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+class QTimer;
+
+namespace harlune {
+
+/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in.
+struct EditorCollaborators {
+    std::unique_ptr<PlaybackControl> player;
+    std::unique_ptr<EffectsRackControl> rack;
+    std::unique_ptr<RecorderControl> recorder;
+    std::unique_ptr<AnalysisScheduler> analysis;
+};
+
+/// Everything one open document edits and shows: audio, markers, envelopes, selection, view,
+/// transport, loudness figures and the busy state.
+///
+/// It lives on the main thread; every access from elsewhere is a programmer's error. Each
+/// observable field has a getter, a setter and a `...Changed` signal. A setter given a value
+/// equal to the current one emits nothing, but still stores it and runs the field's follow-ups
+/// (preference writes, telling the player or the rack, scheduling measurements).
+///
+/// Undo works on whole `EditState`s: a command computes the next state from `snapshot`, takes
+/// `before` = `snapshot`, calls `restore(next)` and then `registerUndo(before, name)`. Each undo
+/// or redo swaps the stored state with a fresh snapshot, so the two directions are the same code.
+/// Long work goes through `process`, which runs on a thread pool with value copies and commits
+/// back on the main thread only while the model still exists.
+class EditorModel : public QObject {
+    Q_OBJECT
+
+public:
+    /// Called on the main thread with a failure that is not a cancellation.
+    using ErrorPresenter = std::function<void(const std::exception& error)>;
+    /// Background work of `process`: from a copy of the content to the new content. Reports
+    /// progress into the token and should stop (throwing `HarluneError::cancelled()`) once its
+    /// flag is set.
+    using Work = std::function<AudioContent(AudioContent content, std::shared_ptr<ProgressToken> token)>;
+    using MarkersProducer = std::function<std::vector<Marker>(const AudioContent& result)>;
+    using EnvelopeProducer = std::function<EnvelopeSet(const AudioContent& result)>;
+
+    static constexpr double minFramesPerPoint = 0.03125;
+
+    EditorModel(AudioContent content, std::optional<AudioFileInfo> fileInfo,
+                EditorCollaborators collaborators = {}, QObject* parent = nullptr);
+    ~EditorModel() override;
+
+    // Collaborators --------------------------------------------------------------------------
+
+    PlaybackControl& player() { return *player_; }
+    EffectsRackControl& rack() { return *rack_; }
+    RecorderControl& recorder() { return *recorder_; }
+    AnalysisScheduler& analysis() { return *analysis_; }
+
+    // Hooks ----------------------------------------------------------------------------------
+
+    /// The document's undo stack, held weakly; without one edits go through unrecorded.
+    QUndoStack* undoManager() const { return undoManager_.data(); }
+    void setUndoManager(QUndoStack* stack);
+    void setPresentError(ErrorPresenter presenter) { presentError_ = std::move(presenter); }
+    /// The system's alert sound, played when a long operation is refused. Silent by default.
+    void setAlertSound(std::function<void()> sound) { alertSound_ = std::move(sound); }
+
+    // Document -------------------------------------------------------------------------------
+
+    const AudioContent& content() const { return content_; }
+    void setContent(AudioContent content);
+    /// Raised by every content change; views and waveform caches compare this, not the content.
+    int64_t contentVersion() const { return contentVersion_; }
+    const std::optional<AudioFileInfo>& fileInfo() const { return fileInfo_; }
+    void setFileInfo(std::optional<AudioFileInfo> fileInfo);
+    const std::vector<Marker>& markers() const { return markers_; }
+    void setMarkers(std::vector<Marker> markers);
+    const EnvelopeSet& envelopes() const { return envelopes_; }
+    void setEnvelopes(EnvelopeSet envelopes);
+    /// The envelope being edited: absent for the master, else a channel index.
+    std::optional<int> envelopeTarget() const { return envelopeTarget_; }
+    void setEnvelopeTarget(std::optional<int> target);
+
+    // Selection ------------------------------------------------------------------------------
+
+    const std::optional<FrameRange>& selection() const { return selection_; }
+    /// The field itself: an empty range becomes absent. See the two-argument form for the command.
+    void setSelection(std::optional<FrameRange> selection);
+    const ChannelSet& activeChannels() const { return activeChannels_; }
+    void setActiveChannels(ChannelSet channels);
+    int64_t cursor() const { return cursor_; }
+    void setCursor(int64_t cursor);
+    bool snapToZeroCrossings() const { return snapToZeroCrossings_; }
+    void setSnapToZeroCrossings(bool snap);
+
+    // View -----------------------------------------------------------------------------------
+
+    /// Zoom: frames per screen point.
+    double framesPerPoint() const { return framesPerPoint_; }
+    void setFramesPerPoint(double framesPerPoint);
+    /// The frame at the left edge of the view.
+    double scrollFrame() const { return scrollFrame_; }
+    void setScrollFrame(double frame);
+    /// Points.
+    double viewWidth() const { return viewWidth_; }
+    void setViewWidth(double width);
+    double amplitudeZoom() const { return amplitudeZoom_; }
+    void setAmplitudeZoom(double zoom);
+    bool showLoudnessLane() const { return showLoudnessLane_; }
+    void setShowLoudnessLane(bool show);
+    /// Points.
+    double loudnessLaneHeight() const { return loudnessLaneHeight_; }
+    void setLoudnessLaneHeight(double height);
+    /// dB shown above and below 0 in the envelope lane.
+    double envelopeRangeDB() const { return envelopeRangeDB_; }
+    void setEnvelopeRangeDB(double range);
+    bool showInspector() const { return showInspector_; }
+    void setShowInspector(bool show);
+    InspectorTab inspectorTab() const { return inspectorTab_; }
+    void setInspectorTab(InspectorTab tab);
+    TimeFormat timeFormat() const { return timeFormat_; }
+    void setTimeFormat(TimeFormat format);
+
+    // Tempo grid -----------------------------------------------------------------------------
+
+    const TempoGrid& grid() const { return grid_; }
+    void setGrid(TempoGrid grid);
+    bool showGrid() const { return showGrid_; }
+    void setShowGrid(bool show);
+    bool snapToGrid() const { return snapToGrid_; }
+    void setSnapToGrid(bool snap);
+    bool isDetectingTempo() const { return isDetectingTempo_; }
+    void setIsDetectingTempo(bool detecting);
+    std::optional<double> tempoConfidence() const { return tempoConfidence_; }
+    void setTempoConfidence(std::optional<double> confidence);
+    /// Wall-clock time stamps of tempo taps, in seconds; not observed.
+    std::vector<double>& taps() { return taps_; }
+
+    // Recording ------------------------------------------------------------------------------
+
+    std::optional<int64_t> recordHead() const { return recordHead_; }
+    void setRecordHead(std::optional<int64_t> head);
+    // Bookkeeping of a take in progress; not observed.
+    std::optional<EditState>& recordingBase() { return recordingBase_; }
+    FrameRange& recordingTarget() { return recordingTarget_; }
+    RecordMode& recordingMode() { return recordingMode_; }
+    bool& recordingIntoEmpty() { return recordingIntoEmpty_; }
+    bool& liveTakeVisible() { return liveTakeVisible_; }
+    bool& analysisSuspended() { return analysisSuspended_; }
+
+    // Transport ------------------------------------------------------------------------------
+
+    bool isPlaying() const { return isPlaying_; }
+    void setIsPlaying(bool playing);
+    bool isLooping() const { return isLooping_; }
+    void setIsLooping(bool looping);
+    int64_t playhead() const { return playhead_; }
+    void setPlayhead(int64_t frame);
+    const MeterReading& meter() const { return meter_; }
+    void setMeter(MeterReading meter);
+    QTimer* transportTimer() const { return transportTimer_.get(); }
+    /// Takes ownership; replacing or clearing stops the previous timer.
+    void setTransportTimer(std::unique_ptr<QTimer> timer);
+    int64_t& playOrigin() { return playOrigin_; }
+    int64_t& meterTick() { return meterTick_; }
+
+    // Loudness -------------------------------------------------------------------------------
+
+    const std::optional<LoudnessResult>& loudness() const { return loudness_; }
+    void setLoudness(std::optional<LoudnessResult> result);
+    const std::optional<LoudnessResult>& contentLoudness() const { return contentLoudness_; }
+    void setContentLoudness(std::optional<LoudnessResult> result);
+    const std::optional<LoudnessResult>& selectionLoudness() const { return selectionLoudness_; }
+    void setSelectionLoudness(std::optional<LoudnessResult> result);
+    const std::vector<double>& channelLoudness() const { return channelLoudness_; }
+    void setChannelLoudness(std::vector<double> loudness);
+    bool linkChannelLevels() const { return linkChannelLevels_; }
+    void setLinkChannelLevels(bool link);
+    bool isAnalyzing() const { return isAnalyzing_; }
+    void setIsAnalyzing(bool analyzing);
+    AnalysisScope analysisScope() const { return analysisScope_; }
+    void setAnalysisScope(AnalysisScope scope);
+    LoudnessAdjustMode adjustMode() const { return adjustMode_; }
+    void setAdjustMode(LoudnessAdjustMode mode);
+    double targetLUFS() const { return targetLUFS_; }
+    void setTargetLUFS(double target);
+    double ceilingDBTP() const { return ceilingDBTP_; }
+    void setCeilingDBTP(double ceiling);
+    double manualGainDB() const { return manualGainDB_; }
+    void setManualGainDB(double gain);
+    bool limitTruePeaks() const { return limitTruePeaks_; }
+    void setLimitTruePeaks(bool limit);
+    bool previewLoudness() const { return previewLoudness_; }
+    void setPreviewLoudness(bool preview);
+    // Handles of the running measurement jobs, for their scheduler; absent when none runs.
+    std::shared_ptr<ProgressToken>& analysisTask() { return analysisTask_; }
+    std::shared_ptr<ProgressToken>& selectionAnalysisTask() { return selectionAnalysisTask_; }
+    std::shared_ptr<ProgressToken>& envelopeAnalysisTask() { return envelopeAnalysisTask_; }
+
+    // Busy -----------------------------------------------------------------------------------
+
+    const std::optional<BusyState>& busy() const { return busy_; }
+    QTimer* busyTimer() const { return busyTimer_.get(); }
+
+    // Computed -------------------------------------------------------------------------------
+
+    /// Absent when all channels are active, otherwise the active ones.
+    std::optional<ChannelSet> targetChannels() const;
+    /// "Mono"; "L"/"R"; "L", "R", "C", "LFE", "Ls", "Rs" for six; else the index plus 1.
+    QString channelName(int index) const;
+    /// Codec, rate, bit depth and channels joined by " · ".
+    QString formatSummary() const;
+    /// The selection when looping over one, otherwise the whole content.
+    FrameRange playRange() const;
+
+    // State and undo -------------------------------------------------------------------------
+
+    /// Installs freshly read content: stops play, clears markers, envelopes and selection, and
+    /// fits the view. The grid, the view toggles and the undo stack stay.
+    void load(AudioContent content, std::optional<AudioFileInfo> fileInfo);
+    EditState snapshot() const;
+    /// Makes a state current: the way undo steps and every command's result come in.
+    void restore(const EditState& state);
+    /// Pushes an undo step that brings back `state`; nothing without an undo stack.
+    void registerUndo(EditState state, const QString& name);
+    /// Raises the version and schedules the measurements of the new content.
+    void contentDidChange();
+
+    // Long operations ------------------------------------------------------------------------
+
+    /// Runs `work` on a background job behind the busy overlay and commits its result as one
+    /// undo step named `name`. `selection` given replaces the selection (with an absent value
+    /// clearing it); `markers` and `envelope`, if given, make the new lists from the result.
+    /// Refused with the alert sound while another operation is busy.
+    void process(const QString& name, Work work,
+                 std::optional<std::optional<FrameRange>> selection = std::nullopt,
+                 MarkersProducer markers = {}, EnvelopeProducer envelope = {});
+    /// Shows the busy state of any long job; a 0.05 s timer copies the token's fraction.
+    void beginExternalBusy(const QString& title, std::shared_ptr<ProgressToken> token);
+    void endExternalBusy();
+
+    // Transport ------------------------------------------------------------------------------
+
+    /// Stops play; with `keepPosition` and no selection the cursor moves to the playhead.
+    void stop(bool keepPosition);
+
+    // View arithmetic ------------------------------------------------------------------------
+
+    double maxFramesPerPoint() const;
+    void clampScroll();
+    void zoomToFit();
+    /// Zooms by `factor` (above 1 zooms out) keeping the anchor at its place on screen, or
+    /// bringing it to the middle when it was off screen.
+    void zoom(double factor, std::optional<int64_t> anchorFrame = std::nullopt);
+    void zoomToSelection();
+    void scroll(double byPoints);
+    void ensureVisible(int64_t frame);
+
+    // Selection commands ---------------------------------------------------------------------
+
+    void selectAll();
+    void selectNone();
+    /// The command: clamps the range, replaces the channels when given, and puts the cursor at
+    /// the selection's start.
+    void setSelection(std::optional<FrameRange> range, std::optional<ChannelSet> channels);
+    /// `frame` clamped to the content and, with snapping on and strictly inside, moved to the
+    /// nearest zero crossing within about six screen points.
+    int64_t snapped(int64_t frame) const;
+
+signals:
+    void contentChanged();
+    void contentVersionChanged();
+    void fileInfoChanged();
+    void markersChanged();
+    void envelopesChanged();
+    void envelopeTargetChanged();
+    void selectionChanged();
+    void activeChannelsChanged();
+    void cursorChanged();
+    void snapToZeroCrossingsChanged();
+    void framesPerPointChanged();
+    void scrollFrameChanged();
+    void viewWidthChanged();
+    void amplitudeZoomChanged();
+    void showLoudnessLaneChanged();
+    void loudnessLaneHeightChanged();
+    void envelopeRangeDBChanged();
+    void showInspectorChanged();
+    void inspectorTabChanged();
+    void timeFormatChanged();
+    void gridChanged();
+    void showGridChanged();
+    void snapToGridChanged();
+    void isDetectingTempoChanged();
+    void tempoConfidenceChanged();
+    void recordHeadChanged();
+    void isPlayingChanged();
+    void isLoopingChanged();
+    void playheadChanged();
+    void meterChanged();
+    void loudnessChanged();
+    void contentLoudnessChanged();
+    void selectionLoudnessChanged();
+    void channelLoudnessChanged();
+    void linkChannelLevelsChanged();
+    void isAnalyzingChanged();
+    void analysisScopeChanged();
+    void adjustModeChanged();
+    void targetLUFSChanged();
+    void ceilingDBTPChanged();
+    void manualGainDBChanged();
+    void limitTruePeaksChanged();
+    void previewLoudnessChanged();
+    void busyChanged();
+
+private:
+    template <class T> bool assign(T& field, T value, void (EditorModel::*changed)());
+    void finishProcess(const QString& name, const std::shared_ptr<ProgressToken>& token,
+                       std::optional<AudioContent> result, std::exception_ptr error,
+                       const std::optional<std::optional<FrameRange>>& selection,
+                       const MarkersProducer& markers, const EnvelopeProducer& envelope);
+    void resetMeter();
+
+    std::unique_ptr<PlaybackControl> player_;
+    std::unique_ptr<EffectsRackControl> rack_;
+    std::unique_ptr<RecorderControl> recorder_;
+    std::unique_ptr<AnalysisScheduler> analysis_;
+
+    QPointer<QUndoStack> undoManager_;
+    ErrorPresenter presentError_;
+    std::function<void()> alertSound_;
+
+    AudioContent content_;
+    int64_t contentVersion_ = 0;
+    std::optional<AudioFileInfo> fileInfo_;
+    std::vector<Marker> markers_;
+    EnvelopeSet envelopes_;
+    std::optional<int> envelopeTarget_;
+
+    std::optional<FrameRange> selection_;
+    ChannelSet activeChannels_;
+    int64_t cursor_ = 0;
+    bool snapToZeroCrossings_ = false;
+
+    double framesPerPoint_ = 256;
+    double scrollFrame_ = 0;
+    double viewWidth_ = 800;
+    double amplitudeZoom_ = 1;
+    bool showLoudnessLane_ = true;
+    double loudnessLaneHeight_ = 130;
+    double envelopeRangeDB_ = 12;
+    bool showInspector_ = true;
+    InspectorTab inspectorTab_ = InspectorTab::loudness;
+    TimeFormat timeFormat_ = TimeFormat::hms;
+
+    TempoGrid grid_;
+    bool showGrid_ = false;
+    bool snapToGrid_ = true;
+    bool isDetectingTempo_ = false;
+    std::optional<double> tempoConfidence_;
+    std::vector<double> taps_;
+
+    std::optional<int64_t> recordHead_;
+    std::optional<EditState> recordingBase_;
+    FrameRange recordingTarget_;
+    RecordMode recordingMode_ = RecordMode::insert;
+    bool recordingIntoEmpty_ = false;
+    bool liveTakeVisible_ = true;
+    bool analysisSuspended_ = false;
+
+    bool isPlaying_ = false;
+    bool isLooping_ = false;
+    int64_t playhead_ = 0;
+    MeterReading meter_;
+    std::unique_ptr<QTimer> transportTimer_;
+    int64_t playOrigin_ = 0;
+    int64_t meterTick_ = 0;
+
+    std::optional<LoudnessResult> loudness_;
+    std::optional<LoudnessResult> contentLoudness_;
+    std::optional<LoudnessResult> selectionLoudness_;
+    std::vector<double> channelLoudness_;
+    bool linkChannelLevels_ = false;
+    bool isAnalyzing_ = false;
+    AnalysisScope analysisScope_ = AnalysisScope::file;
+    LoudnessAdjustMode adjustMode_ = LoudnessAdjustMode::target;
+    double targetLUFS_ = -14;
+    double ceilingDBTP_ = -1;
+    double manualGainDB_ = 0;
+    bool limitTruePeaks_ = true;
+    bool previewLoudness_ = false;
+    std::shared_ptr<ProgressToken> analysisTask_;
+    std::shared_ptr<ProgressToken> selectionAnalysisTask_;
+    std::shared_ptr<ProgressToken> envelopeAnalysisTask_;
+
+    std::optional<BusyState> busy_;
+    std::unique_ptr<QTimer> busyTimer_;
+};
+
+} // namespace harlune

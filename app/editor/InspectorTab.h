@@ -1,0 +1,7 @@
+#pragma once
+
+namespace harlune {
+
+enum class InspectorTab { loudness, spectrum, info, markers, effects };
+
+} // namespace harlune

@@ -1,0 +1,15 @@
+#include "dsp/effects/EffectFactory.h"
+
+#include "base/HarluneError.h"
+
+#include <string>
+
+namespace harlune::EffectFactory {
+
+std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings) {
+    // Each kind gains its case here when its processor exists.
+    throw HarluneError::codecUnavailable("the effect \"" + std::string(displayName(settings.kind())) +
+                                         "\" is not available in this build");
+}
+
+} // namespace harlune::EffectFactory

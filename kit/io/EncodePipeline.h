@@ -1,0 +1,104 @@
+#pragma once
+
+#include "io/ChunkSink.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace harlune {
+
+/// Folds the source's channels into fewer, by a gain matrix.
+class ChannelMixer final : public ChunkSink {
+public:
+    /// `matrix`: one row per output channel, each holding one gain per input channel.
+    ChannelMixer(std::vector<std::vector<float>> matrix, std::unique_ptr<ChunkSink> next);
+
+    void consume(ChunkViews chunk) override;
+    void finish() override;
+    void abort() noexcept override;
+
+    const std::vector<std::vector<float>>& matrix() const { return matrix_; }
+
+private:
+    std::vector<std::vector<float>> matrix_;
+    std::unique_ptr<ChunkSink> next_;
+    std::vector<std::vector<float>> scratch_; ///< one buffer per output channel
+    std::vector<std::span<const float>> views_;
+    size_t capacity_ = 0; ///< frames
+};
+
+/// Makes a stream exactly `expected` frames long: cuts what comes beyond, pads with silence at
+/// the end. It sits behind the sample-rate converter, whose output length is only nearly right.
+class LengthEnforcer final : public ChunkSink {
+public:
+    LengthEnforcer(int64_t expected, int channels, std::unique_ptr<ChunkSink> next);
+
+    void consume(ChunkViews chunk) override;
+    void finish() override;
+    void abort() noexcept override;
+
+    int64_t passed() const { return passed_; }
+
+private:
+    int64_t expected_;
+    int64_t passed_ = 0;
+    int channels_;
+    std::unique_ptr<ChunkSink> next_;
+    std::vector<std::span<const float>> views_;
+};
+
+/// Turns float samples into integer codes, with optional triangular (TPDF) dither of at most
+/// one least significant bit. The noise comes from a xorshift64* generator seeded the same for
+/// every file, so two exports of the same material give the same bytes.
+struct Quantizer {
+    static constexpr uint64_t seed = 0x9E3779B97F4A7C15ULL;
+
+    int bits = 24;       ///< 16, 24 or 32
+    bool dither = false; ///< honoured for 16 and 24 bits only
+    uint64_t rng = seed;
+
+    Quantizer() = default;
+    Quantizer(int bitCount, bool withDither) : bits(bitCount), dither(withDither && bitCount < 32) {}
+
+    /// Interleaves `chunk` into `into` (frames × channels values). Each value is the code in the
+    /// top `bits` bits of a 32-bit integer, the form integer audio libraries take (a 16-bit code
+    /// c is stored as c << 16). NaN gives 0; everything else is rounded to nearest, ties to even,
+    /// and clamped to the code range. Channels are quantized one after the other, which fixes
+    /// the order of the noise draws.
+    void quantize(ChunkViews chunk, std::span<int32_t> into);
+
+    /// One xorshift64* step: a double in [0, 1).
+    double draw() {
+        uint64_t x = rng;
+        x ^= x >> 12;
+        x ^= x << 25;
+        x ^= x >> 27;
+        rng = x;
+        return static_cast<double>((x * 0x2545F4914F6CDD1DULL) >> 11) * 0x1.0p-53;
+    }
+};
+
+/// The sample-rate conversion stage: converts every chunk from one rate to another and passes
+/// the converted frames on, in pieces as the converter delivers them.
+class ResamplerStage final : public ChunkSink {
+public:
+    /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
+    /// made for the two rates. `maxChunk`: the most frames one `consume` gets.
+    ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
+                   std::unique_ptr<ChunkSink> next);
+    ~ResamplerStage() override;
+
+    void consume(ChunkViews chunk) override;
+    void finish() override;
+    void abort() noexcept override;
+
+private:
+    struct Converter;
+    std::unique_ptr<Converter> converter_;
+    int channels_;
+    std::unique_ptr<ChunkSink> next_;
+};
+
+} // namespace harlune

@@ -1,0 +1,98 @@
+// harlune-cli convert, run as a user runs it; the files it writes are checked by the real ffmpeg.
+#include "io/IoTestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace harlune {
+namespace {
+
+using testing::TempDir;
+
+struct CliResult {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+CliResult cli(std::vector<std::string> arguments) {
+    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
+    return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
+            result.stderrText};
+}
+
+std::string probe(const std::filesystem::path& file, const std::string& field) {
+    const auto result = Subprocess::run(
+        testing::systemFFprobe, {"-v", "error", "-select_streams", "a:0", "-show_entries", "stream=" + field,
+                                 "-of", "default=nw=1:nk=1", "file:" + file.string()});
+    std::string text(result.stdoutData.begin(), result.stdoutData.end());
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
+class ConvertCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        auto tone = testing::stereoSource(1.0);
+        tone.insert(tone.end(), {"-c:a", "pcm_s24le", (folder / "tone.wav").string()});
+        testing::ffmpeg(tone);
+    }
+    std::string file(const std::string& name) const { return (folder / name).string(); }
+    TempDir folder;
+};
+
+TEST_F(ConvertCommand, TheFormatFollowsTheExtensionAndTheSamplesSurvive) {
+    const CliResult result = cli({"convert", file("tone.wav"), file("copy.flac")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, ""); // nothing differed from what was asked
+    EXPECT_EQ(probe(file("copy.flac"), "codec_name"), "flac");
+    EXPECT_EQ(probe(file("copy.flac"), "bits_per_raw_sample"), "24");
+    // 24-bit source to 24-bit FLAC: the dither of ±1 step is all that changes.
+    const auto original = testing::referenceDecode(file("tone.wav"), 2);
+    const auto copy = testing::referenceDecode(file("copy.flac"), 2);
+    ASSERT_EQ(copy[1].size(), original[1].size());
+    for (size_t c = 0; c < 2; ++c)
+        for (size_t f = 0; f < original[c].size(); ++f)
+            ASSERT_NEAR(copy[c][f], original[c][f], 1.5 / 8388608.0);
+}
+
+TEST_F(ConvertCommand, SettingsThatCannotBeHadAreReported) {
+    const CliResult alac =
+        cli({"convert", "--format", "alac", "--bits", "32", file("tone.wav"), file("lossless.m4a")});
+    ASSERT_EQ(alac.status, 0) << alac.err;
+    EXPECT_EQ(alac.out, "bit depth: 24-bit (32-bit asked)\n");
+    EXPECT_EQ(probe(file("lossless.m4a"), "codec_name"), "alac");
+
+    const CliResult wav = cli({"convert", "--bits", "16", "--dither", "none", "--rate", "48000",
+                               file("tone.wav"), file("plain.wav")});
+    ASSERT_EQ(wav.status, 0) << wav.err;
+    EXPECT_EQ(wav.out, "");
+    EXPECT_EQ(probe(file("plain.wav"), "codec_name"), "pcm_s16le");
+
+    const CliResult mp3 =
+        cli({"convert", "--bitrate", "500", "--bits", "16", file("tone.wav"), file("lossy.mp3")});
+    if (mp3.status == 0) {
+        EXPECT_EQ(mp3.out, "bit depth: does not apply to MP3\nbit rate: 320 kbps (500 kbps asked)\n");
+        EXPECT_EQ(probe(file("lossy.mp3"), "bit_rate"), "320000");
+    }
+}
+
+TEST_F(ConvertCommand, BadCommandLinesPrintTheUsageAndFailuresTheError) {
+    const CliResult noFormat = cli({"convert", file("tone.wav"), file("out.xyz")});
+    EXPECT_EQ(noFormat.status, 2);
+    EXPECT_NE(noFormat.err.find("use --format"), std::string::npos) << noFormat.err;
+    EXPECT_NE(noFormat.err.find("usage: harlune-cli convert"), std::string::npos);
+
+    EXPECT_EQ(cli({"convert", "--bits", "20", file("tone.wav"), file("o.wav")}).status, 2);
+    EXPECT_EQ(cli({"convert", "--dither", "loud", file("tone.wav"), file("o.wav")}).status, 2);
+    EXPECT_EQ(cli({"convert", "--bitrate", "-5", file("tone.wav"), file("o.mp3")}).status, 2);
+    EXPECT_EQ(cli({"convert", file("tone.wav")}).status, 2);
+
+    const CliResult missing = cli({"convert", file("absent.wav"), file("o.wav")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(missing.err.starts_with("harlune-cli: Couldn\u2019t read the audio: ")) << missing.err;
+    EXPECT_FALSE(std::filesystem::exists(file("o.wav")));
+}
+
+} // namespace
+} // namespace harlune

@@ -1,0 +1,547 @@
+#include "core/Processing.h"
+
+#include "base/HarluneError.h"
+#include "support/TestAudio.h"
+#include "support/TestProcessors.h"
+
+#include <cmath>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <numbers>
+
+namespace harlune {
+namespace {
+
+using testing::Planes;
+
+constexpr int64_t frames = 200'003;
+
+/// Noise in a few segments cut away from block borders: few enough that edits don't compact.
+AudioContent makeContent(int channels, uint32_t seed = 1) {
+    return testing::fragmented(testing::noisePlanes(channels, frames, seed), 48000, {1000, 65'549, 140'000});
+}
+
+/// The ranges every operation is tried on: inside one block, across block and segment borders,
+/// the whole content, and an odd short one.
+const std::vector<std::optional<FrameRange>> ranges{std::nullopt, FrameRange{500, 150'001},
+                                                    FrameRange{65'530, 65'541}, FrameRange{131'000, 131'077}};
+
+std::vector<std::optional<ChannelSet>> channelChoices(int channels) {
+    std::vector<std::optional<ChannelSet>> choices{std::nullopt, ChannelSet{0}};
+    if (channels > 1)
+        choices.push_back(ChannelSet{channels - 1});
+    if (channels > 2)
+        choices.push_back(ChannelSet{0, 2});
+    return choices;
+}
+
+bool isActive(const std::optional<ChannelSet>& channels, int c) {
+    return !channels || channels->contains(c);
+}
+
+/// The block and offset holding a frame.
+std::pair<const AudioBlock*, int64_t> blockAt(const AudioContent& content, int64_t frame) {
+    const auto i = static_cast<size_t>(content.locate(frame));
+    const Segment& segment = content.segments()[i];
+    return {segment.block.get(), segment.offset + frame - content.starts()[i]};
+}
+
+/// Frames outside `range` must still be read from the very same blocks.
+void expectBlocksKeptOutside(const AudioContent& before, const AudioContent& after, FrameRange range) {
+    ASSERT_EQ(before.frameCount(), after.frameCount());
+    std::vector<int64_t> probes{0, range.lower - 1, range.upper, before.frameCount() - 1};
+    for (int64_t f = 0; f < before.frameCount(); f += 997)
+        probes.push_back(f);
+    for (const int64_t f : probes)
+        if (f >= 0 && f < before.frameCount() && !range.contains(f)) {
+            ASSERT_EQ(blockAt(before, f), blockAt(after, f)) << "frame " << f;
+        }
+}
+
+/// Runs `operation` over all channel counts, ranges and channel sets, and checks every sample
+/// against `expected(original sample, channel, frame, range)` for active channels in range, and
+/// unchanged samples and blocks elsewhere.
+void checkPerSample(const std::function<AudioContent(const AudioContent&, std::optional<FrameRange>,
+                                                     const std::optional<ChannelSet>&)>& operation,
+                    const std::function<float(float, int, int64_t, FrameRange)>& expected,
+                    float tolerance = 0) {
+    for (const int channels : {1, 2, 3}) {
+        const AudioContent content = makeContent(channels, static_cast<uint32_t>(channels));
+        const Planes original = testing::planesOf(content);
+        for (const auto& range : ranges) {
+            for (const auto& active : channelChoices(channels)) {
+                const AudioContent result = operation(content, range, active);
+                const FrameRange r = range.value_or(content.fullRange());
+                const Planes out = testing::planesOf(result);
+                for (int c = 0; c < channels; ++c) {
+                    const auto& in = original[static_cast<size_t>(c)];
+                    const auto& got = out[static_cast<size_t>(c)];
+                    for (int64_t f = 0; f < frames; ++f) {
+                        const float x = in[static_cast<size_t>(f)];
+                        const float want = r.contains(f) && isActive(active, c) ? expected(x, c, f, r) : x;
+                        if (tolerance == 0)
+                            ASSERT_EQ(got[static_cast<size_t>(f)], want)
+                                << channels << "ch c" << c << " f" << f;
+                        else
+                            ASSERT_NEAR(got[static_cast<size_t>(f)], want, tolerance)
+                                << channels << "ch c" << c << " f" << f;
+                    }
+                }
+                expectBlocksKeptOutside(content, result, r);
+            }
+        }
+    }
+}
+
+// Gain, ramps and fades -----------------------------------------------------------------------
+
+TEST(ProcessingTest, ApplyingGainMultipliesByOneFloat) {
+    const auto g = static_cast<float>(std::pow(10.0, -7.3 / 20.0));
+    checkPerSample(
+        [](const AudioContent& c, auto range, const auto& ch) { return applyingGain(c, -7.3, range, ch); },
+        [&](float x, int, int64_t, FrameRange) { return x * g; });
+}
+
+TEST(ProcessingTest, ApplyingGainRampIsStraightInDecibels) {
+    checkPerSample([](const AudioContent& c, auto range,
+                      const auto& ch) { return applyingGainRamp(c, -20, 6, range, ch); },
+                   [](float x, int, int64_t f, FrameRange r) {
+                       const double t = static_cast<double>(f - r.lower) /
+                                        static_cast<double>(std::max<int64_t>(r.length() - 1, 1));
+                       return x * static_cast<float>(std::pow(10.0, (-20 + 26 * t) / 20.0));
+                   });
+}
+
+double referenceShape(FadeShape shape, double t) {
+    t = std::min(std::max(t, 0.0), 1.0);
+    switch (shape) {
+    case FadeShape::linear:
+        return t;
+    case FadeShape::logarithmic:
+        return 1 - std::pow(1 - t, 2);
+    case FadeShape::exponential:
+        return std::pow(t, 3);
+    case FadeShape::sCurve:
+        return (1 - std::cos(std::numbers::pi * t)) / 2;
+    case FadeShape::equalPower:
+        return std::sin(std::numbers::pi / 2 * t);
+    }
+    return 0;
+}
+
+TEST(ProcessingTest, ApplyingFadeFollowsEachShapeBothWays) {
+    for (const FadeShape shape : allFadeShapes()) {
+        for (const FadeDirection direction : {FadeDirection::fadeIn, FadeDirection::fadeOut}) {
+            checkPerSample([&](const AudioContent& c, auto range,
+                               const auto& ch) { return applyingFade(c, direction, shape, range, ch); },
+                           [&](float x, int, int64_t f, FrameRange r) {
+                               double t = static_cast<double>(f - r.lower) /
+                                          static_cast<double>(std::max<int64_t>(r.length() - 1, 1));
+                               if (direction == FadeDirection::fadeOut)
+                                   t = 1 - t;
+                               return x * static_cast<float>(referenceShape(shape, t));
+                           },
+                           2e-7f);
+        }
+    }
+}
+
+TEST(ProcessingTest, FadeEndsAreExact) {
+    // Long enough for several chunks, so the ends are far from where the gains were seeded.
+    const AudioContent ones(Planes{std::vector<float>(150'001, 1.0f)}, 48000);
+    for (const FadeShape shape : allFadeShapes()) {
+        const auto in = testing::planesOf(applyingFade(ones, FadeDirection::fadeIn, shape))[0];
+        EXPECT_EQ(in.front(), 0.0f) << rawValue(shape);
+        EXPECT_EQ(in.back(), 1.0f) << rawValue(shape);
+        const auto out = testing::planesOf(applyingFade(ones, FadeDirection::fadeOut, shape))[0];
+        EXPECT_EQ(out.front(), 1.0f) << rawValue(shape);
+        EXPECT_EQ(out.back(), 0.0f) << rawValue(shape);
+        EXPECT_NEAR(in[75'000], gain(shape, 0.5), 1e-7);
+    }
+
+    // One frame: t is 0, so a fade in silences it and a fade out gives gain(1) = 1.
+    const AudioContent single(Planes{{0.5f}}, 48000);
+    for (const FadeShape shape : allFadeShapes()) {
+        EXPECT_EQ(applyingFade(single, FadeDirection::fadeIn, shape).sample(0, 0), 0.0f);
+        EXPECT_EQ(applyingFade(single, FadeDirection::fadeOut, shape).sample(0, 0), 0.5f);
+    }
+}
+
+TEST(FadeShapeTest, GainClampsAndHitsKnownValues) {
+    for (const FadeShape shape : allFadeShapes()) {
+        EXPECT_EQ(gain(shape, -0.5), 0.0f) << rawValue(shape);
+        EXPECT_EQ(gain(shape, 1.5), 1.0f) << rawValue(shape);
+        EXPECT_EQ(gain(shape, 0), 0.0f);
+        EXPECT_EQ(gain(shape, 1), 1.0f);
+    }
+    EXPECT_FLOAT_EQ(gain(FadeShape::equalPower, 0.5), static_cast<float>(std::sqrt(0.5)));
+    EXPECT_FLOAT_EQ(gain(FadeShape::logarithmic, 0.5), 0.75f);
+    EXPECT_FLOAT_EQ(gain(FadeShape::exponential, 0.5), 0.125f);
+    EXPECT_FLOAT_EQ(gain(FadeShape::sCurve, 0.25), static_cast<float>(0.5 - 0.5 * std::sqrt(0.5)));
+}
+
+TEST(FadeShapeTest, RawValuesNamesAndJSON) {
+    const std::vector<std::string_view> raws{"linear", "logarithmic", "exponential", "sCurve", "equalPower"};
+    const std::vector<std::string_view> names{"Linear", "Logarithmic (fast)", "Exponential (slow)", "S-Curve",
+                                              "Equal Power"};
+    ASSERT_EQ(allFadeShapes().size(), 5u);
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(rawValue(allFadeShapes()[i]), raws[i]);
+        EXPECT_EQ(displayName(allFadeShapes()[i]), names[i]);
+        EXPECT_EQ(fadeShapeFromRawValue(raws[i]), allFadeShapes()[i]);
+        EXPECT_EQ(nlohmann::json(allFadeShapes()[i]).get<FadeShape>(), allFadeShapes()[i]);
+    }
+    EXPECT_EQ(nlohmann::json(FadeShape::sCurve), "sCurve");
+    EXPECT_THROW(nlohmann::json("SCurve").get<FadeShape>(), nlohmann::json::exception);
+    EXPECT_EQ(rawValue(EffectTailMode::mixIntoFollowing), "mixIntoFollowing");
+    EXPECT_EQ(effectTailModeFromRawValue("truncate"), EffectTailMode::truncate);
+    EXPECT_FALSE(effectTailModeFromRawValue("mix"));
+}
+
+// Peaks and normalising -----------------------------------------------------------------------
+
+TEST(ProcessingTest, SamplePeaksMatchANaiveScan) {
+    for (const int channels : {1, 2, 3}) {
+        const AudioContent content = makeContent(channels, 9);
+        const Planes planes = testing::planesOf(content);
+        for (const auto& range : ranges) {
+            const FrameRange r = range.value_or(content.fullRange());
+            const auto peaks = samplePeaks(content, range);
+            ASSERT_EQ(peaks.size(), static_cast<size_t>(channels));
+            for (int c = 0; c < channels; ++c) {
+                float want = 0;
+                for (int64_t f = r.lower; f < r.upper; ++f)
+                    want = std::max(want, std::abs(planes[static_cast<size_t>(c)][static_cast<size_t>(f)]));
+                EXPECT_EQ(peaks[static_cast<size_t>(c)], want);
+            }
+        }
+        EXPECT_EQ(samplePeaks(content, FrameRange{10, 10}),
+                  std::vector<float>(static_cast<size_t>(channels), 0.0f));
+    }
+}
+
+TEST(ProcessingTest, NormalizingPeakLandsOnTheTarget) {
+    for (const bool independent : {false, true}) {
+        for (const int channels : {1, 2, 3}) {
+            const AudioContent content = applyingGain(makeContent(channels, 4), -12);
+            for (const auto& range : ranges) {
+                for (const auto& active : channelChoices(channels)) {
+                    const FrameRange r = range.value_or(content.fullRange());
+                    const auto result = normalizingPeak(content, -1, range, active, independent);
+                    const auto before = samplePeaks(content, r);
+                    const auto after = samplePeaks(result, r);
+                    float loudest = 0;
+                    for (int c = 0; c < channels; ++c)
+                        if (isActive(active, c))
+                            loudest = std::max(loudest, after[static_cast<size_t>(c)]);
+                    EXPECT_NEAR(loudest, std::pow(10.0, -1.0 / 20.0), 1e-6);
+                    for (int c = 0; c < channels; ++c) {
+                        const auto i = static_cast<size_t>(c);
+                        if (!isActive(active, c)) {
+                            EXPECT_EQ(after[i], before[i]);
+                        } else if (independent) {
+                            EXPECT_NEAR(after[i], std::pow(10.0, -1.0 / 20.0), 1e-6);
+                        }
+                    }
+                    expectBlocksKeptOutside(content, result, r);
+                }
+            }
+        }
+    }
+}
+
+TEST(ProcessingTest, NormalizingGainsPerChannelOrShared) {
+    const AudioContent content(Planes{{0.5f, -0.25f, 0.1f}, {0.1f, 0.25f, -0.2f}}, 48000);
+    const auto independent = testing::planesOf(normalizingPeak(content, 0, std::nullopt, std::nullopt, true));
+    EXPECT_EQ(independent, (Planes{{1.0f, -0.5f, 0.2f}, {0.4f, 1.0f, -0.8f}}));
+    const auto shared = testing::planesOf(normalizingPeak(content, 0));
+    for (size_t c = 0; c < 2; ++c)
+        for (size_t i = 0; i < 3; ++i)
+            EXPECT_NEAR(shared[c][i], 2 * testing::planesOf(content)[c][i], 1e-6);
+}
+
+TEST(ProcessingTest, NormalizingSilenceReturnsTheSameContent) {
+    const AudioContent silence = AudioContent::silence(100'000, 2, 48000);
+    for (const bool independent : {false, true}) {
+        const auto result = normalizingPeak(silence, 0, std::nullopt, std::nullopt, independent);
+        ASSERT_EQ(result.segmentCount(), silence.segmentCount());
+        for (size_t i = 0; i < silence.segments().size(); ++i)
+            EXPECT_EQ(result.segments()[i].block, silence.segments()[i].block);
+    }
+}
+
+// Sign, silence and DC ------------------------------------------------------------------------
+
+TEST(ProcessingTest, InvertedFlipsTheSign) {
+    checkPerSample([](const AudioContent& c, auto range, const auto& ch) { return inverted(c, range, ch); },
+                   [](float x, int, int64_t, FrameRange) { return -x; });
+}
+
+TEST(ProcessingTest, SilencedZeroes) {
+    checkPerSample([](const AudioContent& c, auto range,
+                      const auto& ch) { return silenced(c, range.value_or(c.fullRange()), ch); },
+                   [](float, int, int64_t, FrameRange) { return 0.0f; });
+}
+
+TEST(ProcessingTest, SilencingAllChannelsPutsInNewZeroBlocks) {
+    const AudioContent content = makeContent(2);
+    const FrameRange r{500, 150'001};
+    for (const auto& all : {std::optional<ChannelSet>{}, std::optional<ChannelSet>{ChannelSet{0, 1}}}) {
+        const auto result = silenced(content, r, all);
+        for (int64_t f = r.lower; f < r.upper; f += 4999) {
+            const auto [block, offset] = blockAt(result, f);
+            EXPECT_EQ(block->channel(0)[offset], 0.0f);
+            for (const auto& old : content.segments())
+                EXPECT_NE(block, old.block.get());
+        }
+        // The quick path leaves whole zero blocks, so their summaries say silence without reading.
+        EXPECT_EQ(samplePeaks(result, r), (std::vector<float>{0, 0}));
+    }
+    EXPECT_EQ(silenced(content, {frames + 5, frames + 9}).segments().size(), content.segments().size());
+}
+
+TEST(ProcessingTest, DCOffsetsAreTheMeans) {
+    for (const int channels : {1, 2, 3}) {
+        const AudioContent content = makeContent(channels, 21);
+        const Planes planes = testing::planesOf(content);
+        for (const auto& range : ranges) {
+            const FrameRange r = range.value_or(content.fullRange());
+            const auto offsets = dcOffsets(content, range);
+            for (int c = 0; c < channels; ++c) {
+                double sum = 0;
+                for (int64_t f = r.lower; f < r.upper; ++f)
+                    sum += planes[static_cast<size_t>(c)][static_cast<size_t>(f)];
+                EXPECT_NEAR(offsets[static_cast<size_t>(c)], sum / static_cast<double>(r.length()), 1e-6);
+            }
+        }
+        EXPECT_EQ(dcOffsets(content, FrameRange{7, 7}),
+                  std::vector<double>(static_cast<size_t>(channels), 0.0));
+    }
+}
+
+TEST(ProcessingTest, RemovingDCOffsetSubtractsEachChannelsMean) {
+    for (const int channels : {1, 2, 3}) {
+        const auto biased = applyingGain(makeContent(channels), 0); // a plain copy to add a bias to
+        AudioContent content = biased.transformed(biased.fullRange(), std::nullopt, 4096,
+                                                  [](std::span<const std::span<float>> views, int64_t) {
+                                                      for (size_t c = 0; c < views.size(); ++c)
+                                                          for (float& x : views[c])
+                                                              x = 0.5f * x + 0.1f * static_cast<float>(c + 1);
+                                                  });
+        content = testing::fragmented(testing::planesOf(content), 48000, {1000, 65'549, 140'000});
+        const Planes planes = testing::planesOf(content);
+        for (const auto& range : ranges) {
+            for (const auto& active : channelChoices(channels)) {
+                const FrameRange r = range.value_or(content.fullRange());
+                const auto result = removingDCOffset(content, range, active);
+                const auto means = dcOffsets(result, r);
+                for (int c = 0; c < channels; ++c) {
+                    double sum = 0;
+                    for (int64_t f = r.lower; f < r.upper; ++f)
+                        sum += planes[static_cast<size_t>(c)][static_cast<size_t>(f)];
+                    const double originalMean = sum / static_cast<double>(r.length());
+                    EXPECT_NEAR(means[static_cast<size_t>(c)], isActive(active, c) ? 0.0 : originalMean,
+                                1e-6);
+                }
+                expectBlocksKeptOutside(content, result, r);
+            }
+        }
+    }
+}
+
+// Reverse and channel layout ------------------------------------------------------------------
+
+TEST(ProcessingTest, ReversedPlaysTheRangeBackwards) {
+    for (const int channels : {1, 2, 3}) {
+        const AudioContent content = makeContent(channels, 17);
+        const Planes planes = testing::planesOf(content);
+        for (const auto& range : ranges) {
+            for (const auto& active : channelChoices(channels)) {
+                const FrameRange r = range.value_or(content.fullRange());
+                const auto result = reversed(content, range, active);
+                const Planes out = testing::planesOf(result);
+                for (int c = 0; c < channels; ++c)
+                    for (int64_t f = 0; f < frames; ++f) {
+                        const int64_t from =
+                            r.contains(f) && isActive(active, c) ? r.upper - 1 - (f - r.lower) : f;
+                        ASSERT_EQ(out[static_cast<size_t>(c)][static_cast<size_t>(f)],
+                                  planes[static_cast<size_t>(c)][static_cast<size_t>(from)])
+                            << c << " " << f;
+                    }
+                expectBlocksKeptOutside(content, result, r);
+            }
+        }
+    }
+}
+
+TEST(ProcessingTest, ReversingOneFrameChangesNothing) {
+    const AudioContent content = makeContent(2);
+    const auto result = reversed(content, FrameRange{70'000, 70'001});
+    ASSERT_EQ(result.segments().size(), content.segments().size());
+    for (size_t i = 0; i < content.segments().size(); ++i)
+        EXPECT_EQ(result.segments()[i].block, content.segments()[i].block);
+}
+
+TEST(ProcessingTest, RemixedAveragesDownAndRepeatsUp) {
+    const AudioContent three = makeContent(3, 5);
+    const Planes in = testing::planesOf(three);
+    const Planes mono = testing::planesOf(remixed(three, 1));
+    ASSERT_EQ(mono.size(), 1u);
+    for (size_t i = 0; i < static_cast<size_t>(frames); ++i)
+        ASSERT_NEAR(mono[0][i], (in[0][i] + in[1][i] + in[2][i]) / 3.0, 1e-6);
+
+    const AudioContent six = makeContent(6, 6);
+    const Planes sixIn = testing::planesOf(six);
+    const Planes two = testing::planesOf(remixed(six, 2));
+    ASSERT_EQ(two.size(), 2u);
+    for (size_t i = 0; i < static_cast<size_t>(frames); i += 3) {
+        ASSERT_NEAR(two[0][i], (sixIn[0][i] + sixIn[2][i] + sixIn[4][i]) / 3.0, 1e-6);
+        ASSERT_NEAR(two[1][i], (sixIn[1][i] + sixIn[3][i] + sixIn[5][i]) / 3.0, 1e-6);
+    }
+    const Planes fourToThree = testing::planesOf(remixed(makeContent(4, 8), 3));
+    const Planes fourIn = testing::planesOf(makeContent(4, 8));
+    for (size_t i = 0; i < static_cast<size_t>(frames); i += 7) {
+        ASSERT_NEAR(fourToThree[0][i], (fourIn[0][i] + fourIn[3][i]) / 2.0, 1e-6);
+        ASSERT_EQ(fourToThree[1][i], fourIn[1][i]);
+    }
+
+    const AudioContent stereo = makeContent(2, 7);
+    const Planes lr = testing::planesOf(stereo);
+    EXPECT_EQ(testing::planesOf(remixed(stereo, 3)), (Planes{lr[0], lr[1], lr[0]}));
+    EXPECT_EQ(testing::planesOf(remixed(stereo, 4)), (Planes{lr[0], lr[1], lr[0], lr[1]}));
+    EXPECT_EQ(testing::planesOf(remixed(makeContent(1, 3), 2))[1], testing::planesOf(makeContent(1, 3))[0]);
+    const auto same = remixed(stereo, 2);
+    EXPECT_EQ(same.segments()[0].block, stereo.segments()[0].block);
+    EXPECT_EQ(remixed(stereo, 1).sampleRate(), 48000);
+}
+
+TEST(ProcessingTest, RearrangingChannelsPicksAndOrders) {
+    const AudioContent content = makeContent(3, 12);
+    const Planes in = testing::planesOf(content);
+    const std::vector<int> order{2, 0, 0};
+    const FrameRange r{65'000, 140'100};
+    const auto result = rearrangingChannels(content, order, r);
+    ASSERT_EQ(result.channelCount(), 3);
+    ASSERT_EQ(result.frameCount(), r.length());
+    const Planes out = testing::planesOf(result);
+    for (size_t i = 0; i < order.size(); ++i)
+        EXPECT_EQ(out[i], std::vector<float>(in[static_cast<size_t>(order[i])].begin() + r.lower,
+                                             in[static_cast<size_t>(order[i])].begin() + r.upper));
+    const std::vector<int> swap{1, 0};
+    const auto swapped = testing::planesOf(rearrangingChannels(makeContent(2, 2), swap));
+    EXPECT_EQ(swapped[0], testing::planesOf(makeContent(2, 2))[1]);
+}
+
+TEST(ProcessingDeathTest, BadChannelArgumentsStop) {
+    const AudioContent content = makeContent(2);
+    EXPECT_DEATH(remixed(content, 0), "at least one channel");
+    const std::vector<int> bad{0, 2};
+    EXPECT_DEATH(rearrangingChannels(content, bad), "out of range");
+    EXPECT_DEATH(rearrangingChannels(content, std::vector<int>{}), "at least one channel");
+}
+
+// Effects -------------------------------------------------------------------------------------
+
+using Chain = std::vector<std::shared_ptr<EffectProcessor>>;
+
+TEST(ApplyingEffectsTest, OutputIsTheSameWhateverTheSegmentLayout) {
+    const Planes planes = testing::noisePlanes(2, 100'001, 3);
+    const std::vector<std::vector<int64_t>> layouts{{}, {1}, {4095, 4097, 8192}, {12'345, 65'536, 99'999}};
+    std::optional<Planes> first;
+    for (const auto& cuts : layouts) {
+        const AudioContent content = testing::fragmented(planes, 48000, cuts);
+        const Chain chain{std::make_shared<testing::SmoothingProcessor>(),
+                          std::make_shared<testing::EchoProcessor>(777),
+                          std::make_shared<testing::LatencyProcessor>(47)};
+        const auto out = testing::planesOf(applyingEffects(content, chain, FrameRange{3, 90'000},
+                                                           std::nullopt, EffectTailMode::mixIntoFollowing));
+        if (!first)
+            first = out;
+        else
+            EXPECT_EQ(out, *first);
+    }
+}
+
+TEST(ApplyingEffectsTest, LatencyComesOutAligned) {
+    const AudioContent content = makeContent(2);
+    const Chain chain{std::make_shared<testing::LatencyProcessor>(4100)};
+    const auto result =
+        applyingEffects(content, chain, FrameRange{10, 150'000}, std::nullopt, EffectTailMode::truncate);
+    EXPECT_EQ(testing::planesOf(result), testing::planesOf(content));
+    expectBlocksKeptOutside(content, result, {10, 150'000});
+}
+
+TEST(ApplyingEffectsTest, TailMixesIntoWhatFollows) {
+    const AudioContent content = makeContent(2);
+    const Planes in = testing::planesOf(content);
+    const int echo = 3000;
+    const Chain chain{std::make_shared<testing::EchoProcessor>(echo)};
+    const FrameRange r{1000, 50'000};
+    const auto mixed =
+        testing::planesOf(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::mixIntoFollowing));
+    const auto cut =
+        testing::planesOf(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::truncate));
+    for (size_t c = 0; c < 2; ++c)
+        for (int64_t f = 0; f < frames; f += 7) {
+            const float x = in[c][static_cast<size_t>(f)];
+            const float echoed = f - echo >= r.lower && f - echo < r.upper
+                                     ? 0.5f * in[c][static_cast<size_t>(f - echo)]
+                                     : 0.0f;
+            const float inside = r.contains(f) ? x + echoed : x;
+            ASSERT_NEAR(cut[c][static_cast<size_t>(f)], inside, 1e-6) << f;
+            ASSERT_NEAR(mixed[c][static_cast<size_t>(f)], r.contains(f) ? inside : x + echoed, 1e-6) << f;
+        }
+}
+
+TEST(ApplyingEffectsTest, TailAtTheEndLengthensTheContent) {
+    const AudioContent content = makeContent(1);
+    const Chain chain{std::make_shared<testing::EchoProcessor>(2500)};
+    const FrameRange r{frames - 1000, frames};
+    EXPECT_EQ(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::mixIntoFollowing).frameCount(),
+              frames + 2500);
+    EXPECT_EQ(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::truncate).frameCount(),
+              frames);
+}
+
+TEST(ApplyingEffectsTest, InactiveChannelsStayBitIdentical) {
+    const AudioContent content = makeContent(3);
+    const Planes in = testing::planesOf(content);
+    const Chain chain{std::make_shared<testing::EchoProcessor>(5000)};
+    const FrameRange r{frames - 20'000, frames - 1000};
+    const auto result = applyingEffects(content, chain, r, ChannelSet{1}, EffectTailMode::mixIntoFollowing);
+    EXPECT_EQ(result.frameCount(), frames + 4000);
+    const Planes out = testing::planesOf(result);
+    for (const size_t c : {size_t{0}, size_t{2}}) {
+        EXPECT_TRUE(std::equal(in[c].begin(), in[c].end(), out[c].begin())) << "channel " << c;
+        for (int64_t f = frames; f < frames + 4000; ++f)
+            ASSERT_EQ(out[c][static_cast<size_t>(f)], 0.0f);
+    }
+    EXPECT_NE(out[1], std::vector<float>(out[1].size()));
+    for (int64_t f = r.lower + 5000; f < r.upper; f += 101)
+        ASSERT_NEAR(out[1][static_cast<size_t>(f)],
+                    in[1][static_cast<size_t>(f)] + 0.5f * in[1][static_cast<size_t>(f - 5000)], 1e-6);
+}
+
+TEST(ApplyingEffectsTest, EmptyChainOrRangeReturnsTheContentAndFailuresLeaveItAlone) {
+    const AudioContent content = makeContent(2);
+    EXPECT_EQ(applyingEffects(content, {}, std::nullopt, std::nullopt, EffectTailMode::mixIntoFollowing)
+                  .segments()[1]
+                  .block,
+              content.segments()[1].block);
+    const Chain chain{std::make_shared<testing::EchoProcessor>(10)};
+    EXPECT_EQ(
+        applyingEffects(content, chain, FrameRange{5, 5}, std::nullopt, EffectTailMode::mixIntoFollowing)
+            .frameCount(),
+        frames);
+    try {
+        applyingEffects(content, chain, std::nullopt, std::nullopt, EffectTailMode::truncate,
+                        [](double) { return false; });
+        FAIL();
+    } catch (const HarluneError& error) {
+        EXPECT_TRUE(error.isCancelled());
+    }
+}
+
+} // namespace
+} // namespace harlune

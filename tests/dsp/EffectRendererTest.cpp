@@ -1,0 +1,188 @@
+#include "dsp/effects/EffectRenderer.h"
+
+#include "base/HarluneError.h"
+#include "support/AllocationCounter.h"
+#include "support/TestProcessors.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <random>
+
+namespace harlune {
+namespace {
+
+using Chain = std::vector<std::shared_ptr<EffectProcessor>>;
+using Planes = std::vector<std::vector<float>>;
+
+Planes noise(int channels, int64_t frames, uint32_t seed = 1) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> uniform(-1, 1);
+    Planes planes(static_cast<size_t>(channels), std::vector<float>(static_cast<size_t>(frames)));
+    for (auto& plane : planes)
+        for (auto& x : plane)
+            x = uniform(random);
+    return planes;
+}
+
+struct Rendered {
+    Planes planes;
+    int64_t returned = 0;
+    int emits = 0;
+};
+
+Rendered renderAll(const AudioSource& source, FrameRange range, const Chain& chain, bool tail,
+                   double maxTailSeconds = 30, const EffectRenderer::Progress& progress = {}) {
+    Rendered out;
+    out.planes.resize(static_cast<size_t>(source.channelCount()));
+    out.returned =
+        EffectRenderer::render(source, range, chain, tail, maxTailSeconds, progress, [&](ChunkViews views) {
+            ++out.emits;
+            EXPECT_LE(views.front().size(), static_cast<size_t>(EffectRenderer::blockSize));
+            for (size_t c = 0; c < views.size(); ++c)
+                out.planes[c].insert(out.planes[c].end(), views[c].begin(), views[c].end());
+        });
+    return out;
+}
+
+Planes slicePlanes(const Planes& planes, int64_t lo, int64_t hi) {
+    Planes out;
+    for (const auto& p : planes)
+        out.emplace_back(p.begin() + lo, p.begin() + hi);
+    return out;
+}
+
+TEST(EffectRendererTest, AnEmptyChainRendersTheRangeUnchanged) {
+    const auto planes = noise(3, 10'000);
+    const ArraySource source(planes, 48000);
+    const auto out = renderAll(source, {1234, 9876}, {}, true);
+    EXPECT_EQ(out.returned, 9876 - 1234);
+    EXPECT_EQ(out.planes, slicePlanes(planes, 1234, 9876));
+}
+
+TEST(EffectRendererTest, LatencyIsDroppedSoTheOutputAligns) {
+    for (const int channels : {1, 2, 5}) {
+        const auto planes = noise(channels, 20'011);
+        const ArraySource source(planes, 44100);
+        // 4096 + 37 crosses a block border inside the latency.
+        const Chain chain{std::make_shared<testing::LatencyProcessor>(4133),
+                          std::make_shared<testing::LatencyProcessor>(7)};
+        const auto out = renderAll(source, {3, 20'000}, chain, true);
+        EXPECT_EQ(out.returned, 19'997);
+        EXPECT_EQ(out.planes, slicePlanes(planes, 3, 20'000)) << channels << " channels";
+    }
+}
+
+TEST(EffectRendererTest, ShortRangeWithLatencyRunsTheLatencyAndEmitsTheRange) {
+    const auto planes = noise(2, 100);
+    const ArraySource source(planes, 48000);
+    const Chain chain{std::make_shared<testing::LatencyProcessor>(47)};
+    const auto out = renderAll(source, {20, 30}, chain, false);
+    EXPECT_EQ(out.returned, 10);
+    EXPECT_EQ(out.planes, slicePlanes(planes, 20, 30));
+}
+
+TEST(EffectRendererTest, TailFollowsTheRangeAndIsNotShortenedByLatency) {
+    const auto planes = noise(2, 9000);
+    const ArraySource source(planes, 48000);
+    const int echo = 5000;
+    const Chain chain{std::make_shared<testing::LatencyProcessor>(100),
+                      std::make_shared<testing::EchoProcessor>(echo)};
+    const auto out = renderAll(source, {0, 9000}, chain, true);
+    ASSERT_EQ(out.returned, 9000 + echo);
+    for (size_t c = 0; c < 2; ++c)
+        for (int64_t f = 0; f < 9000 + echo; ++f) {
+            const float dry = f < 9000 ? planes[c][static_cast<size_t>(f)] : 0.0f;
+            const float wet = f >= echo ? planes[c][static_cast<size_t>(f - echo)] : 0.0f;
+            ASSERT_EQ(out.planes[c][static_cast<size_t>(f)], dry + 0.5f * wet) << c << " " << f;
+        }
+
+    const auto withoutTail = renderAll(source, {0, 9000}, chain, false);
+    EXPECT_EQ(withoutTail.returned, 9000);
+    EXPECT_EQ(withoutTail.planes, slicePlanes(out.planes, 0, 9000));
+}
+
+TEST(EffectRendererTest, TailIsCutAtTheLimit) {
+    const ArraySource source(noise(1, 1000), 1000);
+    const Chain chain{std::make_shared<testing::EchoProcessor>(5000)};
+    EXPECT_EQ(renderAll(source, {0, 1000}, chain, true, 2.5).returned, 1000 + 2500);
+    EXPECT_EQ(renderAll(source, {0, 1000}, chain, true, 0).returned, 1000);
+    const Chain noTail{std::make_shared<testing::SmoothingProcessor>()};
+    EXPECT_EQ(renderAll(source, {0, 1000}, noTail, true).returned, 1000);
+}
+
+TEST(EffectRendererTest, AnEmptyRangeWithTailEmitsSilenceAfterAReset) {
+    const ArraySource source(noise(2, 1000), 48000);
+    auto echo = std::make_shared<testing::EchoProcessor>(300);
+    const Chain chain{echo};
+    // Leave state behind, then render: prepare and reset must clear it.
+    renderAll(source, {0, 1000}, chain, false);
+    const auto out = renderAll(source, {500, 500}, chain, true);
+    EXPECT_EQ(out.returned, 300);
+    for (const auto& plane : out.planes)
+        for (const float x : plane)
+            EXPECT_EQ(x, 0.0f);
+}
+
+TEST(EffectRendererTest, ProgressReportsAndCancels) {
+    const ArraySource source(noise(1, 10'000), 48000);
+    const Chain chain{std::make_shared<testing::SmoothingProcessor>()};
+    std::vector<double> fractions;
+    renderAll(source, {0, 10'000}, chain, false, 30, [&](double f) {
+        fractions.push_back(f);
+        return true;
+    });
+    EXPECT_EQ(fractions, (std::vector<double>{4096.0 / 10000, 8192.0 / 10000, 1.0}));
+
+    int emits = 0;
+    int calls = 0;
+    try {
+        EffectRenderer::render(
+            source, {0, 10'000}, chain, false, 30,
+            [&](double) {
+                ++calls;
+                return false;
+            },
+            [&](ChunkViews) { ++emits; });
+        FAIL() << "a refused progress must cancel";
+    } catch (const HarluneError& error) {
+        EXPECT_TRUE(error.isCancelled());
+    }
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(emits, 1) << "the render ends after the first block";
+}
+
+TEST(EffectRendererTest, FailuresOfPrepareAndEmitPassOn) {
+    struct Failing final : EffectProcessor {
+        void prepare(double, int, int) override { throw HarluneError::codecUnavailable("nope"); }
+        void process(ChannelPointers, int) noexcept override {}
+        void reset() noexcept override {}
+        int tailFrames() const override { return 0; }
+        int latencyFrames() const override { return 0; }
+    };
+    const ArraySource source(noise(1, 10), 48000);
+    int emits = 0;
+    EXPECT_THROW(EffectRenderer::render(source, {0, 10}, Chain{std::make_shared<Failing>()}, false, 30, {},
+                                        [&](ChunkViews) { ++emits; }),
+                 HarluneError);
+    EXPECT_EQ(emits, 0);
+    EXPECT_THROW(EffectRenderer::render(source, {0, 10}, {}, false, 30, {},
+                                        [](ChunkViews) { throw std::runtime_error("disk full"); }),
+                 std::runtime_error);
+}
+
+TEST(TestProcessorsTest, ProcessAllocatesNothing) {
+    const Chain chain{std::make_shared<testing::LatencyProcessor>(47),
+                      std::make_shared<testing::EchoProcessor>(99),
+                      std::make_shared<testing::SmoothingProcessor>()};
+    std::vector<float> left(5000, 0.5f), right(5000, -0.5f);
+    float* pointers[] = {left.data(), right.data()};
+    for (const auto& p : chain)
+        p->prepare(48000, 2, 4096);
+    testing::AllocationCounter counter;
+    for (const auto& p : chain)
+        p->process(ChannelPointers(pointers, 2), 5000);
+    EXPECT_EQ(counter.count(), 0);
+}
+
+} // namespace
+} // namespace harlune

@@ -1,0 +1,98 @@
+#pragma once
+
+#include "core/AudioContent.h"
+#include "editor/EditorModel.h"
+
+#include <QSettings>
+#include <memory>
+#include <vector>
+
+namespace harlune::testing {
+
+/// What the model told its collaborators, counted by the fakes below.
+struct Probe {
+    int setEnvelopes = 0;
+    int replaceContent = 0;
+    FrameRange lastReplaceRange;
+    int setLooping = 0;
+    bool lastLooping = false;
+    int pause = 0;
+    int processMaskWrites = 0;
+    std::vector<bool> processMask;
+    int scheduleAnalysis = 0;
+    int scheduleSelectionAnalysis = 0;
+    int scheduleEnvelopeAnalysis = 0;
+};
+
+class ProbePlayer final : public PlaybackControl {
+public:
+    explicit ProbePlayer(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
+    void setEnvelopes(const EnvelopeSet&) override { ++probe_->setEnvelopes; }
+    void replaceContent(const AudioContent&, FrameRange range) override {
+        ++probe_->replaceContent;
+        probe_->lastReplaceRange = range;
+    }
+    void setLooping(bool looping) override {
+        ++probe_->setLooping;
+        probe_->lastLooping = looping;
+    }
+    void pause() override { ++probe_->pause; }
+
+private:
+    std::shared_ptr<Probe> probe_;
+};
+
+class ProbeRack final : public EffectsRackControl {
+public:
+    explicit ProbeRack(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
+    void setProcessMask(std::vector<bool> mask) override {
+        ++probe_->processMaskWrites;
+        probe_->processMask = std::move(mask);
+    }
+
+private:
+    std::shared_ptr<Probe> probe_;
+};
+
+class ProbeAnalysis final : public AnalysisScheduler {
+public:
+    explicit ProbeAnalysis(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
+    void scheduleAnalysis(EditorModel&) override { ++probe_->scheduleAnalysis; }
+    void scheduleSelectionAnalysis(EditorModel&) override { ++probe_->scheduleSelectionAnalysis; }
+    void scheduleEnvelopeAnalysis(EditorModel&) override { ++probe_->scheduleEnvelopeAnalysis; }
+
+private:
+    std::shared_ptr<Probe> probe_;
+};
+
+/// A model whose collaborators report into `probe`.
+inline std::unique_ptr<EditorModel> probedModel(AudioContent content, const std::shared_ptr<Probe>& probe,
+                                                std::optional<AudioFileInfo> info = std::nullopt) {
+    EditorCollaborators collaborators;
+    collaborators.player = std::make_unique<ProbePlayer>(probe);
+    collaborators.rack = std::make_unique<ProbeRack>(probe);
+    collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
+    return std::make_unique<EditorModel>(std::move(content), std::move(info), std::move(collaborators));
+}
+
+/// A content of `frames` frames of a slow ramp per channel (channel c starts at c / 10).
+inline AudioContent rampContent(int64_t frames, int channels = 2, double rate = 48000) {
+    std::vector<std::vector<float>> planes(static_cast<size_t>(channels));
+    for (int c = 0; c < channels; ++c) {
+        auto& plane = planes[static_cast<size_t>(c)];
+        plane.resize(static_cast<size_t>(frames));
+        for (int64_t i = 0; i < frames; ++i)
+            plane[static_cast<size_t>(i)] =
+                static_cast<float>(c) * 0.1f + static_cast<float>(i % 100) * 0.001f;
+    }
+    return AudioContent(std::move(planes), rate);
+}
+
+/// Every stored preference removed, so each test starts from the registered defaults.
+inline void clearPreferences() {
+    QSettings settings(QStringLiteral("Harlune"), QStringLiteral("Harlune"));
+    settings.clear();
+    settings.sync();
+}
+
+} // namespace harlune::testing

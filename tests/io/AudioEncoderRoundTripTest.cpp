@@ -1,0 +1,199 @@
+// Every writer checked against the real ffmpeg decoding the file it wrote.
+#include "EncodeTestSupport.h"
+#include "base/HarluneError.h"
+#include "io/AudioEncoder.h"
+#include "io/M4aWriter.h"
+#include "io/SndFileWriter.h"
+#include "support/TestAudio.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace harlune {
+namespace {
+
+using testing::Planes;
+
+class AudioEncoderRoundTrip : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!testing::haveTool("ffmpeg") || !testing::haveTool("ffprobe"))
+            GTEST_SKIP() << "ffmpeg is needed to check the files";
+    }
+    testing::TemporaryFolder folder;
+};
+
+EncodeSettings settings(ExportFormat format, PCMBitDepth depth, DitherMode dither = DitherMode::none) {
+    EncodeSettings s = EncodeSettings::defaults(format);
+    s.bitDepth = depth;
+    s.dither = dither;
+    return s;
+}
+
+// Largest difference between two sets of planes, in units of the given step.
+double largestError(const Planes& expected, const Planes& actual, double step) {
+    double worst = 0;
+    for (size_t c = 0; c < expected.size(); ++c)
+        for (size_t f = 0; f < expected[c].size(); ++f)
+            worst = std::max(worst, std::abs(static_cast<double>(expected[c][f]) - actual[c][f]) / step);
+    return worst;
+}
+
+TEST_F(AudioEncoderRoundTrip, LosslessFormatsGiveBackTheSamplesWithinOneQuantisationStep) {
+    // Uneven length, more than one chunk, and values over the whole scale including both ends.
+    Planes planes = testing::noisePlanes(2, 40001, 5);
+    planes[0][0] = 1.0f;
+    planes[1][0] = -1.0f;
+    const ArraySource source(planes, 44100);
+    struct Case {
+        ExportFormat format;
+        PCMBitDepth depth;
+        const char* extension;
+    };
+    const Case cases[] = {
+        {ExportFormat::wav, PCMBitDepth::int16, "wav"},   {ExportFormat::wav, PCMBitDepth::int24, "wav"},
+        {ExportFormat::wav, PCMBitDepth::int32, "wav"},   {ExportFormat::aiff, PCMBitDepth::int16, "aiff"},
+        {ExportFormat::aiff, PCMBitDepth::int24, "aiff"}, {ExportFormat::aiff, PCMBitDepth::int32, "aif"},
+        {ExportFormat::caf, PCMBitDepth::int16, "caf"},   {ExportFormat::caf, PCMBitDepth::int24, "caf"},
+        {ExportFormat::caf, PCMBitDepth::int32, "caf"},   {ExportFormat::flac, PCMBitDepth::int16, "flac"},
+        {ExportFormat::flac, PCMBitDepth::int24, "flac"}, {ExportFormat::alac, PCMBitDepth::int16, "m4a"},
+        {ExportFormat::alac, PCMBitDepth::int24, "m4a"},
+    };
+    for (const Case& c : cases) {
+        const auto path =
+            folder / (std::string("out-") + std::to_string(rawValue(c.depth)) + "." + c.extension);
+        AudioEncoder::write(source, std::nullopt, path, settings(c.format, c.depth));
+        const auto decoded = testing::decodeWithFFmpeg(path, 2);
+        ASSERT_TRUE(decoded) << path;
+        ASSERT_EQ((*decoded)[0].size(), planes[0].size()) << path;
+        if (c.format == ExportFormat::alac) {
+            EXPECT_EQ(testing::probeStream(path, "sample_rate"), "44100") << path;
+        }
+        // Rounding to nearest is off by half a step at most, once the top of the scale, which
+        // has no code of its own, is clipped one step below full scale.
+        const double step = std::ldexp(1.0, 1 - bits(c.depth));
+        Planes clipped = planes;
+        for (auto& plane : clipped)
+            for (float& x : plane)
+                x = static_cast<float>(std::min<double>(x, 1.0 - step));
+        // A 32-bit code decodes into a float of 24 bits of precision: 2^-25 is 64 steps of 2^-31.
+        const double bound = c.depth == PCMBitDepth::int32 ? 64.0 : 0.5 + 1e-9;
+        EXPECT_LE(largestError(clipped, *decoded, step), bound) << path;
+    }
+}
+
+TEST_F(AudioEncoderRoundTrip, FloatWavAndCafAreBitExact) {
+    Planes planes = testing::noisePlanes(3, 40000, 9);
+    planes[0][5] = 1.75f; // float files keep values beyond full scale
+    planes[2][6] = -3.0e-8f;
+    const ArraySource source(planes, 96000);
+    for (const auto* extension : {"wav", "caf"}) {
+        const auto path = folder / (std::string("float.") + extension);
+        const auto format = std::string(extension) == "wav" ? ExportFormat::wav : ExportFormat::caf;
+        AudioEncoder::write(source, std::nullopt, path, settings(format, PCMBitDepth::float32));
+        const auto decoded = testing::decodeWithFFmpeg(path, 3);
+        ASSERT_TRUE(decoded);
+        EXPECT_EQ(*decoded, planes) << extension;
+    }
+}
+
+TEST_F(AudioEncoderRoundTrip, DitheredFilesStayWithinOneAndAHalfSteps) {
+    const Planes planes = testing::noisePlanes(1, 30000, 4);
+    const ArraySource source(planes, 48000);
+    for (const auto depth : {PCMBitDepth::int16, PCMBitDepth::int24}) {
+        const auto path = folder / ("dither" + std::to_string(rawValue(depth)) + ".flac");
+        AudioEncoder::write(source, std::nullopt, path,
+                            settings(ExportFormat::flac, depth, DitherMode::tpdf));
+        const auto decoded = testing::decodeWithFFmpeg(path, 1);
+        ASSERT_TRUE(decoded);
+        const double step = std::ldexp(1.0, 1 - bits(depth));
+        const double error = largestError(planes, *decoded, step);
+        EXPECT_LE(error, 1.5 + 1e-9);
+        EXPECT_GT(error, 0.5); // the dither is really there
+    }
+}
+
+TEST_F(AudioEncoderRoundTrip, TwoExportsOfTheSameMaterialAreTheSameBytes) {
+    const ArraySource source(testing::noisePlanes(2, 5000, 2), 48000);
+    const auto a = folder / "a.wav";
+    const auto b = folder / "b.wav";
+    AudioEncoder::write(source, std::nullopt, a,
+                        settings(ExportFormat::wav, PCMBitDepth::int16, DitherMode::tpdf));
+    AudioEncoder::write(source, std::nullopt, b,
+                        settings(ExportFormat::wav, PCMBitDepth::int16, DitherMode::tpdf));
+    EXPECT_EQ(testing::readBytes(a), testing::readBytes(b));
+}
+
+TEST_F(AudioEncoderRoundTrip, ARangeWritesOnlyThoseFramesAndProgressEndsAtOne) {
+    const Planes planes = testing::noisePlanes(1, 100000, 6);
+    const ArraySource source(planes, 48000);
+    const auto path = folder / "range.wav";
+    std::vector<double> reports;
+    AudioEncoder::write(source, FrameRange{1000, 71000}, path,
+                        settings(ExportFormat::wav, PCMBitDepth::float32), [&](double fraction) {
+                            reports.push_back(fraction);
+                            return true;
+                        });
+    const auto decoded = testing::decodeWithFFmpeg(path, 1);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ((*decoded)[0], std::vector<float>(planes[0].begin() + 1000, planes[0].begin() + 71000));
+    ASSERT_EQ(reports.size(), 4u); // three chunks, then the final report
+    EXPECT_DOUBLE_EQ(reports[0], 32768.0 / 70000.0);
+    EXPECT_DOUBLE_EQ(reports[2], 1.0);
+    EXPECT_DOUBLE_EQ(reports[3], 1.0);
+}
+
+TEST_F(AudioEncoderRoundTrip, ChannelLayoutsAreWrittenForSurroundFiles) {
+    const ArraySource eight(testing::noisePlanes(8, 4800, 1), 48000);
+    const auto wav = folder / "eight.wav";
+    AudioEncoder::write(eight, std::nullopt, wav, settings(ExportFormat::wav, PCMBitDepth::int24));
+    EXPECT_EQ(testing::probeStream(wav, "channel_layout"), "7.1");
+    const ArraySource six(testing::noisePlanes(6, 4800, 1), 48000);
+    const auto caf = folder / "six.caf";
+    AudioEncoder::write(six, std::nullopt, caf, settings(ExportFormat::caf, PCMBitDepth::int16));
+    EXPECT_EQ(testing::probeStream(caf, "channels"), "6");
+    const auto decoded = testing::decodeWithFFmpeg(caf, 6);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ((*decoded)[5].size(), 4800u);
+}
+
+TEST_F(AudioEncoderRoundTrip, AlacTakesTheChannelCountsWhoseDefaultLayoutItRefuses) {
+    for (const int channels : {3, 7, 8}) {
+        Planes planes = testing::noisePlanes(channels, 5000, static_cast<uint32_t>(channels));
+        for (auto& plane : planes)
+            for (float& x : plane)
+                x *= 0.5f;
+        const ArraySource source(planes, 48000);
+        const auto path = folder / ("surround" + std::to_string(channels) + ".m4a");
+        AudioEncoder::write(source, std::nullopt, path, settings(ExportFormat::alac, PCMBitDepth::int16));
+        const auto decoded = testing::decodeWithFFmpeg(path, channels);
+        ASSERT_TRUE(decoded) << channels;
+        ASSERT_EQ((*decoded)[0].size(), 5000u);
+        EXPECT_LE(largestError(planes, *decoded, 1.0 / 32768), 0.5 + 1e-9) << channels;
+    }
+}
+
+TEST_F(AudioEncoderRoundTrip, AacKeepsTheLengthClassAndTheBitRateTheEncoderTook) {
+    const ArraySource source(testing::noisePlanes(2, 48000, 3), 48000);
+    const auto path = folder / "lossy.m4a";
+    AudioEncoder::write(source, std::nullopt, path, EncodeSettings::defaults(ExportFormat::aac));
+    EXPECT_EQ(testing::probeStream(path, "codec_name"), "aac");
+    EXPECT_EQ(testing::probeStream(path, "sample_rate"), "48000");
+    const auto decoded = testing::decodeWithFFmpeg(path, 2);
+    ASSERT_TRUE(decoded);
+    // The container's edit list removes the encoder's priming; a frame of slack for the tail.
+    EXPECT_NEAR(static_cast<double>((*decoded)[0].size()), 48000.0, 1024.0);
+
+    // Mono AAC at 48 kHz carries at most 6144 bits per 1024 frames: 288 kbps.
+    M4aWriter::Spec spec;
+    spec.codec = M4aWriter::Codec::aac;
+    spec.channels = 1;
+    spec.sampleRate = 48000;
+    spec.bitRate = 500000;
+    M4aWriter writer(folder / "mono.m4a", spec);
+    EXPECT_EQ(writer.appliedBitRate(), 288000);
+    writer.abort();
+}
+
+} // namespace
+} // namespace harlune
