@@ -1,0 +1,304 @@
+#include "engine/devices/PortAudioDevice.h"
+
+#include "engine/AudioDeviceError.h"
+#include "engine/devices/StreamResampler.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <fcntl.h>
+#include <mutex>
+#include <portaudio.h>
+#include <thread>
+#include <unistd.h>
+
+namespace harlune {
+
+namespace {
+
+// Beyond this ratio the simple converter would alias badly; such a pair is refused.
+constexpr double maximumRateRatio = 8.0;
+
+/// Sends standard error to /dev/null for a scope: ALSA and JACK print their probing to it when
+/// PortAudio starts or opens a stream, which is noise to the user.
+class QuietStandardError {
+public:
+    QuietStandardError() {
+        std::fflush(stderr);
+        saved_ = dup(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (saved_ >= 0 && null >= 0)
+            dup2(null, STDERR_FILENO);
+        if (null >= 0)
+            close(null);
+    }
+    ~QuietStandardError() {
+        if (saved_ >= 0) {
+            std::fflush(stderr);
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+        }
+    }
+    QuietStandardError(const QuietStandardError&) = delete;
+    QuietStandardError& operator=(const QuietStandardError&) = delete;
+
+private:
+    int saved_ = -1;
+};
+
+std::string paText(PaError error) {
+    return std::string("PortAudio: ") + Pa_GetErrorText(error);
+}
+
+/// The output device to use: JACK's default when a JACK server is running, else PortAudio's.
+PaDeviceIndex chooseDevice() {
+    const PaHostApiIndex jack = Pa_HostApiTypeIdToHostApiIndex(paJACK);
+    if (jack >= 0) {
+        const PaHostApiInfo* info = Pa_GetHostApiInfo(jack);
+        if (info != nullptr && info->deviceCount > 0 && info->defaultOutputDevice != paNoDevice)
+            return info->defaultOutputDevice;
+    }
+    return Pa_GetDefaultOutputDevice();
+}
+
+} // namespace
+
+struct PortAudioDevice::Impl {
+    PortAudioDevice& owner;
+    bool initialised = false;
+    PaStream* stream = nullptr;
+    std::optional<StreamFormat> format;
+    std::shared_ptr<RenderSource> source;
+    std::unique_ptr<StreamResampler> resampler;
+    double deviceRate = 0;
+    int deviceChannels = 0;
+    std::string hostApi;
+    std::atomic<bool> active{false};
+    std::atomic<bool> stopping{false};
+
+    // PortAudio reports no lost server (JACK gone, a device unplugged) by itself, and a stream
+    // whose JACK server died even stays "active": a watcher looks a few times a second whether
+    // callbacks still come while the stream should run. `mutex` orders its look with the main
+    // thread's operations on the stream.
+    std::atomic<int64_t> lastCallback{0}; ///< steady-clock nanoseconds
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool quitting = false;
+    std::thread watcher;
+    // Once the server is gone, PortAudio's calls on the stream (stop, abort, close, even
+    // terminate) may wait forever for callbacks that never come: the stream is then left alone,
+    // and this device cannot play again; a new device (a new PortAudio session) can.
+    bool lost = false;
+
+    explicit Impl(PortAudioDevice& device) : owner(device) {}
+
+    static int64_t now() noexcept {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+
+    void watch() {
+        std::unique_lock lock(mutex);
+        while (!quitting) {
+            wake.wait_for(lock, std::chrono::milliseconds(200));
+            if (quitting || stream == nullptr || !active.load())
+                continue;
+            const PaStreamInfo* info = Pa_GetStreamInfo(stream);
+            const double patience = std::max(1.0, 10 * (info != nullptr ? info->outputLatency : 0.0));
+            const double silentFor = static_cast<double>(now() - lastCallback.load()) * 1e-9;
+            if ((Pa_IsStreamActive(stream) != 1 || silentFor > patience) && active.exchange(false)) {
+                lost = true;
+                owner.notifyConfigurationChange();
+            }
+        }
+    }
+
+    static int onRender(const void*, void* output, unsigned long frameCount, const PaStreamCallbackTimeInfo*,
+                        PaStreamCallbackFlags, void* data) {
+        auto& self = *static_cast<Impl*>(data);
+        self.lastCallback.store(now(), std::memory_order_relaxed);
+        auto** planes = static_cast<float**>(output);
+        const int streamChannels = self.format->channelCount;
+        const auto frames = static_cast<int>(frameCount);
+        const auto used = static_cast<size_t>(std::min(streamChannels, self.deviceChannels));
+        bool silence = false;
+        // A device with fewer outputs than the stream gets the stream folded by the source.
+        const std::span<float* const> outputs(planes, used);
+        if (self.resampler)
+            self.resampler->render(frames, outputs, silence);
+        else
+            self.source->render(frames, outputs, silence);
+        if (streamChannels == 1)
+            for (int c = 1; c < self.deviceChannels; ++c)
+                std::copy_n(planes[0], frames, planes[c]);
+        else
+            for (int c = streamChannels; c < self.deviceChannels; ++c)
+                std::fill_n(planes[c], frames, 0.0f);
+        return paContinue;
+    }
+
+    static void onFinished(void* data) {
+        auto& self = *static_cast<Impl*>(data);
+        // A stream that ends without being asked to (a JACK server gone, a device unplugged).
+        if (self.active.exchange(false) && !self.stopping.load())
+            self.owner.notifyConfigurationChange();
+    }
+
+    void closeStream() {
+        if (stream == nullptr || lost)
+            return;
+        stopping = true;
+        active = false;
+        Pa_AbortStream(stream);
+        Pa_CloseStream(stream);
+        stopping = false;
+        stream = nullptr;
+        resampler.reset();
+    }
+};
+
+PortAudioDevice::PortAudioDevice(PostToMainThread postToMainThread)
+    : AudioOutputDevice(std::move(postToMainThread)), impl_(std::make_unique<Impl>(*this)) {
+    PaError error = paNoError;
+    {
+        const QuietStandardError quiet;
+        error = Pa_Initialize();
+    }
+    if (error != paNoError)
+        throw AudioDeviceError(paText(error));
+    impl_->initialised = true;
+    impl_->watcher = std::thread([this] { impl_->watch(); });
+}
+
+PortAudioDevice::~PortAudioDevice() {
+    {
+        const std::lock_guard lock(impl_->mutex);
+        impl_->quitting = true;
+    }
+    impl_->wake.notify_all();
+    if (impl_->watcher.joinable())
+        impl_->watcher.join();
+    impl_->closeStream();
+    if (impl_->initialised && !impl_->lost) {
+        const QuietStandardError quiet;
+        Pa_Terminate();
+    }
+}
+
+void PortAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSource> source) {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->lost)
+        throw AudioDeviceError("the sound server went away");
+    impl_->closeStream();
+    const PaDeviceIndex device = chooseDevice();
+    if (device == paNoDevice)
+        throw AudioDeviceError("no output device");
+    const PaDeviceInfo* info = Pa_GetDeviceInfo(device);
+    if (info == nullptr || info->maxOutputChannels < 1)
+        throw AudioDeviceError("no output device");
+    const PaHostApiInfo* api = Pa_GetHostApiInfo(info->hostApi);
+
+    PaStreamParameters parameters{};
+    parameters.device = device;
+    parameters.channelCount = std::min(info->maxOutputChannels, 2);
+    parameters.sampleFormat = paFloat32 | paNonInterleaved;
+    parameters.suggestedLatency = info->defaultLowOutputLatency;
+
+    double rate = format.sampleRate;
+    {
+        const QuietStandardError quiet;
+        if (Pa_IsFormatSupported(nullptr, &parameters, rate) != paFormatIsSupported)
+            rate = info->defaultSampleRate;
+    }
+    const double ratio = format.sampleRate / rate;
+    if (!(rate > 0) || ratio > maximumRateRatio || ratio < 1.0 / maximumRateRatio)
+        throwPlaybackFormatError(format.sampleRate);
+
+    impl_->format = format;
+    impl_->source = std::move(source);
+    impl_->deviceRate = rate;
+    impl_->deviceChannels = parameters.channelCount;
+    impl_->hostApi = api != nullptr ? api->name : "";
+    if (rate != format.sampleRate)
+        impl_->resampler =
+            std::make_unique<StreamResampler>(*impl_->source, format.channelCount, format.sampleRate, rate);
+
+    PaError error = paNoError;
+    {
+        const QuietStandardError quiet;
+        error = Pa_OpenStream(&impl_->stream, nullptr, &parameters, rate, paFramesPerBufferUnspecified,
+                              paNoFlag, &Impl::onRender, impl_.get());
+    }
+    if (error != paNoError) {
+        impl_->stream = nullptr;
+        impl_->resampler.reset();
+        if (error == paInvalidSampleRate)
+            throwPlaybackFormatError(format.sampleRate);
+        throw AudioDeviceError(paText(error));
+    }
+    Pa_SetStreamFinishedCallback(impl_->stream, &Impl::onFinished);
+}
+
+void PortAudioDevice::start() {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->lost)
+        throw AudioDeviceError("the sound server went away");
+    if (impl_->stream == nullptr)
+        throw AudioDeviceError("no stream was configured");
+    if (Pa_IsStreamActive(impl_->stream) == 1)
+        return;
+    if (Pa_IsStreamStopped(impl_->stream) == 0)
+        Pa_AbortStream(impl_->stream);
+    impl_->lastCallback = Impl::now();
+    PaError error = paNoError;
+    {
+        const QuietStandardError quiet;
+        error = Pa_StartStream(impl_->stream);
+    }
+    if (error != paNoError)
+        throw AudioDeviceError(paText(error));
+    impl_->active = true;
+}
+
+void PortAudioDevice::pause() {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->stream == nullptr || impl_->lost)
+        return;
+    impl_->stopping = true;
+    impl_->active = false;
+    Pa_StopStream(impl_->stream);
+    impl_->stopping = false;
+}
+
+void PortAudioDevice::stop() {
+    pause();
+}
+
+bool PortAudioDevice::isRunning() const {
+    const std::lock_guard lock(impl_->mutex);
+    return impl_->stream != nullptr && impl_->active.load() && Pa_IsStreamActive(impl_->stream) == 1;
+}
+
+std::optional<StreamFormat> PortAudioDevice::format() const {
+    return impl_->format;
+}
+
+double PortAudioDevice::presentationLatency() const {
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->stream == nullptr)
+        return 0;
+    const PaStreamInfo* info = Pa_GetStreamInfo(impl_->stream);
+    return info != nullptr ? info->outputLatency : 0;
+}
+
+double PortAudioDevice::deviceRate() const {
+    return impl_->deviceRate;
+}
+std::string PortAudioDevice::hostApiName() const {
+    return impl_->hostApi;
+}
+
+} // namespace harlune

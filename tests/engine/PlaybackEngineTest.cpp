@@ -1,0 +1,168 @@
+// The engine's main-thread side: graph, start, pause, audible position, retirement, device events.
+#include "base/HarluneError.h"
+#include "engine/AudioDeviceError.h"
+#include "engine/EngineTestSupport.h"
+#include "support/TestAudio.h"
+
+#include <gtest/gtest.h>
+
+namespace harlune {
+namespace {
+
+using testing::EngineOnTestDevice;
+using testing::noisePlanes;
+
+TEST(PlaybackEngine, GraphFollowsRateAndChannelsAndIsRebuiltOnlyOnChange) {
+    EngineOnTestDevice fixture;
+    const AudioContent mono(noisePlanes(1, 100), 44100);
+    const AudioContent stereo(noisePlanes(2, 100), 44100);
+    const AudioContent surround(noisePlanes(6, 100), 44100);
+    const AudioContent stereo48(noisePlanes(2, 100), 48000);
+
+    fixture.engine->start(mono, {0, 100}, false, 1.0f);
+    EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 1}));
+    fixture.engine->start(mono, {0, 50}, false, 1.0f);
+    EXPECT_EQ(fixture.device->configureCount(), 1);
+
+    fixture.engine->start(stereo, {0, 100}, false, 1.0f);
+    EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 2}));
+    EXPECT_EQ(fixture.device->configureCount(), 2);
+    // Six channels fold into the same two-channel stream.
+    fixture.engine->start(surround, {0, 100}, false, 1.0f);
+    EXPECT_EQ(fixture.device->configureCount(), 2);
+    fixture.engine->start(stereo48, {0, 100}, false, 1.0f);
+    EXPECT_EQ(fixture.device->format(), (StreamFormat{48000, 2}));
+    EXPECT_EQ(fixture.device->configureCount(), 3);
+    EXPECT_TRUE(fixture.device->isRunning());
+}
+
+TEST(PlaybackEngine, FormatErrorsNameTheRate) {
+    const auto check = [](double rate, int channels, const std::string& detail) {
+        try {
+            makeStreamFormat(rate, channels);
+            ADD_FAILURE() << "no error for " << rate;
+        } catch (const HarluneError& error) {
+            EXPECT_EQ(error.kind(), HarluneError::Kind::unsupportedFormat);
+            EXPECT_EQ(error.detail(), detail);
+        }
+    };
+    check(0, 1, "playback format 0 Hz");
+    check(-44100, 2, "playback format -44100 Hz");
+    check(44100.5, 3, "playback format 44100.5 Hz");
+    check(1e9, 2, "playback format 1000000000 Hz");
+    EXPECT_EQ(makeStreamFormat(22050, 1), (StreamFormat{22050, 1}));
+}
+
+TEST(PlaybackEngine, StartFailureReachesTheCaller) {
+    EngineOnTestDevice fixture;
+    fixture.device->failNextStart("device gone");
+    EXPECT_THROW(fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f),
+                 AudioDeviceError);
+    EXPECT_FALSE(fixture.device->isRunning());
+    fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f);
+    EXPECT_TRUE(fixture.device->isRunning());
+}
+
+TEST(PlaybackEngine, PauseSilencesAndKeepsTheProgram) {
+    EngineOnTestDevice fixture;
+    const auto planes = noisePlanes(1, 1000);
+    fixture.engine->start(AudioContent(planes, 48000), {0, 1000}, false, 1.0f);
+    fixture.device->pull(100, 100);
+    fixture.engine->pause();
+    EXPECT_FALSE(fixture.device->isRunning());
+    EXPECT_TRUE(fixture.engine->state().program.content.has_value());
+    EXPECT_FALSE(fixture.engine->state().program.playing);
+    EXPECT_EQ(fixture.engine->state().position.load(), 100);
+    // A callback that still comes after the pause is silent.
+    fixture.device->start();
+    const auto capture = fixture.device->pull(64, 64);
+    EXPECT_TRUE(capture.silenceFlags[0]);
+}
+
+TEST(PlaybackEngine, AudiblePositionSubtractsLatencyAndHoldsAtTheRangeStart) {
+    EngineOnTestDevice fixture;
+    double now = 0;
+    fixture.device->setClock([&now] { return now; });
+    fixture.device->setPresentationLatency(0.010); // 480 frames at 48 kHz
+    const AudioContent content(noisePlanes(2, 48000), 48000);
+    fixture.engine->start(content, {1000, 3000}, true, 1.0f);
+    EXPECT_EQ(fixture.engine->audiblePosition(), 1000);
+
+    now = 0.025; // 1200 frames due
+    fixture.device->pullUntilNow(256);
+    EXPECT_EQ(fixture.engine->state().position.load(), 2200);
+    EXPECT_EQ(fixture.engine->audiblePosition(), 2200 - 480);
+
+    now = 0.045; // 960 more: wraps to 1160
+    fixture.device->pullUntilNow(256);
+    EXPECT_EQ(fixture.engine->state().position.load(), 1160);
+    EXPECT_EQ(fixture.engine->audiblePosition(), 1000); // holds at the start, never wraps back
+
+    fixture.engine->pause();
+    EXPECT_EQ(fixture.engine->audiblePosition(), 1160);
+}
+
+TEST(PlaybackEngine, RetiresTheSixteenMostRecentEnvelopeSets) {
+    EngineOnTestDevice fixture;
+    std::vector<const EnvelopeSet*> stored;
+    for (int call = 0; call < 20; ++call) {
+        fixture.engine->setEnvelopes(EnvelopeSet{});
+        stored.push_back(fixture.engine->state().program.envelope.get());
+        EXPECT_LE(fixture.engine->retiredEnvelopes().size(), PlaybackEngine::retiredLimit);
+    }
+    // The first call replaced the empty initial set, so nothing was retired for it.
+    const auto& retired = fixture.engine->retiredEnvelopes();
+    ASSERT_EQ(retired.size(), 16u);
+    EXPECT_EQ(retired.front().get(), stored[3]);
+    EXPECT_EQ(retired.back().get(), stored[18]);
+}
+
+TEST(PlaybackEngine, ConfigurationChangeRestartsOnlyWhilePlaying) {
+    EngineOnTestDevice fixture;
+    fixture.engine->start(AudioContent(noisePlanes(1, 100), 48000), {0, 100}, true, 1.0f);
+    EXPECT_EQ(fixture.device->startCount(), 1);
+
+    fixture.device->simulateConfigurationChange();
+    EXPECT_FALSE(fixture.device->isRunning());
+    EXPECT_EQ(fixture.mainThread.runPending(), 1); // delivered on the owner's thread
+    EXPECT_TRUE(fixture.device->isRunning());
+    EXPECT_EQ(fixture.device->startCount(), 2);
+
+    // A failed restart is dropped: the position simply stands still.
+    fixture.device->simulateConfigurationChange();
+    fixture.device->failNextStart("gone");
+    EXPECT_NO_THROW(fixture.mainThread.runPending());
+    EXPECT_FALSE(fixture.device->isRunning());
+
+    fixture.engine->start(AudioContent(noisePlanes(1, 100), 48000), {0, 100}, true, 1.0f);
+    fixture.engine->pause();
+    const int starts = fixture.device->startCount();
+    fixture.device->simulateConfigurationChange();
+    fixture.mainThread.runPending();
+    EXPECT_EQ(fixture.device->startCount(), starts);
+    EXPECT_FALSE(fixture.device->isRunning());
+}
+
+TEST(PlaybackEngine, ConfigurationChangeAfterTheEngineIsGoneIsIgnored) {
+    auto fixture = std::make_unique<EngineOnTestDevice>();
+    fixture->engine->start(AudioContent(noisePlanes(1, 100), 48000), {0, 100}, true, 1.0f);
+    MainThreadQueue& queue = fixture->mainThread;
+    fixture->device->simulateConfigurationChange();
+    fixture->engine.reset();
+    EXPECT_EQ(queue.runPending(), 1);
+}
+
+TEST(PlaybackEngine, ReplaceContentKeepsPositionAndSettings) {
+    EngineOnTestDevice fixture;
+    const auto first = noisePlanes(1, 1000, 1);
+    const auto second = noisePlanes(1, 2000, 2);
+    fixture.engine->start(AudioContent(first, 48000), {0, 1000}, true, 0.5f);
+    fixture.device->pull(300, 300);
+    fixture.engine->replaceContent(AudioContent(second, 48000), {0, 2000});
+    const auto capture = fixture.device->pull(10, 10);
+    EXPECT_EQ(capture.planes[0][0], second[0][300] * 0.5f);
+    EXPECT_TRUE(fixture.engine->state().program.loop);
+}
+
+} // namespace
+} // namespace harlune

@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# End to end through PortAudio on JACK: starts a private JACK server on its dummy driver (no
+# sound card), records with a small JACK client that connects to the player's ports, plays
+# generated tones through the PortAudio back end and checks what arrived. The content's rates
+# differ from JACK's 48 kHz, so the back end's own rate conversion and its spreading of mono to
+# both outputs are what is tested.
+# Usage: e2e-jack.sh PATH/TO/harlune-e2e-tool PATH/TO/harlune-jack-record
+set -uo pipefail
+tool=$1
+recorder_tool=$2
+work=$(mktemp -d)
+pids=()
+
+stop_all() {
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+        kill "${pids[i]}" 2>/dev/null || true
+    done
+    for pid in "${pids[@]}"; do
+        for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+        kill -9 "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap stop_all EXIT
+
+fail() { echo "e2e-jack: $*"; for log in "$work"/*.log; do echo "--- $log"; tail -20 "$log"; done; exit 1; }
+
+wait_for() {
+    for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
+    fail "gave up waiting for: $*"
+}
+
+# A private server: its own name, and no PipeWire to answer in its place.
+export JACK_DEFAULT_SERVER=harlune-test-$$ JACK_NO_AUDIO_RESERVATION=1
+export XDG_RUNTIME_DIR=$work/run HOME=$work/home
+mkdir -p "$XDG_RUNTIME_DIR" "$HOME"
+chmod 700 "$XDG_RUNTIME_DIR"
+unset PIPEWIRE_REMOTE
+
+# A long period for the same reason as in the PipeWire test: a shared, unprivileged machine.
+jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >"$work/jackd.log" 2>&1 &
+pids+=($!)
+wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
+
+play_and_check() {
+    local name=$1
+    shift
+    local play=() check=()
+    while [ "$1" != "--" ]; do play+=("$1"); shift; done
+    shift
+    check=("$@")
+    local out=$work/$name.wav
+    "$recorder_tool" "$out" 30 >"$work/record-$name.log" 2>&1 &
+    local recorder=$!
+    pids+=("$recorder")
+    wait_for grep -q recording "$work/record-$name.log"
+    timeout 60 "$tool" play --backend portaudio "${play[@]}" >"$work/play-$name.log" 2>&1 ||
+        fail "$name: play failed"
+    cat "$work/play-$name.log"
+    kill -INT "$recorder"
+    for _ in $(seq 50); do kill -0 "$recorder" 2>/dev/null || break; sleep 0.1; done
+    "$tool" check "$out" "${check[@]}" || fail "$name: JACK did not receive the tone"
+}
+
+play_and_check stereo48k --rate 48000 --channels 2 --seconds 2 --amplitude 0.5 --right-amplitude 0.25 \
+    -- --seconds 2 --amplitude 0.5 --right-amplitude 0.25
+play_and_check stereo44k --rate 44100 --channels 2 --seconds 2 --amplitude 0.4 \
+    -- --seconds 2 --amplitude 0.4
+play_and_check mono32k --rate 32000 --channels 1 --seconds 1.5 --amplitude 0.5 \
+    -- --seconds 1.5 --amplitude 0.5
+# The server goes away mid-play: the engine hears of it as a configuration change.
+timeout 60 "$tool" play --backend portaudio --seconds 30 --expect-loss yes >"$work/loss.log" 2>&1 &
+player=$!
+pids+=("$player")
+wait_for grep -q playing "$work/loss.log"
+sleep 0.5
+kill "${pids[0]}" # jackd
+wait "$player" || fail "the loss of the JACK server did not reach the engine"
+cat "$work/loss.log"
+echo "e2e-jack: all passed"

@@ -1,0 +1,254 @@
+// A helper for the end-to-end playback tests, which run against real sound servers:
+//   play  - plays a generated tone through a chosen back end and waits for its end;
+//   check - reads what the server's sink recorded (WAV) and compares it with that tone.
+#include "core/AudioContentBuilder.h"
+#include "engine/MainThreadQueue.h"
+#include "engine/PlaybackEngine.h"
+#include "engine/devices/DefaultAudioDevice.h"
+#include "engine/devices/PipeWireDevice.h"
+#include "engine/devices/PortAudioDevice.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <numbers>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace harlune;
+
+std::map<std::string, std::string> options(int argc, char** argv, int first) {
+    std::map<std::string, std::string> result;
+    for (int i = first; i + 1 < argc; i += 2)
+        result[argv[i]] = argv[i + 1];
+    return result;
+}
+
+double number(const std::map<std::string, std::string>& all, const std::string& key, double fallback) {
+    const auto found = all.find(key);
+    return found == all.end() ? fallback : std::stod(found->second);
+}
+
+// The test signal: `lead` seconds of silence, then `seconds` of a sine on every channel (the
+// right one at `rightAmplitude`), then a short silence.
+AudioContent toneContent(double rate, int channels, double lead, double seconds, double frequency,
+                         double amplitude, double rightAmplitude) {
+    const auto leadFrames = static_cast<int64_t>(lead * rate);
+    const auto toneFrames = static_cast<int64_t>(seconds * rate);
+    const auto tailFrames = static_cast<int64_t>(0.3 * rate);
+    std::vector<std::vector<float>> planes(static_cast<size_t>(channels));
+    for (int c = 0; c < channels; ++c) {
+        auto& plane = planes[static_cast<size_t>(c)];
+        plane.assign(static_cast<size_t>(leadFrames + toneFrames + tailFrames), 0.0f);
+        const double a = c == 1 ? rightAmplitude : amplitude;
+        for (int64_t i = 0; i < toneFrames; ++i)
+            plane[static_cast<size_t>(leadFrames + i)] = static_cast<float>(
+                a * std::sin(2 * std::numbers::pi * frequency * static_cast<double>(i) / rate));
+    }
+    AudioContentBuilder builder(channels, rate);
+    builder.append(planes);
+    return builder.build();
+}
+
+int play(const std::map<std::string, std::string>& all) {
+    const std::string backendName = all.count("--backend") ? all.at("--backend") : "automatic";
+    const OutputBackend backend = backendName == "pipewire"    ? OutputBackend::pipeWire
+                                  : backendName == "portaudio" ? OutputBackend::portAudio
+                                                               : OutputBackend::automatic;
+    const double rate = number(all, "--rate", 48000);
+    const int channels = static_cast<int>(number(all, "--channels", 2));
+    const double amplitude = number(all, "--amplitude", 0.5);
+    const AudioContent content =
+        toneContent(rate, channels, number(all, "--lead", 0.5), number(all, "--seconds", 2),
+                    number(all, "--frequency", 1000), amplitude, number(all, "--right-amplitude", amplitude));
+
+    MainThreadQueue mainThread;
+    PlaybackEngine engine(makeDefaultOutputDevice(mainThread.poster(), backend));
+    // With --expect-loss the script takes the server away mid-play: the engine must hear of it
+    // as a configuration change, on this thread, and try to restart without failing.
+    const bool expectLoss = all.count("--expect-loss") != 0;
+    bool changed = false;
+    engine.device().setConfigurationChangeHandler([&] {
+        changed = true;
+        std::printf("configuration change\n");
+        std::fflush(stdout);
+        engine.handleConfigurationChange();
+    });
+    engine.start(content, content.fullRange(), false, 1.0f);
+    std::printf("playing %.0f Hz, %d channel(s) through %s\n", rate, channels,
+                engine.device().name().c_str());
+    std::fflush(stdout);
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(static_cast<int64_t>(content.duration() * 1250) + 10000);
+    double latency = 0;
+    while (!engine.state().finished.load() && !(expectLoss && changed) &&
+           std::chrono::steady_clock::now() < deadline) {
+        mainThread.runFor(std::chrono::milliseconds(20));
+        latency = std::max(latency, engine.device().presentationLatency());
+    }
+    if (expectLoss) {
+        std::printf("running after the loss: %s\n", engine.device().isRunning() ? "yes" : "no");
+        return changed ? 0 : 1;
+    }
+    const bool finished = engine.state().finished.load();
+    // Let the last frames reach the sink before the stream goes.
+    mainThread.runFor(std::chrono::milliseconds(static_cast<int64_t>(latency * 1000) + 200));
+    std::printf("finished: %s, position %lld of %lld, latency %.1f ms\n", finished ? "yes" : "no",
+                static_cast<long long>(engine.state().position.load()),
+                static_cast<long long>(content.frameCount()), latency * 1000);
+    if (auto* pipeWire = dynamic_cast<PipeWireDevice*>(&engine.device()))
+        std::printf("callbacks %lld, late %lld\n", static_cast<long long>(pipeWire->callbackCount()),
+                    static_cast<long long>(pipeWire->lateCallbacks()));
+    if (auto* portAudio = dynamic_cast<PortAudioDevice*>(&engine.device()))
+        std::printf("host API %s at %.0f Hz\n", portAudio->hostApiName().c_str(), portAudio->deviceRate());
+    engine.pause();
+    return finished ? 0 : 1;
+}
+
+struct Recording {
+    double rate = 0;
+    std::vector<std::vector<float>> planes;
+};
+
+// WAV with 16- or 32-bit integer or 32-bit float samples: what pw-record and our JACK recorder write.
+std::optional<Recording> readWav(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 ||
+        std::memcmp(bytes.data() + 8, "WAVE", 4) != 0)
+        return std::nullopt;
+    auto u16 = [&](size_t at) {
+        return static_cast<uint32_t>(static_cast<uint8_t>(bytes[at]) | static_cast<uint8_t>(bytes[at + 1])
+                                                                           << 8);
+    };
+    auto u32 = [&](size_t at) {
+        return u16(at) | u16(at + 2) << 16;
+    };
+    uint32_t format = 0, channels = 0, rate = 0, bits = 0;
+    size_t at = 12;
+    while (at + 8 <= bytes.size()) {
+        const std::string id(bytes.data() + at, 4);
+        uint32_t size = u32(at + 4);
+        const size_t body = at + 8;
+        if (id == "fmt ") {
+            format = u16(body);
+            channels = u16(body + 2);
+            rate = u32(body + 4);
+            bits = u16(body + 14);
+            if (format == 0xFFFE)
+                format = u16(body + 24);
+        } else if (id == "data") {
+            if (size == 0 || size == 0xFFFFFFFF || body + size > bytes.size())
+                size = static_cast<uint32_t>(bytes.size() - body); // a header never finished
+            Recording recording;
+            recording.rate = rate;
+            recording.planes.assign(channels, {});
+            const size_t width = bits / 8;
+            const size_t frames = size / (width * channels);
+            for (size_t f = 0; f < frames; ++f) {
+                for (size_t c = 0; c < channels; ++c) {
+                    const size_t p = body + (f * channels + c) * width;
+                    float x = 0;
+                    if (format == 3 && bits == 32)
+                        std::memcpy(&x, bytes.data() + p, 4);
+                    else if (bits == 16)
+                        x = static_cast<float>(static_cast<int16_t>(u16(p))) / 32768.0f;
+                    else if (bits == 32)
+                        x = static_cast<float>(static_cast<int32_t>(u32(p)) / 2147483648.0);
+                    recording.planes[c].push_back(x);
+                }
+            }
+            return recording;
+        }
+        at = body + size + (size & 1);
+    }
+    return std::nullopt;
+}
+
+int check(const std::string& path, const std::map<std::string, std::string>& all) {
+    const auto recording = readWav(path);
+    if (!recording || recording->planes.empty()) {
+        std::printf("FAIL: %s is no WAV file with audio\n", path.c_str());
+        return 1;
+    }
+    const double seconds = number(all, "--seconds", 2);
+    const double frequency = number(all, "--frequency", 1000);
+    const double amplitude = number(all, "--amplitude", 0.5);
+    const double rightAmplitude = number(all, "--right-amplitude", amplitude);
+    const double rate = recording->rate;
+    bool ok = true;
+    for (size_t c = 0; c < recording->planes.size() && c < 2; ++c) {
+        const auto& x = recording->planes[c];
+        const double a = c == 1 ? rightAmplitude : amplitude;
+        // The tone's extent: first and last sample above a quarter of its amplitude.
+        int64_t first = -1, last = -1;
+        for (size_t i = 0; i < x.size(); ++i) {
+            if (std::abs(x[i]) > a / 4) {
+                if (first < 0)
+                    first = static_cast<int64_t>(i);
+                last = static_cast<int64_t>(i);
+            }
+        }
+        if (first < 0) {
+            std::printf("FAIL: channel %zu holds no tone\n", c);
+            ok = false;
+            continue;
+        }
+        const double heard = static_cast<double>(last - first + 1) / rate;
+        // A gap: several consecutive samples near zero inside the tone, where a sine of this
+        // frequency passes zero within one sample.
+        int64_t longestQuiet = 0, quiet = 0, quietEnd = 0;
+        for (int64_t i = first; i <= last; ++i) {
+            quiet = std::abs(x[static_cast<size_t>(i)]) < 0.05 * a ? quiet + 1 : 0;
+            if (quiet > longestQuiet) {
+                longestQuiet = quiet;
+                quietEnd = i;
+            }
+        }
+        // Level and pitch over the steady middle.
+        const auto margin = static_cast<int64_t>(0.05 * rate);
+        double sum = 0;
+        int64_t crossings = 0;
+        for (int64_t i = first + margin; i <= last - margin; ++i) {
+            sum += static_cast<double>(x[static_cast<size_t>(i)]) * x[static_cast<size_t>(i)];
+            if ((x[static_cast<size_t>(i - 1)] < 0) != (x[static_cast<size_t>(i)] < 0))
+                ++crossings;
+        }
+        const double middle = static_cast<double>(last - first + 1 - 2 * margin);
+        const double levelDB = 10 * std::log10(sum / middle / (a * a / 2));
+        const double pitch = static_cast<double>(crossings) / 2 / (middle / rate);
+        const bool good = std::abs(heard - seconds) < 0.01 && longestQuiet < 4 && std::abs(levelDB) < 0.1 &&
+                          std::abs(pitch - frequency) < 0.005 * frequency;
+        std::printf("%s: channel %zu: %.4f s of %.4f s, level %+.3f dB, pitch %.1f Hz, longest quiet run "
+                    "%lld (ending %.4f s into the tone)\n",
+                    good ? "ok" : "FAIL", c, heard, seconds, levelDB, pitch,
+                    static_cast<long long>(longestQuiet), static_cast<double>(quietEnd - first) / rate);
+        ok = ok && good;
+    }
+    if (recording->planes.size() < 2 && number(all, "--expect-channels", 2) >= 2) {
+        std::printf("FAIL: the recording has %zu channel(s)\n", recording->planes.size());
+        ok = false;
+    }
+    return ok ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && std::string(argv[1]) == "play")
+        return play(options(argc, argv, 2));
+    if (argc >= 3 && std::string(argv[1]) == "check")
+        return check(argv[2], options(argc, argv, 3));
+    std::fprintf(stderr,
+                 "usage: harlune-e2e-tool play [--backend pipewire|portaudio] [--rate R] [--channels C]\n"
+                 "           [--seconds S] [--lead S] [--frequency F] [--amplitude A] [--right-amplitude A]\n"
+                 "       harlune-e2e-tool check FILE.wav [--seconds S] [--frequency F] [--amplitude A]\n"
+                 "           [--right-amplitude A]\n");
+    return 2;
+}
