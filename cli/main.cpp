@@ -13,7 +13,8 @@ namespace {
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand()};
+    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
+            harlune::cli::processCommand()};
 }
 
 void printUsage(const std::vector<Command>& commands) {

@@ -2,6 +2,7 @@
 
 #include "base/HarluneError.h"
 #include "base/Precondition.h"
+#include "dsp/SampleRateConverter.h"
 
 #include <algorithm>
 #include <array>
@@ -226,23 +227,36 @@ void Quantizer::quantize(ChunkViews chunk, std::span<int32_t> into) {
 
 // ResamplerStage ------------------------------------------------------------------------------
 
-struct ResamplerStage::Converter {};
+struct ResamplerStage::Converter {
+    SampleRateConverter converter;
+};
 
 ResamplerStage::ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                                std::unique_ptr<ChunkSink> next)
     : channels_(channels), next_(std::move(next)) {
-    (void)maxChunk;
-    // No converter is built in yet.
-    throw HarluneError::encodeFailed("can\u2019t convert " + std::to_string(static_cast<int64_t>(fromRate)) +
-                                     " Hz to " + std::to_string(static_cast<int64_t>(toRate)) + " Hz");
+    (void)maxChunk; // the converter hands on at most its own maxOutputChunk frames at a time
+    try {
+        converter_ = std::make_unique<Converter>(Converter{SampleRateConverter(channels, fromRate, toRate)});
+    } catch (const HarluneError&) {
+        throw HarluneError::encodeFailed("can\u2019t convert " +
+                                         std::to_string(static_cast<int64_t>(fromRate)) + " Hz to " +
+                                         std::to_string(static_cast<int64_t>(toRate)) + " Hz");
+    }
 }
 
 ResamplerStage::~ResamplerStage() = default;
 
 void ResamplerStage::consume(ChunkViews chunk) {
-    next_->consume(chunk);
+    auto pass = [this](ChunkViews converted) {
+        next_->consume(converted);
+    };
+    converter_->converter.process(chunk, SampleRateConverter::Output(pass));
 }
 void ResamplerStage::finish() {
+    auto pass = [this](ChunkViews converted) {
+        next_->consume(converted);
+    };
+    converter_->converter.finish(SampleRateConverter::Output(pass));
     next_->finish();
 }
 void ResamplerStage::abort() noexcept {
