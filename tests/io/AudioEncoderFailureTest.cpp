@@ -101,16 +101,19 @@ TEST(AudioEncoderFailure, CancellingLeavesTheOldFileAndNoTemporaryFile) {
     EXPECT_EQ(folder.entries(), std::vector<std::string>{"old.flac"});
 }
 
-TEST(AudioEncoderFailure, ARateChangeWithoutAConverterFailsCleanly) {
+TEST(AudioEncoderFailure, ARateChangeGoesThroughTheConverter) {
+    // Opus takes 48 kHz only, so a 44.1 kHz source is converted on the way.
     testing::TemporaryFolder folder;
-    const ArraySource source(testing::noisePlanes(2, 1000), 44100);
-    const auto error = errorFrom([&] {
-        AudioEncoder::write(source, std::nullopt, folder / "x.opus",
-                            EncodeSettings::defaults(ExportFormat::opus));
-    });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->detail(), "can\u2019t convert 44100 Hz to 48000 Hz");
-    EXPECT_TRUE(folder.entries().empty());
+    const ArraySource source(testing::noisePlanes(2, 44100), 44100);
+    AudioEncoder::write(source, std::nullopt, folder / "x.opus",
+                        EncodeSettings::defaults(ExportFormat::opus));
+    EXPECT_EQ(testing::probeStream(folder / "x.opus", "sample_rate"), "48000");
+    EncodeSettings wav = EncodeSettings::defaults(ExportFormat::wav);
+    wav.sampleRate = 22050;
+    AudioEncoder::write(source, std::nullopt, folder / "x.wav", wav);
+    const auto planes = testing::decodeWithFFmpeg(folder / "x.wav", 2);
+    ASSERT_TRUE(planes);
+    EXPECT_EQ(planes->front().size(), 22050u);
 }
 
 TEST(AudioEncoderFailure, KillingTheProcessMidWriteLeavesTheOldFile) {
