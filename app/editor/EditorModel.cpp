@@ -86,7 +86,8 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
                          EditorCollaborators collaborators, QObject* parent)
     : QObject(parent), player_(std::move(collaborators.player)), rack_(std::move(collaborators.rack)),
       recorder_(std::move(collaborators.recorder)), analysis_(std::move(collaborators.analysis)),
-      content_(std::move(content)), fileInfo_(std::move(fileInfo)) {
+      clipboard_(std::move(collaborators.clipboard)), content_(std::move(content)),
+      fileInfo_(std::move(fileInfo)) {
     if (!player_)
         player_ = std::make_unique<NullPlaybackControl>();
     if (!rack_)
@@ -95,6 +96,8 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
         recorder_ = std::make_unique<NullRecorderControl>();
     if (!analysis_)
         analysis_ = std::make_unique<NullAnalysisScheduler>();
+    if (!clipboard_)
+        clipboard_ = std::make_shared<AudioClipboard>();
 
     using namespace Preferences;
     snapToZeroCrossings_ = boolValue(Keys::snapToZeroCrossings);
@@ -372,6 +375,12 @@ void EditorModel::restore(const EditState& state) {
     clampScroll();
 }
 
+void EditorModel::commitEdit(const EditState& next, const QString& name) {
+    EditState before = snapshot();
+    restore(next);
+    registerUndo(std::move(before), name);
+}
+
 void EditorModel::registerUndo(EditState state, const QString& name) {
     if (!undoManager_)
         return;
@@ -422,20 +431,8 @@ void EditorModel::finishProcess(const QString& name, const std::shared_ptr<Progr
     endExternalBusy();
 
     if (error) {
-        if (token->isCancelled())
-            return;
-        try {
-            std::rethrow_exception(error);
-        } catch (const HarluneError& failure) {
-            if (!failure.isCancelled() && presentError_)
-                presentError_(failure);
-        } catch (const std::exception& failure) {
-            if (presentError_)
-                presentError_(failure);
-        } catch (...) {
-            if (presentError_)
-                presentError_(std::runtime_error("The operation failed."));
-        }
+        if (!token->isCancelled())
+            presentFailure(error);
         return;
     }
     // A result that arrives after Cancel was pressed is thrown away, even when complete.
@@ -452,10 +449,22 @@ void EditorModel::finishProcess(const QString& name, const std::shared_ptr<Progr
     if (result->channelCount() != content_.channelCount())
         next.activeChannels = allChannels(result->channelCount());
     next.content = std::move(*result);
+    commitEdit(next, name);
+}
 
-    EditState before = snapshot();
-    restore(next);
-    registerUndo(std::move(before), name);
+void EditorModel::presentFailure(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const HarluneError& failure) {
+        if (!failure.isCancelled() && presentError_)
+            presentError_(failure);
+    } catch (const std::exception& failure) {
+        if (presentError_)
+            presentError_(failure);
+    } catch (...) {
+        if (presentError_)
+            presentError_(std::runtime_error("The operation failed."));
+    }
 }
 
 void EditorModel::beginExternalBusy(const QString& title, std::shared_ptr<ProgressToken> token) {
@@ -494,6 +503,28 @@ void EditorModel::stop(bool keepPosition) {
     if (keepPosition && !selection_)
         setCursor(std::clamp(playhead_, int64_t{0}, content_.frameCount()));
     resetMeter();
+}
+
+void EditorModel::seek(int64_t to) {
+    setCursor(std::clamp(to, int64_t{0}, content_.frameCount()));
+    if (isPlaying_) {
+        player_->setPosition(cursor_);
+        setPlayhead(cursor_);
+    }
+    ensureVisible(cursor_);
+}
+
+void EditorModel::goToStart() {
+    stop(false);
+    setSelection(std::nullopt);
+    seek(0);
+    setScrollFrame(0);
+}
+
+void EditorModel::goToEnd() {
+    stop(false);
+    setSelection(std::nullopt);
+    seek(content_.frameCount());
 }
 
 // View arithmetic ------------------------------------------------------------------------------

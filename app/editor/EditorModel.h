@@ -8,6 +8,7 @@
 #include "core/TempoGrid.h"
 #include "editor/AnalysisScheduler.h"
 #include "editor/AnalysisScope.h"
+#include "editor/AudioClipboard.h"
 #include "editor/BusyState.h"
 #include "editor/EditState.h"
 #include "editor/EffectsRackControl.h"
@@ -37,12 +38,14 @@ class QTimer;
 
 namespace harlune {
 
-/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in.
+/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in; an
+/// absent clipboard by one of the model's own (the application shares one among all models).
 struct EditorCollaborators {
     std::unique_ptr<PlaybackControl> player;
     std::unique_ptr<EffectsRackControl> rack;
     std::unique_ptr<RecorderControl> recorder;
     std::unique_ptr<AnalysisScheduler> analysis;
+    std::shared_ptr<AudioClipboard> clipboard;
 };
 
 /// Everything one open document edits and shows: audio, markers, envelopes, selection, view,
@@ -83,6 +86,7 @@ public:
     EffectsRackControl& rack() { return *rack_; }
     RecorderControl& recorder() { return *recorder_; }
     AnalysisScheduler& analysis() { return *analysis_; }
+    AudioClipboard& clipboard() { return *clipboard_; }
 
     // Hooks ----------------------------------------------------------------------------------
 
@@ -271,6 +275,52 @@ public:
 
     /// Stops play; with `keepPosition` and no selection the cursor moves to the playhead.
     void stop(bool keepPosition);
+    /// Moves the cursor (clamped to the content), and while playing the playhead and the
+    /// engine's position with it; scrolls the cursor into view.
+    void seek(int64_t to);
+    /// Stops, clears the selection and seeks to the first frame, scrolled fully left.
+    void goToStart();
+    /// Stops, clears the selection and seeks to the end.
+    void goToEnd();
+
+    // Edit commands: each one undo step; a missing precondition makes them do nothing -------
+
+    /// The selection (only the active channels, in ascending order, when restricted) onto the
+    /// clipboard. Nothing without a selection.
+    void copy();
+    /// Removes the selection; with some channels inactive it silences the active ones instead,
+    /// so that nothing moves. Nothing without a selection.
+    void deleteNamed(const QString& name);
+    /// Keeps only the selection, with the markers inside it, in all channels.
+    void trimToSelection();
+    /// Replaces the selection (or inserts at the cursor) with the clipboard in all channels, and
+    /// selects what was pasted. A clip of another format is converted first, a rate change in a
+    /// background job; into empty content the clip comes as it is, format and all.
+    void paste();
+    /// Mixes the clipboard over the content from the selection's start or the cursor, growing it
+    /// at the end as needed, and selects the mixed stretch. Nothing into empty content.
+    void pasteMix();
+    /// `frames` of silence at the selection's start or the cursor, selected.
+    void insertSilence(int64_t frames);
+    /// The markers after `afterReplacing` became `newLength` frames long: those before stay,
+    /// those inside stay unless the range vanished, those after move by the change of length.
+    std::vector<Marker> markers(FrameRange afterReplacing, int64_t newLength) const;
+
+    // Marker commands: each one undo step; the list is kept sorted by frame (stable) ----------
+
+    /// A marker named "Marker n" at `at`, else at the playhead while playing, the selection's
+    /// start, or the cursor.
+    void addMarker(std::optional<int64_t> at = std::nullopt);
+    void removeMarker(const Uuid& id);
+    void renameMarker(const Uuid& id, const QString& to);
+    /// Moves a marker to `to`, clamped to the content. Without `registerUndo` the live list is
+    /// written unsorted, as a drag goes on; `endMarkerDrag` then makes the drag one step.
+    void moveMarker(const Uuid& id, int64_t to, bool registerUndo);
+    /// Ends a drag that started from `original`: one undo step, unless nothing changed.
+    void endMarkerDrag(const std::vector<Marker>& original);
+    /// Seeks to the nearest marker after (or before) the playhead or cursor, skipping one that
+    /// lies within a frame; backwards with none before goes to 0.
+    void jumpToMarker(bool next);
 
     // View arithmetic ------------------------------------------------------------------------
 
@@ -348,11 +398,20 @@ private:
                        const std::optional<std::optional<FrameRange>>& selection,
                        const MarkersProducer& markers, const EnvelopeProducer& envelope);
     void resetMeter();
+    /// Hands a job's failure to `presentError`, unless it is a cancellation.
+    void presentFailure(std::exception_ptr error);
+    /// The undo frame of every command: `next` becomes current, the state before it one step.
+    void commitEdit(const EditState& next, const QString& name);
+    using ConformedContinuation = std::function<void(EditorModel& model, AudioContent conformed)>;
+    /// Brings a clip to this content's channel count (at once) and rate (in a background job
+    /// behind the busy overlay), then calls `then`, unless the conversion failed or was cancelled.
+    void withConformed(AudioContent clip, ConformedContinuation then);
 
     std::unique_ptr<PlaybackControl> player_;
     std::unique_ptr<EffectsRackControl> rack_;
     std::unique_ptr<RecorderControl> recorder_;
     std::unique_ptr<AnalysisScheduler> analysis_;
+    std::shared_ptr<AudioClipboard> clipboard_;
 
     QPointer<QUndoStack> undoManager_;
     ErrorPresenter presentError_;

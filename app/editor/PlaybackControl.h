@@ -4,6 +4,8 @@
 #include "core/AudioContent.h"
 #include "core/GainEnvelope.h"
 
+#include <cstdint>
+
 namespace harlune {
 
 /// What the editor model asks of the playback engine. Each call takes the engine's own lock as
@@ -21,6 +23,8 @@ public:
     virtual void setLooping(bool looping) = 0;
     /// Silence the output and pause the device.
     virtual void pause() = 0;
+    /// While playing: continue from `frame` (already clamped to the content) at the next callback.
+    virtual void setPosition(int64_t frame) = 0;
 };
 
 /// Stands in until the playback engine exists: plays nothing.
@@ -30,6 +34,7 @@ public:
     void replaceContent(const AudioContent&, FrameRange) override {}
     void setLooping(bool) override {}
     void pause() override {}
+    void setPosition(int64_t) override {}
 };
 
 } // namespace harlune

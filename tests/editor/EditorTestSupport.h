@@ -17,6 +17,8 @@ struct Probe {
     int setLooping = 0;
     bool lastLooping = false;
     int pause = 0;
+    int setPosition = 0;
+    int64_t lastPosition = -1;
     int processMaskWrites = 0;
     std::vector<bool> processMask;
     int scheduleAnalysis = 0;
@@ -37,6 +39,10 @@ public:
         probe_->lastLooping = looping;
     }
     void pause() override { ++probe_->pause; }
+    void setPosition(int64_t frame) override {
+        ++probe_->setPosition;
+        probe_->lastPosition = frame;
+    }
 
 private:
     std::shared_ptr<Probe> probe_;

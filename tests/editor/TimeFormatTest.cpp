@@ -106,6 +106,29 @@ TEST(TimeFormatTest, PrintedTextsReadBackToTheSameFrame) {
     }
 }
 
+TEST(TimeFormatTest, RandomTypingIsReadOrRefusedWithoutFaults) {
+    // Run under the sanitizers this proves no text reaches an undefined conversion.
+    std::mt19937_64 random(11);
+    const std::u16string alphabet = u"0123456789::..,,eE+-sSmpinfa x";
+    std::uniform_int_distribution<size_t> letter(0, alphabet.size() - 1);
+    std::uniform_int_distribution<int> length(0, 24);
+    int read = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::u16string text;
+        for (int n = length(random); n > 0; --n)
+            text += alphabet[letter(random)];
+        const bool anyDigit = text.find_first_of(u"0123456789") != std::u16string::npos;
+        for (const TimeFormat format : {TimeFormat::hms, TimeFormat::seconds, TimeFormat::samples}) {
+            const auto result = frame(format, QStringView(text), 44100);
+            if (!anyDigit) {
+                EXPECT_FALSE(result) << QString::fromStdU16String(text).toStdString();
+            }
+            read += result ? 1 : 0;
+        }
+    }
+    EXPECT_GT(read, 1000); // the alphabet does produce readable texts
+}
+
 TEST(TimeFormatTest, SamplesFollowTheLocalesGrouping) {
     {
         const LocaleGuard german(QLocale(QLocale::German, QLocale::Germany));
