@@ -9,5 +9,6 @@ Command infoCommand();
 Command convertCommand();
 Command loudnessCommand();
 Command playCommand();
+Command processCommand();
 
 } // namespace harlune::cli

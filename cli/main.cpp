@@ -14,7 +14,8 @@ using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
     return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand()};
+            harlune::cli::playCommand(),
+            harlune::cli::processCommand()};
 }
 
 void printUsage(const std::vector<Command>& commands) {

@@ -1,0 +1,78 @@
+#include "EncodeOptions.h"
+
+#include "CliSupport.h"
+#include "io/FormatCatalog.h"
+
+#include <charconv>
+#include <filesystem>
+
+namespace harlune::cli {
+
+namespace {
+
+template <class Number> Number parsePositive(const std::string& text, const std::string& option) {
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || !(value > 0))
+        throw UsageError{option + " needs a positive number, not \u2018" + text + "\u2019"};
+    return value;
+}
+
+} // namespace
+
+double parsePositiveNumber(const std::string& text, const std::string& option) {
+    return parsePositive<double>(text, option);
+}
+
+int parsePositiveInteger(const std::string& text, const std::string& option) {
+    return parsePositive<int>(text, option);
+}
+
+bool EncodeOptions::parse(const std::string& option, const std::string& value) {
+    if (option == "--format") {
+        format = exportFormatFromRawValue(value);
+        if (!format)
+            throw UsageError{"unknown format \u2018" + value +
+                             "\u2019 (wav, aiff, caf, flac, alac, aac, mp3, opus)"};
+    } else if (option == "--bits") {
+        bits = value == "float" ? std::optional(PCMBitDepth::float32)
+               : value == "0"   ? std::nullopt
+                                : pcmBitDepthFromRawValue(parsePositiveInteger(value, option));
+        if (!bits)
+            throw UsageError{"--bits takes 16, 24, 32 or float"};
+    } else if (option == "--bitrate") {
+        bitRateKbps = parsePositiveInteger(value, option);
+    } else if (option == "--rate") {
+        sampleRate = parsePositiveNumber(value, option);
+    } else if (option == "--dither") {
+        dither = ditherModeFromRawValue(value);
+        if (!dither)
+            throw UsageError{"--dither takes none or tpdf"};
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void EncodeOptions::resolveFormat(const std::string& output) {
+    if (format)
+        return;
+    const std::string extension = std::filesystem::path(output).extension().string();
+    format = FormatCatalog::exportFormat(extension);
+    if (!format)
+        throw UsageError{"can\u2019t tell the format from \u2018" + output + "\u2019: use --format"};
+}
+
+EncodeSettings EncodeOptions::settings() const {
+    EncodeSettings result = EncodeSettings::defaults(*format);
+    if (bits)
+        result.bitDepth = *bits;
+    if (bitRateKbps)
+        result.bitRateKbps = *bitRateKbps;
+    if (dither)
+        result.dither = *dither;
+    result.sampleRate = sampleRate;
+    return result;
+}
+
+} // namespace harlune::cli

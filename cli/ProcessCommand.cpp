@@ -1,0 +1,382 @@
+// harlune-cli process: the editor's process and edit commands, run in command-line order on one
+// file, each with the selection as it stands at that point, then written as convert writes.
+//
+// The command line has no channel restriction, so every operation acts on all channels. Where
+// the editor quietly does nothing (a fade or delete without a selection, a swap on mono), the
+// command line stops with an error instead, since a script would otherwise never learn of it.
+// A --tempo and a --pitch next to each other form one time/pitch operation, as the editor's
+// one dialog does; a flag repeated starts a new one.
+#include "CliSupport.h"
+#include "Commands.h"
+#include "EncodeOptions.h"
+#include "OpenAudio.h"
+#include "base/HarluneError.h"
+#include "core/AudioContentBuilder.h"
+#include "core/GainEnvelope.h"
+#include "core/Processing.h"
+#include "core/TimePitchProcessing.h"
+#include "dsp/Resampler.h"
+#include "dsp/effects/EffectFactory.h"
+#include "dsp/effects/EffectSettings.h"
+#include "io/AudioEncoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace harlune::cli {
+
+namespace {
+
+constexpr std::string_view usage =
+    "harlune-cli process [OPS...] [--format F] [--bits 16|24|32|float] [--bitrate KBPS] [--rate HZ] "
+    "[--dither none|tpdf] IN OUT\n"
+    "operations, run in order:\n"
+    "  --select START:END      select (seconds); without one there is no selection\n"
+    "  --gain DB               --normalize-peak DBFS [--independent]\n"
+    "  --fade-shape NAME       linear, logarithmic, exponential, sCurve (default), equalPower\n"
+    "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
+    "  --reverse --invert --remove-dc --swap-channels --channels N\n"
+    "  --envelope FILE.json    --effects FILE.json\n"
+    "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)";
+
+/// What each operation sees and changes.
+struct Document {
+    AudioContent content;
+    std::optional<FrameRange> selection;
+
+    FrameRange scope() const { return selection.value_or(FrameRange{0, content.frameCount()}); }
+    FrameRange requireSelection(const std::string& operation) const {
+        if (!selection)
+            throw std::runtime_error(operation + " needs a selection: use --select START:END first");
+        return *selection;
+    }
+};
+
+struct Operation {
+    std::string name; ///< the flag, for messages and the progress bar
+    /// Gets a progress bar when `showsProgress`, null otherwise.
+    std::function<void(Document&, ProgressBar*)> run;
+    bool showsProgress = false;
+};
+
+struct ProcessRequest {
+    std::vector<Operation> operations;
+    EncodeOptions encode;
+    std::string input;
+    std::string output;
+};
+
+double parseNumber(const std::string& text, const std::string& option) {
+    size_t used = 0;
+    double value = 0;
+    try {
+        value = std::stod(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size() || !std::isfinite(value))
+        throw UsageError{option + " needs a number, not \u2018" + text + "\u2019"};
+    return value;
+}
+
+std::string formatSeconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", seconds);
+    return text;
+}
+
+Operation selectOperation(const std::string& value) {
+    const size_t colon = value.find(':');
+    if (colon == std::string::npos)
+        throw UsageError{"--select takes START:END in seconds, not \u2018" + value + "\u2019"};
+    const double start = parseNumber(value.substr(0, colon), "--select");
+    const double end = parseNumber(value.substr(colon + 1), "--select");
+    if (start < 0 || end <= start)
+        throw UsageError{"--select needs 0 <= START < END, not \u2018" + value + "\u2019"};
+    return {"--select", [start, end](Document& document, ProgressBar*) {
+                const double rate = document.content.sampleRate();
+                const auto lo = static_cast<int64_t>(std::llround(start * rate));
+                const auto hi = static_cast<int64_t>(std::llround(end * rate));
+                const int64_t frames = document.content.frameCount();
+                if (hi > frames || lo >= hi)
+                    throw std::runtime_error("the selection " + formatSeconds(start) + " to " +
+                                             formatSeconds(end) + " s lies outside the file (0 to " +
+                                             formatSeconds(static_cast<double>(frames) / rate) + " s)");
+                document.selection = FrameRange{lo, hi};
+            }};
+}
+
+nlohmann::json readJSON(const std::string& path, const std::string& option) {
+    std::ifstream file(path);
+    if (!file)
+        throw std::runtime_error(option + ": can\u2019t read \u2018" + path + "\u2019");
+    try {
+        return nlohmann::json::parse(file);
+    } catch (const nlohmann::json::exception& error) {
+        throw std::runtime_error(option + ": \u2018" + path + "\u2019 is not valid JSON: " + error.what());
+    }
+}
+
+Operation envelopeOperation(const std::string& path) {
+    EnvelopeSet envelopes;
+    try {
+        envelopes = readJSON(path, "--envelope").get<EnvelopeSet>();
+    } catch (const nlohmann::json::exception& error) {
+        throw std::runtime_error("--envelope: \u2018" + path +
+                                 "\u2019 is not an envelope set: " + error.what());
+    }
+    return {"--envelope", [envelopes](Document& document, ProgressBar*) {
+                document.content = applyingEnvelopes(document.content, envelopes);
+            }};
+}
+
+Operation effectsOperation(const std::string& path) {
+    const nlohmann::json json = readJSON(path, "--effects");
+    if (!json.is_array())
+        throw std::runtime_error("--effects: \u2018" + path + "\u2019 must hold a list of effect settings");
+    std::vector<EffectSettings> chain;
+    for (const auto& item : json) {
+        try {
+            chain.push_back(effectSettingsFromJSON(item));
+        } catch (const nlohmann::json::exception& error) {
+            throw std::runtime_error("--effects: \u2018" + path + "\u2019: " + error.what());
+        }
+    }
+    return {"--effects",
+            [chain](Document& document, ProgressBar* bar) {
+                if (chain.empty())
+                    return;
+                std::vector<std::shared_ptr<EffectProcessor>> processors;
+                for (const auto& settings : chain)
+                    processors.push_back(EffectFactory::makeProcessor(settings));
+                document.content = applyingEffects(document.content, processors, document.scope(),
+                                                   std::nullopt, EffectTailMode::mixIntoFollowing,
+                                                   [bar](double fraction) { return bar->update(fraction); });
+            },
+            true};
+}
+
+Operation resampleOperation(double rate) {
+    return {"--resample",
+            [rate](Document& document, ProgressBar* bar) {
+                const AudioContent& content = document.content;
+                if (rate == content.sampleRate())
+                    return;
+                const double ratio = rate / content.sampleRate();
+                AudioContentBuilder builder(content.channelCount(), rate);
+                auto update = [bar](double fraction) {
+                    return bar->update(std::clamp(fraction, 0.0, 1.0));
+                };
+                auto emit = [&builder](ChunkViews chunk) {
+                    builder.append(chunk);
+                };
+                Resampler::resample(content, std::nullopt, rate, FunctionRef<bool(double)>(update),
+                                    Resampler::Emit(emit));
+                if (document.selection)
+                    document.selection = FrameRange{
+                        static_cast<int64_t>(static_cast<double>(document.selection->lower) * ratio),
+                        static_cast<int64_t>(static_cast<double>(document.selection->upper) * ratio)};
+                document.content = builder.build();
+            },
+            true};
+}
+
+Operation timePitchOperation(double rate, double cents) {
+    return {"--time-pitch",
+            [rate, cents](Document& document, ProgressBar* bar) {
+                if (rate == 1 && cents == 0)
+                    return;
+                const FrameRange range = document.scope();
+                const auto expected =
+                    static_cast<int64_t>(std::llround(static_cast<double>(range.length()) / rate));
+                auto update = [bar](double fraction) {
+                    return bar->update(std::clamp(fraction, 0.0, 1.0));
+                };
+                document.content =
+                    timePitched(document.content, range, rate, cents, FunctionRef<bool(double)>(update));
+                if (document.selection)
+                    document.selection = FrameRange{range.lower, range.lower + expected};
+            },
+            true};
+}
+
+/// For the operations whose whole work is one content function of the scope.
+Operation scoped(std::string name, std::function<AudioContent(const AudioContent&, FrameRange)> work,
+                 bool needsSelection = false) {
+    return {name, [name, work = std::move(work), needsSelection](Document& document, ProgressBar*) {
+                const FrameRange range = needsSelection ? document.requireSelection(name) : document.scope();
+                document.content = work(document.content, range);
+            }};
+}
+
+ProcessRequest parse(std::span<const std::string> arguments) {
+    ProcessRequest request;
+    std::vector<std::string> positional;
+    FadeShape fadeShape = FadeShape::sCurve;
+    std::optional<double> pendingTempo;
+    std::optional<double> pendingCents;
+    auto flushTimePitch = [&] {
+        if (pendingTempo || pendingCents)
+            request.operations.push_back(
+                timePitchOperation(pendingTempo.value_or(1.0), pendingCents.value_or(0.0)));
+        pendingTempo.reset();
+        pendingCents.reset();
+    };
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        if (!(argument.size() > 2 && argument.starts_with("--"))) {
+            positional.push_back(argument);
+            continue;
+        }
+        auto value = [&]() -> const std::string& {
+            if (i + 1 >= arguments.size())
+                throw UsageError{argument + " needs a value"};
+            return arguments[++i];
+        };
+        if (argument == "--tempo" || argument == "--pitch") {
+            const bool tempo = argument == "--tempo";
+            if ((tempo && pendingTempo) || (!tempo && pendingCents))
+                flushTimePitch();
+            if (tempo)
+                pendingTempo = parsePositiveNumber(value(), argument) / 100.0;
+            else
+                pendingCents = parseNumber(value(), argument);
+            continue;
+        }
+        flushTimePitch();
+        if (argument == "--select") {
+            request.operations.push_back(selectOperation(value()));
+        } else if (argument == "--gain") {
+            const double db = parseNumber(value(), argument);
+            request.operations.push_back(
+                scoped(argument, [db](const AudioContent& content, FrameRange range) {
+                    return applyingGain(content, db, range);
+                }));
+        } else if (argument == "--normalize-peak") {
+            const double db = parseNumber(value(), argument);
+            const bool independent = i + 1 < arguments.size() && arguments[i + 1] == "--independent";
+            if (independent)
+                ++i;
+            request.operations.push_back(
+                scoped(argument, [db, independent](const AudioContent& content, FrameRange range) {
+                    return normalizingPeak(content, db, range, std::nullopt, independent);
+                }));
+        } else if (argument == "--independent") {
+            throw UsageError{"--independent belongs right after --normalize-peak DBFS"};
+        } else if (argument == "--fade-shape") {
+            const std::string& name = value();
+            const auto shape = fadeShapeFromRawValue(name);
+            if (!shape)
+                throw UsageError{"unknown fade shape \u2018" + name +
+                                 "\u2019 (linear, logarithmic, exponential, sCurve, equalPower)"};
+            fadeShape = *shape;
+        } else if (argument == "--fade-in" || argument == "--fade-out") {
+            const FadeDirection direction =
+                argument == "--fade-in" ? FadeDirection::fadeIn : FadeDirection::fadeOut;
+            request.operations.push_back(scoped(
+                argument,
+                [direction, fadeShape](const AudioContent& content, FrameRange range) {
+                    return applyingFade(content, direction, fadeShape, range);
+                },
+                true));
+        } else if (argument == "--silence") {
+            request.operations.push_back(scoped(
+                argument,
+                [](const AudioContent& content, FrameRange range) { return silenced(content, range); },
+                true));
+        } else if (argument == "--reverse") {
+            request.operations.push_back(scoped(argument, [](const AudioContent& content, FrameRange range) {
+                return reversed(content, range);
+            }));
+        } else if (argument == "--invert") {
+            request.operations.push_back(scoped(argument, [](const AudioContent& content, FrameRange range) {
+                return inverted(content, range);
+            }));
+        } else if (argument == "--remove-dc") {
+            request.operations.push_back(scoped(argument, [](const AudioContent& content, FrameRange range) {
+                return removingDCOffset(content, range);
+            }));
+        } else if (argument == "--channels") {
+            const int count = parsePositiveInteger(value(), argument);
+            request.operations.push_back({argument, [count](Document& document, ProgressBar*) {
+                                              if (count != document.content.channelCount())
+                                                  document.content = remixed(document.content, count);
+                                          }});
+        } else if (argument == "--swap-channels") {
+            request.operations.push_back(
+                {argument, [](Document& document, ProgressBar*) {
+                     const int channels = document.content.channelCount();
+                     if (channels != 2)
+                         throw std::runtime_error("--swap-channels needs exactly 2 channels; the audio has " +
+                                                  std::to_string(channels));
+                     const int order[] = {1, 0};
+                     document.content = rearrangingChannels(document.content, order);
+                 }});
+        } else if (argument == "--delete") {
+            request.operations.push_back({argument, [](Document& document, ProgressBar*) {
+                                              const FrameRange range = document.requireSelection("--delete");
+                                              document.content.deleteRange(range);
+                                              document.selection.reset();
+                                          }});
+        } else if (argument == "--trim") {
+            request.operations.push_back({argument, [](Document& document, ProgressBar*) {
+                                              const FrameRange range = document.requireSelection("--trim");
+                                              document.content = document.content.slice(range);
+                                              document.selection.reset();
+                                          }});
+        } else if (argument == "--envelope") {
+            request.operations.push_back(envelopeOperation(value()));
+        } else if (argument == "--effects") {
+            request.operations.push_back(effectsOperation(value()));
+        } else if (argument == "--resample") {
+            request.operations.push_back(resampleOperation(parsePositiveNumber(value(), argument)));
+        } else if (!request.encode.parse(argument, value())) {
+            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
+        }
+    }
+    flushTimePitch();
+    if (positional.size() != 2)
+        throw UsageError{"expected an input and an output file"};
+    request.input = positional[0];
+    request.output = positional[1];
+    request.encode.resolveFormat(request.output);
+    return request;
+}
+
+int runProcess(std::span<const std::string> arguments) {
+    const ProcessRequest request = parse(arguments);
+    Document document{[&] {
+                          ProgressBar bar("reading ");
+                          auto update = [&](double fraction) {
+                              return bar.update(fraction);
+                          };
+                          return openAudio(request.input, FunctionRef<bool(double)>(update)).content;
+                      }(),
+                      std::nullopt};
+    for (const Operation& operation : request.operations) {
+        std::optional<ProgressBar> bar;
+        if (operation.showsProgress)
+            bar.emplace(operation.name.substr(2) + " ");
+        operation.run(document, bar ? &*bar : nullptr);
+    }
+    ProgressBar bar("writing ");
+    AudioEncoder::write(document.content, std::nullopt, request.output, request.encode.settings(),
+                        [&](double fraction) { return bar.update(fraction); });
+    return exitSuccess;
+}
+
+} // namespace
+
+Command processCommand() {
+    return {"process", "apply the editor's operations to a file and write the result", usage, runProcess};
+}
+
+} // namespace harlune::cli
