@@ -8,5 +8,6 @@ namespace harlune::cli {
 Command infoCommand();
 Command convertCommand();
 Command loudnessCommand();
+Command normalizeCommand();
 
 } // namespace harlune::cli

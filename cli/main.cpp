@@ -1,19 +1,20 @@
 // harlune-cli: headless work on audio files with the same kit as the editor.
+#include "CliSupport.h"
+#include "Commands.h"
+#include "base/HarluneError.h"
+
 #include <cstdio>
 #include <exception>
 #include <string>
 #include <vector>
-
-#include "CliSupport.h"
-#include "Commands.h"
-#include "base/HarluneError.h"
 
 namespace {
 
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand()};
+    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
+            harlune::cli::normalizeCommand()};
 }
 
 void printUsage(const std::vector<Command>& commands) {
@@ -44,7 +45,8 @@ int main(int argc, char** argv) {
             return command.run(arguments);
         } catch (const harlune::cli::UsageError& error) {
             harlune::cli::printError(error.message);
-            std::fprintf(stderr, "usage: %.*s\n", static_cast<int>(command.usage.size()), command.usage.data());
+            std::fprintf(stderr, "usage: %.*s\n", static_cast<int>(command.usage.size()),
+                         command.usage.data());
             return harlune::cli::exitUsage;
         } catch (const harlune::HarluneError& error) {
             harlune::cli::printError(error.what());

@@ -1,0 +1,104 @@
+#include "EncodeOptions.h"
+
+#include "CliSupport.h"
+#include "io/FormatCatalog.h"
+
+#include <charconv>
+#include <cstdio>
+#include <filesystem>
+
+namespace harlune::cli {
+
+namespace {
+
+template <class Number> Number parseNumber(const std::string& text, const std::string& option) {
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || !(value > 0))
+        throw UsageError{option + " needs a positive number, not \u2018" + text + "\u2019"};
+    return value;
+}
+
+} // namespace
+
+double parsePositive(const std::string& text, const std::string& option) {
+    return parseNumber<double>(text, option);
+}
+
+int parsePositiveInt(const std::string& text, const std::string& option) {
+    return parseNumber<int>(text, option);
+}
+
+bool EncodeOptions::parse(const std::string& option, const std::string& value) {
+    if (option == "--format") {
+        format = exportFormatFromRawValue(value);
+        if (!format)
+            throw UsageError{"unknown format \u2018" + value +
+                             "\u2019 (wav, aiff, caf, flac, alac, aac, mp3, opus)"};
+    } else if (option == "--bits") {
+        bits = value == "float" ? std::optional(PCMBitDepth::float32)
+               : value == "0"   ? std::nullopt
+                                : pcmBitDepthFromRawValue(parseNumber<int>(value, option));
+        if (!bits)
+            throw UsageError{"--bits takes 16, 24, 32 or float"};
+    } else if (option == "--bitrate") {
+        bitRateKbps = parseNumber<int>(value, option);
+    } else if (option == "--rate") {
+        sampleRate = parseNumber<double>(value, option);
+    } else if (option == "--dither") {
+        dither = ditherModeFromRawValue(value);
+        if (!dither)
+            throw UsageError{"--dither takes none or tpdf"};
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void EncodeOptions::resolveFormat(const std::string& output) {
+    if (format)
+        return;
+    const std::string extension = std::filesystem::path(output).extension().string();
+    format = FormatCatalog::exportFormat(extension);
+    if (!format)
+        throw UsageError{"can\u2019t tell the format from \u2018" + output + "\u2019: use --format"};
+}
+
+EncodeSettings EncodeOptions::settings() const {
+    EncodeSettings result = EncodeSettings::defaults(*format);
+    if (bits)
+        result.bitDepth = *bits;
+    if (bitRateKbps)
+        result.bitRateKbps = *bitRateKbps;
+    if (dither)
+        result.dither = *dither;
+    result.sampleRate = sampleRate;
+    return result;
+}
+
+void EncodeOptions::reportDifferences(const EncodePlan& plan) const {
+    const EncodeSettings& used = plan.settings;
+    const std::string formatName(displayName(used.format));
+    if (bits && !isLossy(used.format) && used.bitDepth != *bits)
+        std::printf("bit depth: %s (%s asked)\n", std::string(displayName(used.bitDepth)).c_str(),
+                    std::string(displayName(*bits)).c_str());
+    if (bits && isLossy(used.format))
+        std::printf("bit depth: does not apply to %s\n", formatName.c_str());
+    if (bitRateKbps && !supportedBitRates(used.format).empty() && used.bitRateKbps != *bitRateKbps)
+        std::printf("bit rate: %d kbps (%d kbps asked)\n", used.bitRateKbps, *bitRateKbps);
+    if (bitRateKbps && supportedBitRates(used.format).empty())
+        std::printf("bit rate: does not apply to %s\n", formatName.c_str());
+    if (dither && (isLossy(used.format) || isFloat(used.bitDepth) || used.bitDepth == PCMBitDepth::int32))
+        std::printf("dither: not used for %s %s\n", formatName.c_str(),
+                    isLossy(used.format) ? "files" : std::string(displayName(used.bitDepth)).c_str());
+    if (sampleRate && plan.outputRate != *sampleRate)
+        std::printf("sample rate: %.0f Hz (%.0f Hz asked)\n", plan.outputRate, *sampleRate);
+    else if (!sampleRate && plan.outputRate != plan.sourceRate)
+        std::printf("sample rate: %.0f Hz (the source has %.0f Hz; %s takes no other)\n", plan.outputRate,
+                    plan.sourceRate, formatName.c_str());
+    if (plan.outputChannels != plan.sourceChannels)
+        std::printf("channels: %d (the source has %d; %s carries at most %d)\n", plan.outputChannels,
+                    plan.sourceChannels, formatName.c_str(), maxChannels(used.format));
+}
+
+} // namespace harlune::cli
