@@ -9,7 +9,8 @@ void printError(std::string_view text) {
     std::fprintf(stderr, "harlune-cli: %.*s\n", static_cast<int>(text.size()), text.data());
 }
 
-ProgressBar::ProgressBar(std::string label) : label_(std::move(label)), enabled_(isatty(STDERR_FILENO) == 1) {}
+ProgressBar::ProgressBar(std::string label)
+    : label_(std::move(label)), enabled_(isatty(STDERR_FILENO) == 1) {}
 
 ProgressBar::~ProgressBar() {
     if (enabled_ && lastShown_ >= 0)

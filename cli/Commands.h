@@ -10,5 +10,6 @@ Command convertCommand();
 Command loudnessCommand();
 Command playCommand();
 Command processCommand();
+Command normalizeCommand();
 
 } // namespace harlune::cli

@@ -4,6 +4,7 @@
 #include "io/FormatCatalog.h"
 
 #include <charconv>
+#include <cstdio>
 #include <filesystem>
 
 namespace harlune::cli {
@@ -73,6 +74,34 @@ EncodeSettings EncodeOptions::settings() const {
         result.dither = *dither;
     result.sampleRate = sampleRate;
     return result;
+}
+
+void EncodeOptions::reportDifferences(const EncodePlan& plan) const {
+    const EncodeOptions& request = *this;
+    const EncodeSettings& used = plan.settings;
+    const std::string formatName(displayName(used.format));
+    if (request.bits && !isLossy(used.format) && used.bitDepth != *request.bits)
+        std::printf("bit depth: %s (%s asked)\n", std::string(displayName(used.bitDepth)).c_str(),
+                    std::string(displayName(*request.bits)).c_str());
+    if (request.bits && isLossy(used.format))
+        std::printf("bit depth: does not apply to %s\n", formatName.c_str());
+    if (request.bitRateKbps && !supportedBitRates(used.format).empty() &&
+        used.bitRateKbps != *request.bitRateKbps)
+        std::printf("bit rate: %d kbps (%d kbps asked)\n", used.bitRateKbps, *request.bitRateKbps);
+    if (request.bitRateKbps && supportedBitRates(used.format).empty())
+        std::printf("bit rate: does not apply to %s\n", formatName.c_str());
+    if (request.dither &&
+        (isLossy(used.format) || isFloat(used.bitDepth) || used.bitDepth == PCMBitDepth::int32))
+        std::printf("dither: not used for %s %s\n", formatName.c_str(),
+                    isLossy(used.format) ? "files" : std::string(displayName(used.bitDepth)).c_str());
+    if (request.sampleRate && plan.outputRate != *request.sampleRate)
+        std::printf("sample rate: %.0f Hz (%.0f Hz asked)\n", plan.outputRate, *request.sampleRate);
+    else if (!request.sampleRate && plan.outputRate != plan.sourceRate)
+        std::printf("sample rate: %.0f Hz (the source has %.0f Hz; %s takes no other)\n", plan.outputRate,
+                    plan.sourceRate, formatName.c_str());
+    if (plan.outputChannels != plan.sourceChannels)
+        std::printf("channels: %d (the source has %d; %s carries at most %d)\n", plan.outputChannels,
+                    plan.sourceChannels, formatName.c_str(), maxChannels(used.format));
 }
 
 } // namespace harlune::cli

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "base/AudioFormats.h"
+#include "io/EncodePlan.h"
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace harlune::cli {
 
@@ -24,6 +26,12 @@ struct EncodeOptions {
     void resolveFormat(const std::string& output);
     /// The settings to write with; `format` must be resolved.
     EncodeSettings settings() const;
+    /// Tells, on standard output, each setting that was asked for and is not what the file gets.
+    void reportDifferences(const EncodePlan& plan) const;
+
+    /// The usage text of the options, for a subcommand's usage line.
+    static constexpr std::string_view usage =
+        "[--format F] [--bits 16|24|32|float] [--bitrate KBPS] [--rate HZ] [--dither none|tpdf]";
 };
 
 /// A number above 0 made of the whole text, or `UsageError` naming `option`.

@@ -14,7 +14,7 @@ using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
     return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand(), harlune::cli::processCommand()};
+            harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand()};
 }
 
 void printUsage(const std::vector<Command>& commands) {

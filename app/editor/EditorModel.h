@@ -6,6 +6,8 @@
 #include "core/AudioContent.h"
 #include "core/GainEnvelope.h"
 #include "core/TempoGrid.h"
+#include "dsp/LoudnessNormalization.h"
+#include "dsp/LoudnessResult.h"
 #include "editor/AnalysisScheduler.h"
 #include "editor/AnalysisScope.h"
 #include "editor/AudioClipboard.h"
@@ -16,7 +18,6 @@
 #include "editor/LoudnessAdjustMode.h"
 #include "editor/Marker.h"
 #include "editor/MeterReading.h"
-#include "editor/PendingLoudnessResult.h"
 #include "editor/PlaybackControl.h"
 #include "editor/ProgressToken.h"
 #include "editor/RecordMode.h"
@@ -224,6 +225,10 @@ public:
     void setLimitTruePeaks(bool limit);
     bool previewLoudness() const { return previewLoudness_; }
     void setPreviewLoudness(bool preview);
+    /// The selection's measurement in selection scope with a selection, otherwise the file's.
+    std::optional<LoudnessResult> activeLoudness() const;
+    /// The gain the panel shows, from `activeLoudness`; none while that has no finite loudness.
+    std::optional<LoudnessNormalization::Plan> loudnessPlan() const;
     // Handles of the running measurement jobs, for their scheduler; absent when none runs.
     std::shared_ptr<ProgressToken>& analysisTask() { return analysisTask_; }
     std::shared_ptr<ProgressToken>& selectionAnalysisTask() { return selectionAnalysisTask_; }
