@@ -49,7 +49,6 @@ ConvertRequest parse(std::span<const std::string> arguments) {
 
 int runConvert(std::span<const std::string> arguments) {
     const ConvertRequest request = parse(arguments);
-    const EncodeSettings settings = request.encode.settings();
 
     OpenedAudio opened = [&] {
         ProgressBar bar("reading ");
@@ -58,13 +57,7 @@ int runConvert(std::span<const std::string> arguments) {
         };
         return openAudio(request.input, FunctionRef<bool(double)>(update));
     }();
-    const EncodePlan plan = EncodePlan::make(opened.content, std::nullopt, settings);
-    request.encode.reportDifferences(plan);
-    std::fflush(stdout);
-
-    ProgressBar bar("writing ");
-    AudioEncoder::write(opened.content, std::nullopt, request.output, settings,
-                        [&](double fraction) { return bar.update(fraction); });
+    writeAudio(opened.content, request.output, request.encode);
     return exitSuccess;
 }
 

@@ -1,6 +1,7 @@
 #include "EncodeOptions.h"
 
 #include "CliSupport.h"
+#include "io/AudioEncoder.h"
 #include "io/FormatCatalog.h"
 
 #include <charconv>
@@ -102,6 +103,15 @@ void EncodeOptions::reportDifferences(const EncodePlan& plan) const {
     if (plan.outputChannels != plan.sourceChannels)
         std::printf("channels: %d (the source has %d; %s carries at most %d)\n", plan.outputChannels,
                     plan.sourceChannels, formatName.c_str(), maxChannels(used.format));
+}
+
+void writeAudio(const AudioContent& content, const std::string& output, const EncodeOptions& options) {
+    const EncodeSettings settings = options.settings();
+    options.reportDifferences(EncodePlan::make(content, std::nullopt, settings));
+    std::fflush(stdout);
+    ProgressBar bar("writing ");
+    AudioEncoder::write(content, std::nullopt, output, settings,
+                        [&](double fraction) { return bar.update(fraction); });
 }
 
 } // namespace harlune::cli

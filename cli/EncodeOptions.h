@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/AudioFormats.h"
+#include "core/AudioContent.h"
 #include "io/EncodePlan.h"
 
 #include <optional>
@@ -33,6 +34,10 @@ struct EncodeOptions {
     static constexpr std::string_view usage =
         "[--format F] [--bits 16|24|32|float] [--bitrate KBPS] [--rate HZ] [--dither none|tpdf]";
 };
+
+/// Writes `content` to `output` with `options`' settings: tells which settings differ from those
+/// asked, then writes through the encoder with a progress bar on a terminal.
+void writeAudio(const AudioContent& content, const std::string& output, const EncodeOptions& options);
 
 /// A number above 0 made of the whole text, or `UsageError` naming `option`.
 double parsePositiveNumber(const std::string& text, const std::string& option);

@@ -109,7 +109,6 @@ void reportStop(const LoudnessAdjustment& adjustment, double target) {
 
 int runNormalize(std::span<const std::string> arguments) {
     const NormalizeRequest request = parse(arguments);
-    const EncodeSettings settings = request.encode.settings();
 
     OpenedAudio opened = [&] {
         ProgressBar bar("reading ");
@@ -151,12 +150,7 @@ int runNormalize(std::span<const std::string> arguments) {
                 figure(reached.truePeakDBTP, "dBTP").c_str());
     reportStop(adjustment, *request.target);
 
-    const EncodePlan encodePlan = EncodePlan::make(adjustment.content, std::nullopt, settings);
-    request.encode.reportDifferences(encodePlan);
-    std::fflush(stdout);
-    ProgressBar bar("writing ");
-    AudioEncoder::write(adjustment.content, std::nullopt, request.output, settings,
-                        [&](double fraction) { return bar.update(fraction); });
+    writeAudio(adjustment.content, request.output, request.encode);
     return exitSuccess;
 }
 

@@ -367,9 +367,7 @@ int runProcess(std::span<const std::string> arguments) {
             bar.emplace(operation.name.substr(2) + " ");
         operation.run(document, bar ? &*bar : nullptr);
     }
-    ProgressBar bar("writing ");
-    AudioEncoder::write(document.content, std::nullopt, request.output, request.encode.settings(),
-                        [&](double fraction) { return bar.update(fraction); });
+    writeAudio(document.content, request.output, request.encode);
     return exitSuccess;
 }
 
