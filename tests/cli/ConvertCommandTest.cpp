@@ -1,4 +1,5 @@
 // harlune-cli convert, run as a user runs it; the files it writes are checked by the real ffmpeg.
+#include "cli/CliTestSupport.h"
 #include "io/IoTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -8,17 +9,8 @@ namespace {
 
 using testing::TempDir;
 
-struct CliResult {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-CliResult cli(std::vector<std::string> arguments) {
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
-            result.stderrText};
-}
+using testing::cli;
+using testing::CliResult;
 
 std::string probe(const std::filesystem::path& file, const std::string& field) {
     const auto result = Subprocess::run(

@@ -1,4 +1,5 @@
 // harlune-cli info, run as a user runs it, on files made by the real ffmpeg.
+#include "cli/CliTestSupport.h"
 #include "io/IoTestSupport.h"
 
 #include <cmath>
@@ -11,17 +12,8 @@ namespace {
 using nlohmann::json;
 using testing::TempDir;
 
-struct CliResult {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-CliResult cli(std::vector<std::string> arguments) {
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
-            result.stderrText};
-}
+using testing::cli;
+using testing::CliResult;
 
 class InfoCommand : public ::testing::Test {
 protected:

@@ -1,6 +1,7 @@
 // harlune-cli loudness, run as a user runs it, on files made by the real ffmpeg; its figures are
 // checked against the analyzer on ffmpeg's own decode and against ffmpeg's ebur128 filter.
 #include "base/AudioSource.h"
+#include "cli/CliTestSupport.h"
 #include "dsp/LoudnessAnalyzer.h"
 #include "io/IoTestSupport.h"
 
@@ -15,17 +16,8 @@ namespace {
 using nlohmann::json;
 using testing::TempDir;
 
-struct CliResult {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-CliResult cli(std::vector<std::string> arguments) {
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
-            result.stderrText};
-}
+using testing::cli;
+using testing::CliResult;
 
 // The number after the first `label` in `text` (std::regex trips a false warning of g++ 12 under
 // the sanitizers, so this reads it by hand).

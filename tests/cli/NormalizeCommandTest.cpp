@@ -1,6 +1,7 @@
 // harlune-cli normalize on loud masters made here, its output read back by the real ffmpeg and
 // measured with the analyzer.
 #include "base/AudioSource.h"
+#include "cli/CliTestSupport.h"
 #include "dsp/LoudnessAnalyzer.h"
 #include "io/AudioEncoder.h"
 #include "io/IoTestSupport.h"
@@ -17,17 +18,8 @@ using testing::TempDir;
 
 constexpr double rate = 48000;
 
-struct CliResult {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-CliResult cli(std::vector<std::string> arguments) {
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
-            result.stderrText};
-}
+using testing::cli;
+using testing::CliResult;
 
 double loudness(const std::vector<std::vector<float>>& channels) {
     return LoudnessAnalyzer::analyze(ArraySource(channels, rate)).integratedLUFS;
