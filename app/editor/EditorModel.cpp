@@ -4,6 +4,7 @@
 #include "base/HarluneError.h"
 #include "base/Precondition.h"
 #include "core/Processing.h"
+#include "editor/LoudnessAnalysisScheduler.h"
 #include "editor/Preferences.h"
 
 #include <QCoreApplication>
@@ -95,7 +96,7 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
     if (!recorder_)
         recorder_ = std::make_unique<NullRecorderControl>();
     if (!analysis_)
-        analysis_ = std::make_unique<NullAnalysisScheduler>();
+        analysis_ = std::make_unique<LoudnessAnalysisScheduler>();
     if (!clipboard_)
         clipboard_ = std::make_shared<AudioClipboard>();
 
@@ -114,7 +115,12 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
     recorder_->setModel(this);
 }
 
-EditorModel::~EditorModel() = default;
+EditorModel::~EditorModel() {
+    // Measurements still walking would publish nowhere: stop them early.
+    for (auto* task : {&analysisTask_, &envelopeAnalysisTask_, &selectionAnalysisTask_})
+        if (*task)
+            (*task)->cancel();
+}
 
 template <class T> bool EditorModel::assign(T& field, T value, void (EditorModel::*changed)()) {
     const bool differs = !equalValues(field, value);
@@ -149,6 +155,7 @@ void EditorModel::setSelection(std::optional<FrameRange> selection) {
         selection.reset();
     if (assign(selection_, selection, &EditorModel::selectionChanged))
         analysis_->scheduleSelectionAnalysis(*this);
+    updatePreviewGain();
 }
 
 void EditorModel::setActiveChannels(ChannelSet channels) {
@@ -192,11 +199,13 @@ void EditorModel::setTimeFormat(TimeFormat format) {
 void EditorModel::setTargetLUFS(double target) {
     assign(targetLUFS_, target, &EditorModel::targetLUFSChanged);
     Preferences::setValue(Preferences::Keys::loudnessTarget, target);
+    updatePreviewGain();
 }
 
 void EditorModel::setCeilingDBTP(double ceiling) {
     assign(ceilingDBTP_, ceiling, &EditorModel::ceilingDBTPChanged);
     Preferences::setValue(Preferences::Keys::truePeakCeiling, ceiling);
+    updatePreviewGain();
 }
 
 void EditorModel::setTransportTimer(std::unique_ptr<QTimer> timer) {
@@ -206,6 +215,22 @@ void EditorModel::setTransportTimer(std::unique_ptr<QTimer> timer) {
 }
 
 // Plain observable fields ----------------------------------------------------------------------
+
+// Fields the loudness plan depends on: each change may change the previewed gain.
+#define HARLUNE_PLAN_SETTER(Type, field, Setter)                                                             \
+    void EditorModel::Setter(Type value) {                                                                   \
+        assign(field##_, std::move(value), &EditorModel::field##Changed);                                    \
+        updatePreviewGain();                                                                                 \
+    }
+
+HARLUNE_PLAN_SETTER(std::optional<LoudnessResult>, loudness, setLoudness)
+HARLUNE_PLAN_SETTER(std::optional<LoudnessResult>, selectionLoudness, setSelectionLoudness)
+HARLUNE_PLAN_SETTER(AnalysisScope, analysisScope, setAnalysisScope)
+HARLUNE_PLAN_SETTER(LoudnessAdjustMode, adjustMode, setAdjustMode)
+HARLUNE_PLAN_SETTER(double, manualGainDB, setManualGainDB)
+HARLUNE_PLAN_SETTER(bool, previewLoudness, setPreviewLoudness)
+
+#undef HARLUNE_PLAN_SETTER
 
 #define HARLUNE_PLAIN_SETTER(Type, field, Setter)                                                            \
     void EditorModel::Setter(Type value) {                                                                   \
@@ -231,17 +256,11 @@ HARLUNE_PLAIN_SETTER(std::optional<int64_t>, recordHead, setRecordHead)
 HARLUNE_PLAIN_SETTER(bool, isPlaying, setIsPlaying)
 HARLUNE_PLAIN_SETTER(int64_t, playhead, setPlayhead)
 HARLUNE_PLAIN_SETTER(MeterReading, meter, setMeter)
-HARLUNE_PLAIN_SETTER(std::optional<LoudnessResult>, loudness, setLoudness)
 HARLUNE_PLAIN_SETTER(std::optional<LoudnessResult>, contentLoudness, setContentLoudness)
-HARLUNE_PLAIN_SETTER(std::optional<LoudnessResult>, selectionLoudness, setSelectionLoudness)
 HARLUNE_PLAIN_SETTER(std::vector<double>, channelLoudness, setChannelLoudness)
 HARLUNE_PLAIN_SETTER(bool, linkChannelLevels, setLinkChannelLevels)
 HARLUNE_PLAIN_SETTER(bool, isAnalyzing, setIsAnalyzing)
-HARLUNE_PLAIN_SETTER(AnalysisScope, analysisScope, setAnalysisScope)
-HARLUNE_PLAIN_SETTER(LoudnessAdjustMode, adjustMode, setAdjustMode)
-HARLUNE_PLAIN_SETTER(double, manualGainDB, setManualGainDB)
 HARLUNE_PLAIN_SETTER(bool, limitTruePeaks, setLimitTruePeaks)
-HARLUNE_PLAIN_SETTER(bool, previewLoudness, setPreviewLoudness)
 
 #undef HARLUNE_PLAIN_SETTER
 
@@ -311,6 +330,8 @@ void EditorModel::resetMeter() {
 
 void EditorModel::load(AudioContent content, std::optional<AudioFileInfo> fileInfo) {
     stop(false);
+    // A file read in after an interrupted take is measured like any other.
+    analysisSuspended_ = false;
     setContent(std::move(content));
     setFileInfo(std::move(fileInfo));
     setMarkers({});

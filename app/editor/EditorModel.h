@@ -39,8 +39,10 @@ class QTimer;
 
 namespace harlune {
 
-/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in; an
-/// absent clipboard by one of the model's own (the application shares one among all models).
+/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in, except
+/// the measurements, which default to the real `LoudnessAnalysisScheduler` (pass a
+/// `NullAnalysisScheduler` to measure nothing); an absent clipboard by one of the model's own
+/// (the application shares one among all models).
 struct EditorCollaborators {
     std::unique_ptr<PlaybackControl> player;
     std::unique_ptr<EffectsRackControl> rack;
@@ -229,6 +231,13 @@ public:
     std::optional<LoudnessResult> activeLoudness() const;
     /// The gain the panel shows, from `activeLoudness`; none while that has no finite loudness.
     std::optional<LoudnessNormalization::Plan> loudnessPlan() const;
+    /// Linear gain the player adds while the loudness is previewed: the plan's gain with
+    /// `previewLoudness` on and a plan, otherwise 1. Limiting is not previewed.
+    float previewGain() const;
+    /// Renders the plan into the audio (the selection in selection scope, else the whole file),
+    /// with the envelopes baked in first, as one undo step through `process`. Turns the preview
+    /// off; nothing without a plan or while busy.
+    void applyLoudness();
     // Handles of the running measurement jobs, for their scheduler; absent when none runs.
     std::shared_ptr<ProgressToken>& analysisTask() { return analysisTask_; }
     std::shared_ptr<ProgressToken>& selectionAnalysisTask() { return selectionAnalysisTask_; }
@@ -403,6 +412,8 @@ private:
                        const std::optional<std::optional<FrameRange>>& selection,
                        const MarkersProducer& markers, const EnvelopeProducer& envelope);
     void resetMeter();
+    /// Hands `previewGain` to the player; runs wherever the plan or the preview may change.
+    void updatePreviewGain();
     /// Hands a job's failure to `presentError`, unless it is a cancellation.
     void presentFailure(std::exception_ptr error);
     /// The undo frame of every command: `next` becomes current, the state before it one step.

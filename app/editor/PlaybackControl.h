@@ -25,6 +25,8 @@ public:
     virtual void pause() = 0;
     /// While playing: continue from `frame` (already clamped to the content) at the next callback.
     virtual void setPosition(int64_t frame) = 0;
+    /// Linear output gain (the loudness preview), stored for the next render, playing or not.
+    virtual void setGain(float gain) = 0;
 };
 
 /// Stands in until the playback engine exists: plays nothing.
@@ -35,6 +37,7 @@ public:
     void setLooping(bool) override {}
     void pause() override {}
     void setPosition(int64_t) override {}
+    void setGain(float) override {}
 };
 
 } // namespace harlune

@@ -2,8 +2,14 @@
 
 #include "core/AudioContent.h"
 #include "editor/EditorModel.h"
+#include "editor/LoudnessAnalysisScheduler.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QSettings>
+#include <QTest>
+#include <QThreadPool>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -19,6 +25,8 @@ struct Probe {
     int pause = 0;
     int setPosition = 0;
     int64_t lastPosition = -1;
+    int setGain = 0;
+    float lastGain = 1.0f;
     int processMaskWrites = 0;
     std::vector<bool> processMask;
     int scheduleAnalysis = 0;
@@ -42,6 +50,10 @@ public:
     void setPosition(int64_t frame) override {
         ++probe_->setPosition;
         probe_->lastPosition = frame;
+    }
+    void setGain(float gain) override {
+        ++probe_->setGain;
+        probe_->lastGain = gain;
     }
 
 private:
@@ -79,6 +91,50 @@ inline std::unique_ptr<EditorModel> probedModel(AudioContent content, const std:
     collaborators.rack = std::make_unique<ProbeRack>(probe);
     collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
     return std::make_unique<EditorModel>(std::move(content), std::move(info), std::move(collaborators));
+}
+
+/// What the real measurement scheduler reported, with the time of each report in ms since
+/// `clock` started.
+struct AnalysisLog {
+    QElapsedTimer clock;
+    std::vector<std::pair<AnalysisKind, qint64>> measuring;
+    std::vector<std::pair<AnalysisKind, qint64>> published;
+
+    AnalysisLog() { clock.start(); }
+    static int count(const std::vector<std::pair<AnalysisKind, qint64>>& events, AnalysisKind kind) {
+        return static_cast<int>(std::count_if(events.begin(), events.end(),
+                                              [kind](const auto& event) { return event.first == kind; }));
+    }
+    int measured(AnalysisKind kind) const { return count(measuring, kind); }
+    int publishedCount(AnalysisKind kind) const { return count(published, kind); }
+    /// Runs the event loop until `kind` has published `times` times in all; false on timeout.
+    bool waitForPublished(AnalysisKind kind, int times = 1, int timeoutMs = 20000) const {
+        return QTest::qWaitFor([&] { return publishedCount(kind) >= times; }, timeoutMs);
+    }
+};
+
+/// A model with the real measurement scheduler reporting into `log`, and the probe's player.
+inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
+                                                  const std::shared_ptr<AnalysisLog>& log,
+                                                  const std::shared_ptr<Probe>& probe) {
+    LoudnessAnalysisScheduler::Observers observers;
+    observers.measuring = [log](AnalysisKind kind) {
+        log->measuring.emplace_back(kind, log->clock.elapsed());
+    };
+    observers.published = [log](AnalysisKind kind) {
+        log->published.emplace_back(kind, log->clock.elapsed());
+    };
+    EditorCollaborators collaborators;
+    collaborators.player = std::make_unique<ProbePlayer>(probe);
+    collaborators.rack = std::make_unique<ProbeRack>(probe);
+    collaborators.analysis = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
+    return std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
+}
+
+/// Lets background jobs end and their queued commits run, so that none outlives a test.
+inline void drainJobs() {
+    QThreadPool::globalInstance()->waitForDone(20000);
+    QCoreApplication::processEvents();
 }
 
 /// A content of `frames` frames of a slow ramp per channel (channel c starts at c / 10).
