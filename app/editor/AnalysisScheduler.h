@@ -19,7 +19,7 @@ public:
     virtual void scheduleEnvelopeAnalysis(EditorModel& model) = 0;
 };
 
-/// Stands in until loudness measurement exists: measures nothing.
+/// Measures nothing: for a model whose figures are set by hand (tests, tools).
 class NullAnalysisScheduler final : public AnalysisScheduler {
 public:
     void scheduleAnalysis(EditorModel&) override {}
