@@ -22,20 +22,7 @@ ffmpeg -nostdin -v error -y -f lavfi -i "aevalsrc=$music|$music*0.9:s=48000:d=$s
     -f lavfi -i "anoisesrc=color=pink:sample_rate=48000:amplitude=0.02:duration=$seconds" \
     -filter_complex "[1:a]pan=stereo|c0=c0|c1=c0[n];[0:a][n]amix=inputs=2:normalize=0" -c:a pcm_s24le "$work/music.wav"
 
-best() { # best NAME COMMAND...: prints the name, the minimum wall time and the minimum CPU time
-    local name=$1; shift
-    local wall= cpu=
-    for _ in $(seq "$runs"); do
-        /usr/bin/time -f '%e %U %S' -o "$work/time" "$@" >/dev/null 2>&1
-        read -r e u s <"$work/time"
-        local c
-        c=$(echo "$u + $s" | bc)
-        if [ -z "$wall" ] || [ "$(echo "$e < $wall" | bc)" = 1 ]; then wall=$e; fi
-        if [ -z "$cpu" ] || [ "$(echo "$c < $cpu" | bc)" = 1 ]; then cpu=$c; fi
-    done
-    printf '%-34s wall %8.2f s   cpu %8.2f s\n' "$name" "$wall" "$cpu"
-    echo "$wall $cpu" >"$work/last"
-}
+source "$(dirname "$0")/best-of.sh"
 
 for kind in pink music; do
     best "$kind: ffmpeg ebur128=peak=true" \

@@ -361,14 +361,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
 
 int runProcess(std::span<const std::string> arguments) {
     const ProcessRequest request = parse(arguments);
-    Document document{[&] {
-                          ProgressBar bar("reading ");
-                          auto update = [&](double fraction) {
-                              return bar.update(fraction);
-                          };
-                          return openAudio(request.input, FunctionRef<bool(double)>(update)).content;
-                      }(),
-                      std::nullopt};
+    Document document{openAudioShowingProgress(request.input).content, std::nullopt};
     for (const Operation& operation : request.operations) {
         std::optional<ProgressBar> bar;
         if (operation.showsProgress)
