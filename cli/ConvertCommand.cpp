@@ -50,13 +50,7 @@ ConvertRequest parse(std::span<const std::string> arguments) {
 int runConvert(std::span<const std::string> arguments) {
     const ConvertRequest request = parse(arguments);
 
-    OpenedAudio opened = [&] {
-        ProgressBar bar("reading ");
-        auto update = [&](double fraction) {
-            return bar.update(fraction);
-        };
-        return openAudio(request.input, FunctionRef<bool(double)>(update));
-    }();
+    OpenedAudio opened = openAudioShowingProgress(request.input);
     writeAudio(opened.content, request.output, request.encode);
     return exitSuccess;
 }

@@ -110,13 +110,7 @@ void reportStop(const LoudnessAdjustment& adjustment, double target) {
 int runNormalize(std::span<const std::string> arguments) {
     const NormalizeRequest request = parse(arguments);
 
-    OpenedAudio opened = [&] {
-        ProgressBar bar("reading ");
-        auto update = [&](double fraction) {
-            return bar.update(fraction);
-        };
-        return openAudio(request.input, FunctionRef<bool(double)>(update));
-    }();
+    OpenedAudio opened = openAudioShowingProgress(request.input);
     const LoudnessResult measured = [&] {
         ProgressBar bar("measuring ");
         auto update = [&](double fraction) {

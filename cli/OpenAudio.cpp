@@ -1,5 +1,6 @@
 #include "OpenAudio.h"
 
+#include "CliSupport.h"
 #include "core/AudioContentBuilder.h"
 #include "io/AudioDecoder.h"
 
@@ -18,6 +19,14 @@ OpenedAudio openAudio(const std::filesystem::path& path, DecodeProgress progress
         },
         [&](ChunkViews chunk) { builder->append(chunk); });
     return {announced, final, builder->build()};
+}
+
+OpenedAudio openAudioShowingProgress(const std::filesystem::path& path) {
+    ProgressBar bar("reading ");
+    auto update = [&](double fraction) {
+        return bar.update(fraction);
+    };
+    return openAudio(path, FunctionRef<bool(double)>(update));
 }
 
 } // namespace harlune::cli

@@ -17,5 +17,7 @@ struct OpenedAudio {
 
 /// Throws `HarluneError` as `AudioDecoder::decode` does.
 OpenedAudio openAudio(const std::filesystem::path& path, DecodeProgress progress);
+/// The same with a "reading" progress bar on standard error (when that is a terminal).
+OpenedAudio openAudioShowingProgress(const std::filesystem::path& path);
 
 } // namespace harlune::cli

@@ -45,7 +45,8 @@ constexpr std::string_view usage =
     "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
     "  --reverse --invert --remove-dc --swap-channels --channels N\n"
     "  --envelope FILE.json    --effects FILE.json\n"
-    "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)";
+    "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)\n"
+    "  --stretch-engine NAME   finer (Rubber Band R3, default) or faster (R2), for later --tempo/--pitch";
 
 /// What each operation sees and changes.
 struct Document {
@@ -189,9 +190,9 @@ Operation resampleOperation(double rate) {
             true};
 }
 
-Operation timePitchOperation(double rate, double cents) {
+Operation timePitchOperation(double rate, double cents, TimePitch::Engine engine) {
     return {"--time-pitch",
-            [rate, cents](Document& document, ProgressBar* bar) {
+            [rate, cents, engine](Document& document, ProgressBar* bar) {
                 if (rate == 1 && cents == 0)
                     return;
                 const FrameRange range = document.scope();
@@ -200,8 +201,8 @@ Operation timePitchOperation(double rate, double cents) {
                 auto update = [bar](double fraction) {
                     return bar->update(std::clamp(fraction, 0.0, 1.0));
                 };
-                document.content =
-                    timePitched(document.content, range, rate, cents, FunctionRef<bool(double)>(update));
+                document.content = timePitched(document.content, range, rate, cents,
+                                               FunctionRef<bool(double)>(update), engine);
                 if (document.selection)
                     document.selection = FrameRange{range.lower, range.lower + expected};
             },
@@ -221,12 +222,13 @@ ProcessRequest parse(std::span<const std::string> arguments) {
     ProcessRequest request;
     std::vector<std::string> positional;
     FadeShape fadeShape = FadeShape::sCurve;
+    TimePitch::Engine stretchEngine = TimePitch::Engine::finer;
     std::optional<double> pendingTempo;
     std::optional<double> pendingCents;
     auto flushTimePitch = [&] {
         if (pendingTempo || pendingCents)
             request.operations.push_back(
-                timePitchOperation(pendingTempo.value_or(1.0), pendingCents.value_or(0.0)));
+                timePitchOperation(pendingTempo.value_or(1.0), pendingCents.value_or(0.0), stretchEngine));
         pendingTempo.reset();
         pendingCents.reset();
     };
@@ -278,6 +280,12 @@ ProcessRequest parse(std::span<const std::string> arguments) {
                 throw UsageError{"unknown fade shape \u2018" + name +
                                  "\u2019 (linear, logarithmic, exponential, sCurve, equalPower)"};
             fadeShape = *shape;
+        } else if (argument == "--stretch-engine") {
+            const std::string& name = value();
+            const auto engine = TimePitch::engineFromRawValue(name);
+            if (!engine)
+                throw UsageError{"unknown stretch engine \u2018" + name + "\u2019 (finer, faster)"};
+            stretchEngine = *engine;
         } else if (argument == "--fade-in" || argument == "--fade-out") {
             const FadeDirection direction =
                 argument == "--fade-in" ? FadeDirection::fadeIn : FadeDirection::fadeOut;
@@ -353,14 +361,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
 
 int runProcess(std::span<const std::string> arguments) {
     const ProcessRequest request = parse(arguments);
-    Document document{[&] {
-                          ProgressBar bar("reading ");
-                          auto update = [&](double fraction) {
-                              return bar.update(fraction);
-                          };
-                          return openAudio(request.input, FunctionRef<bool(double)>(update)).content;
-                      }(),
-                      std::nullopt};
+    Document document{openAudioShowingProgress(request.input).content, std::nullopt};
     for (const Operation& operation : request.operations) {
         std::optional<ProgressBar> bar;
         if (operation.showsProgress)

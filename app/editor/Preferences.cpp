@@ -52,6 +52,7 @@ const QVariantMap& registrationDefaults() {
         {QString(Keys::showLoudnessLane), true},
         {QString(Keys::showInspector), true},
         {QString(Keys::loudnessLaneHeight), 130.0},
+        {QString(Keys::timePitchEngine), QStringLiteral("finer")},
     };
     return defaults;
 }
@@ -119,6 +120,18 @@ void store(const EncodeSettings& settings) {
     const std::string_view raw = rawValue(settings.format);
     settingsStore.setValue(QString(Keys::lastExportFormat),
                            QString::fromUtf8(raw.data(), static_cast<qsizetype>(raw.size())));
+}
+
+TimePitch::Engine timePitchEngine() {
+    const QByteArray raw = stringValue(QString(Keys::timePitchEngine)).toUtf8();
+    return TimePitch::engineFromRawValue(std::string_view(raw.constData(), static_cast<size_t>(raw.size())))
+        .value_or(TimePitch::Engine::finer);
+}
+
+void setTimePitchEngine(TimePitch::Engine engine) {
+    const std::string_view raw = TimePitch::rawValue(engine);
+    setValue(QString(Keys::timePitchEngine),
+             QString::fromUtf8(raw.data(), static_cast<qsizetype>(raw.size())));
 }
 
 } // namespace harlune::Preferences

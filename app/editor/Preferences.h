@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/AudioFormats.h"
+#include "timepitch/TimePitch.h"
 
 #include <QLatin1String>
 #include <QString>
@@ -26,6 +27,7 @@ inline constexpr QLatin1String showLoudnessLane{"showLoudnessLane"};
 inline constexpr QLatin1String showInspector{"showInspector"};
 inline constexpr QLatin1String loudnessLaneHeight{"loudnessLaneHeight"};
 inline constexpr QLatin1String lastExportFormat{"lastExportFormat"};
+inline constexpr QLatin1String timePitchEngine{"timePitchEngine"};
 } // namespace Keys
 
 /// The keys with a default and their values; never written to the store.
@@ -47,6 +49,11 @@ EncodeSettings encodeSettings(ExportFormat format);
 ExportFormat lastExportFormat();
 /// Keeps the settings under their format's key and records the format as the last one used.
 void store(const EncodeSettings& settings);
+
+/// The engine of tempo and pitch changes: R3 ("finer") unless R2 ("faster") was chosen, for
+/// long files where its lower cost matters more than its sound.
+TimePitch::Engine timePitchEngine();
+void setTimePitchEngine(TimePitch::Engine engine);
 
 } // namespace Preferences
 

@@ -49,6 +49,17 @@ RubberBandStretcher::Options optionsFor(Engine engine) {
 
 } // namespace
 
+std::string_view rawValue(Engine engine) {
+    return engine == Engine::finer ? "finer" : "faster";
+}
+
+std::optional<Engine> engineFromRawValue(std::string_view raw) {
+    for (const Engine engine : {Engine::finer, Engine::faster})
+        if (raw == rawValue(engine))
+            return engine;
+    return std::nullopt;
+}
+
 int64_t outputFrameCount(int64_t inputFrames, double rate) {
     return static_cast<int64_t>(std::round(static_cast<double>(inputFrames) / rate));
 }

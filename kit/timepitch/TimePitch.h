@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 
 namespace harlune {
 
@@ -24,6 +25,11 @@ enum class Engine {
     /// Rubber Band R2: faster, with more smearing of transients and phasiness on tonal material.
     faster,
 };
+
+/// "finer" or "faster": how the engine choice is stored and typed on a command line.
+std::string_view rawValue(Engine engine);
+/// The engine of a raw value; none for any other text.
+std::optional<Engine> engineFromRawValue(std::string_view raw);
 
 /// Takes the fraction of the output delivered and answers whether to go on.
 using Progress = std::optional<FunctionRef<bool(double)>>;

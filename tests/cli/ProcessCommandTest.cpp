@@ -168,12 +168,23 @@ TEST_F(ProcessCommand, ResampleAndTempoGiveTheExpectedLengths) {
                      file("long.wav")});
     const CliResult tempo = cli({"--tempo", "125", file("long.wav"), file("fast.wav")});
     ASSERT_EQ(tempo.status, 0) << tempo.err;
-    EXPECT_EQ(testing::referenceDecode(file("fast.wav"), 1)[0].size(), 64000u);
+    const Planes finer = testing::referenceDecode(file("fast.wav"), 1);
+    EXPECT_EQ(finer[0].size(), 64000u);
+
+    // The other engine keeps the length but renders differently, so the choice reaches it.
+    const CliResult r2 =
+        cli({"--stretch-engine", "faster", "--tempo", "125", file("long.wav"), file("fast2.wav")});
+    ASSERT_EQ(r2.status, 0) << r2.err;
+    const Planes faster = testing::referenceDecode(file("fast2.wav"), 1);
+    ASSERT_EQ(faster[0].size(), 64000u);
+    EXPECT_NE(faster[0], finer[0]);
 }
 
 TEST_F(ProcessCommand, BadInputIsRefusedAndLeavesNoFile) {
     EXPECT_NE(fails({"--louder"}, 2).find("unknown option"), std::string::npos);
     EXPECT_NE(fails({"--fade-shape", "wobbly", "--fade-in"}, 2).find("fade shape"), std::string::npos);
+    EXPECT_NE(fails({"--stretch-engine", "R4", "--tempo", "90"}, 2).find("stretch engine"),
+              std::string::npos);
     EXPECT_NE(fails({"--select", "0.5"}, 2).find("START:END"), std::string::npos);
     EXPECT_NE(fails({"--select", "0.5:2", "--gain", "1"}, 1).find("outside the file"), std::string::npos);
     EXPECT_NE(fails({"--fade-in"}, 1).find("needs a selection"), std::string::npos);

@@ -43,7 +43,8 @@ TEST_F(PreferencesTest, RegisteredDefaultsWhenNothingIsStored) {
     EXPECT_TRUE(boolValue(Keys::showLoudnessLane));
     EXPECT_TRUE(boolValue(Keys::showInspector));
     EXPECT_DOUBLE_EQ(doubleValue(Keys::loudnessLaneHeight), 130.0);
-    EXPECT_EQ(registrationDefaults().size(), 8);
+    EXPECT_EQ(stringValue(Keys::timePitchEngine), "finer");
+    EXPECT_EQ(registrationDefaults().size(), 9);
     EXPECT_FALSE(value(Keys::lastExportFormat).isValid());
     // Reading defaults writes nothing.
     EXPECT_TRUE(QSettings("Harlune", "Harlune").allKeys().isEmpty());
@@ -118,6 +119,16 @@ TEST_F(PreferencesTest, StoreKeepsSettingsAndTheLastFormat) {
 
     storeRaw(Preferences::Keys::lastExportFormat, "wma");
     EXPECT_EQ(Preferences::lastExportFormat(), ExportFormat::wav);
+}
+
+TEST_F(PreferencesTest, TheTimePitchEngineIsR3UnlessR2WasChosen) {
+    using Preferences::timePitchEngine;
+    EXPECT_EQ(timePitchEngine(), TimePitch::Engine::finer);
+    Preferences::setTimePitchEngine(TimePitch::Engine::faster);
+    EXPECT_EQ(QSettings("Harlune", "Harlune").value("timePitchEngine").toString(), "faster");
+    EXPECT_EQ(timePitchEngine(), TimePitch::Engine::faster);
+    storeRaw(Preferences::Keys::timePitchEngine, "R2");
+    EXPECT_EQ(timePitchEngine(), TimePitch::Engine::finer);
 }
 
 TEST_F(PreferencesTest, TheModelReadsItsPreferencesOnceAndWritesThemBack) {
