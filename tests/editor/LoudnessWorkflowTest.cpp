@@ -2,7 +2,6 @@
 #include "EditorTestSupport.h"
 #include "core/LoudnessProcessing.h"
 #include "editor/LoudnessPreset.h"
-#include "editor/Preferences.h"
 #include "support/TestAudio.h"
 
 #include <QUndoStack>
@@ -100,18 +99,6 @@ TEST_F(LoudnessWorkflowTest, thePreviewGainFollowsThePlan) {
     EXPECT_EQ(probe->lastGain, static_cast<float>(std::pow(10.0, 20.0 / 20)));
     model->setPreviewLoudness(false);
     EXPECT_EQ(probe->lastGain, 1.0f);
-}
-
-TEST_F(LoudnessWorkflowTest, theTargetAndCeilingAreRemembered) {
-    testing::clearPreferences();
-    model->setTargetLUFS(-23);
-    model->setCeilingDBTP(-2);
-    EXPECT_EQ(Preferences::doubleValue(Preferences::Keys::loudnessTarget), -23);
-    EXPECT_EQ(Preferences::doubleValue(Preferences::Keys::truePeakCeiling), -2);
-    auto next = testing::probedModel(AudioContent::silence(10, 1, 48000), probe);
-    EXPECT_EQ(next->targetLUFS(), -23);
-    EXPECT_EQ(next->ceilingDBTP(), -2);
-    testing::clearPreferences();
 }
 
 // Applying, with real measurements ---------------------------------------------------------------
