@@ -63,7 +63,9 @@ struct EditorCollaborators {
 /// `before` = `snapshot`, calls `restore(next)` and then `registerUndo(before, name)`. Each undo
 /// or redo swaps the stored state with a fresh snapshot, so the two directions are the same code.
 /// Long work goes through `process`, which runs on a thread pool with value copies and commits
-/// back on the main thread only while the model still exists.
+/// back on the main thread only while the model still exists. The loudness figures come the
+/// same way, from debounced measurements that the `AnalysisScheduler` starts after each change
+/// of content, envelopes or selection.
 class EditorModel : public QObject {
     Q_OBJECT
 
