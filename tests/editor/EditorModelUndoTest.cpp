@@ -25,7 +25,15 @@ protected:
         model.registerUndo(std::move(before), name);
     }
 
+    /// A model recording its steps on `stack`.
+    std::unique_ptr<EditorModel> undoable(AudioContent content) {
+        auto model = testing::probedModel(std::move(content), probe);
+        model->setUndoManager(&stack);
+        return model;
+    }
+
     std::shared_ptr<Probe> probe = std::make_shared<Probe>();
+    QUndoStack stack;
 };
 
 // Observation ------------------------------------------------------------------------------------
@@ -119,9 +127,7 @@ TEST_F(EditorModelUndoTest, ContentDidChangeRespectsSuspendedAnalysis) {
 // The undo frame ---------------------------------------------------------------------------------
 
 TEST_F(EditorModelUndoTest, PushingDoesNotReplayTheChange) {
-    auto model = testing::probedModel(testing::rampContent(1000), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000));
 
     edit(*model, "Move Cursor", [](EditState& s) { s.cursor = 300; });
     EXPECT_EQ(model->cursor(), 300);
@@ -136,9 +142,7 @@ TEST_F(EditorModelUndoTest, PushingDoesNotReplayTheChange) {
 }
 
 TEST_F(EditorModelUndoTest, RedoRestoresTheSnapshotTakenWhenUndoRan) {
-    auto model = testing::probedModel(testing::rampContent(1000), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000));
     const Marker marker{Uuid::random(), 40, "Marker 1"};
 
     edit(*model, "Edit", [&](EditState& s) {
@@ -170,9 +174,7 @@ TEST_F(EditorModelUndoTest, RedoRestoresTheSnapshotTakenWhenUndoRan) {
 }
 
 TEST_F(EditorModelUndoTest, UndoRestoresContentAndEachStepKeepsItsName) {
-    auto model = testing::probedModel(testing::rampContent(1000), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000));
 
     edit(*model, "Delete", [](EditState& s) { s.content.deleteRange({100, 400}); });
     edit(*model, "Add Marker", [](EditState& s) { s.markers.push_back(Marker{Uuid::random(), 5, "M"}); });
@@ -196,19 +198,17 @@ TEST_F(EditorModelUndoTest, WithoutAnUndoStackEditsGoThroughUnrecorded) {
     edit(*model, "Edit", [](EditState& s) { s.cursor = 9; });
     EXPECT_EQ(model->cursor(), 9);
 
-    auto stack = std::make_unique<QUndoStack>();
-    model->setUndoManager(stack.get());
-    stack.reset(); // the document went away first: the weak reference clears
+    auto document = std::make_unique<QUndoStack>();
+    model->setUndoManager(document.get());
+    document.reset(); // the document went away first: the weak reference clears
     EXPECT_EQ(model->undoManager(), nullptr);
     edit(*model, "Edit", [](EditState& s) { s.cursor = 11; });
     EXPECT_EQ(model->cursor(), 11);
 }
 
 TEST_F(EditorModelUndoTest, UndoAfterTheModelIsGoneDoesNothing) {
-    QUndoStack stack;
     {
-        auto model = testing::probedModel(testing::rampContent(1000), probe);
-        model->setUndoManager(&stack);
+        auto model = undoable(testing::rampContent(1000));
         edit(*model, "Edit", [](EditState& s) { s.cursor = 9; });
     }
     stack.undo();
@@ -236,9 +236,7 @@ TEST_F(EditorModelUndoTest, RestoreDropsChannelsTheContentDoesNotHave) {
 }
 
 TEST_F(EditorModelUndoTest, RestoreClearsAnEnvelopeTargetBeyondTheChannels) {
-    auto model = testing::probedModel(testing::rampContent(1000, 4), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000, 4));
     edit(*model, "Mix Down", [](EditState& s) { s.content = testing::rampContent(1000, 2); });
     stack.undo();
     model->setEnvelopeTarget(3);
@@ -267,9 +265,7 @@ TEST_F(EditorModelUndoTest, RestoreClampsSelectionAndCursorToTheNewContent) {
 }
 
 TEST_F(EditorModelUndoTest, RateChangeRescalesViewAndGridAndUndoBringsThemBack) {
-    auto model = testing::probedModel(AudioContent::silence(960000, 1, 48000), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(AudioContent::silence(960000, 1, 48000));
     model->setFramesPerPoint(100);
     model->setScrollFrame(1000);
     model->setGrid(TempoGrid(100, 3, 4800));
@@ -308,9 +304,7 @@ TEST_F(EditorModelUndoTest, RestoreResetsTheMeterOnlyWhenTheChannelCountChanges)
 }
 
 TEST_F(EditorModelUndoTest, UndoWhilePlayingKeepsPlayUnlessTheFormatChanges) {
-    auto model = testing::probedModel(testing::rampContent(1000, 2), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000, 2));
     model->setSelection(FrameRange{10, 50});
     model->setIsLooping(true);
     edit(*model, "Delete", [](EditState& s) { s.content.deleteRange({0, 100}); });
@@ -331,9 +325,7 @@ TEST_F(EditorModelUndoTest, UndoWhilePlayingKeepsPlayUnlessTheFormatChanges) {
 // load and stop ------------------------------------------------------------------------------------
 
 TEST_F(EditorModelUndoTest, LoadResetsTheDocumentButKeepsGridAndUndo) {
-    auto model = testing::probedModel(testing::rampContent(1000, 2), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000, 2));
     edit(*model, "Edit", [](EditState& s) {
         s.cursor = 50;
         s.selection = FrameRange{1, 9};
@@ -422,9 +414,7 @@ TEST_F(EditorModelUndoTest, EnvelopeChangesReachThePlayerAndTheMeasurements) {
 }
 
 TEST_F(EditorModelUndoTest, RestoreFitsEnvelopesToTheChannelsAndUndoBringsThemBack) {
-    auto model = testing::probedModel(testing::rampContent(1000, 4), probe);
-    QUndoStack stack;
-    model->setUndoManager(&stack);
+    auto model = undoable(testing::rampContent(1000, 4));
     const GainEnvelope master({EnvelopePoint(10, -3)});
     const EnvelopeSet fourChannels(master, std::vector<GainEnvelope>(4, GainEnvelope({EnvelopePoint(5, 2)})),
                                    {1, 2, 3, 4});
