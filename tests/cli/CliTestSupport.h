@@ -1,7 +1,10 @@
 #pragma once
 
+#include "io/IoTestSupport.h"
 #include "io/Subprocess.h"
 
+#include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,5 +23,15 @@ inline CliResult cli(std::vector<std::string> arguments) {
     return {result.status, std::string(result.stdoutData.begin(), result.stdoutData.end()),
             result.stderrText};
 }
+
+/// A fixture whose input files are made once for the whole suite (in its SetUpTestSuite, after
+/// `makeFolder()`), in a temporary folder removed when the suite ends.
+template <class Suite> class SharedFolderTest : public ::testing::Test {
+protected:
+    static void makeFolder() { folder = std::make_unique<TempDir>(); }
+    static void TearDownTestSuite() { folder.reset(); }
+    static std::string file(const std::string& name) { return (*folder / name).string(); }
+    static inline std::unique_ptr<TempDir> folder;
+};
 
 } // namespace harlune::testing

@@ -15,22 +15,16 @@ using testing::TempDir;
 using testing::cli;
 using testing::CliResult;
 
-class InfoCommand : public ::testing::Test {
+class InfoCommand : public testing::SharedFolderTest<InfoCommand> {
 protected:
     static void SetUpTestSuite() {
-        folder = new TempDir;
+        makeFolder();
         auto tone = testing::stereoSource(1.0);
-        tone.insert(tone.end(), {"-c:a", "pcm_s24le", (*folder / "tone.wav").string()});
+        tone.insert(tone.end(), {"-c:a", "pcm_s24le", file("tone.wav")});
         testing::ffmpeg(tone);
         testing::ffmpeg({"-f", "lavfi", "-i", "anullsrc=r=44100:cl=mono", "-t", "0.5", "-c:a", "pcm_s16le",
-                         (*folder / "silence.wav").string()});
+                         file("silence.wav")});
     }
-    static void TearDownTestSuite() {
-        delete folder;
-        folder = nullptr;
-    }
-    static std::string file(const std::string& name) { return (*folder / name).string(); }
-    static inline TempDir* folder = nullptr;
 };
 
 TEST_F(InfoCommand, describesAFileInJSONWithTheFieldNames) {

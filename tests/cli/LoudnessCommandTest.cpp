@@ -32,10 +32,10 @@ std::optional<double> numberAfter(const std::string& text, const std::string& la
     }
 }
 
-class LoudnessCommand : public ::testing::Test {
+class LoudnessCommand : public testing::SharedFolderTest<LoudnessCommand> {
 protected:
     static void SetUpTestSuite() {
-        folder = new TempDir;
+        makeFolder();
         // 997 Hz at -23 dBFS on both channels: -23 LUFS.
         testing::ffmpeg({"-f", "lavfi", "-i",
                          "aevalsrc=0.0707946*sin(2*PI*997*t)|0.0707946*sin(2*PI*997*t):s=48000:d=6", "-c:a",
@@ -46,12 +46,6 @@ protected:
         testing::ffmpeg({"-f", "lavfi", "-i", "anullsrc=r=44100:cl=mono", "-t", "0.3", "-c:a", "pcm_s16le",
                          file("silence.wav")});
     }
-    static void TearDownTestSuite() {
-        delete folder;
-        folder = nullptr;
-    }
-    static std::string file(const std::string& name) { return (*folder / name).string(); }
-    static inline TempDir* folder = nullptr;
 };
 
 TEST_F(LoudnessCommand, reportsTheResultInJSONWithItsFieldNames) {

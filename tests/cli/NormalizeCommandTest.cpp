@@ -3,13 +3,13 @@
 #include "base/AudioSource.h"
 #include "cli/CliTestSupport.h"
 #include "dsp/LoudnessAnalyzer.h"
+#include "dsp/LoudnessSignals.h"
 #include "io/AudioEncoder.h"
 #include "io/IoTestSupport.h"
 
 #include <cmath>
 #include <gtest/gtest.h>
 #include <numbers>
-#include <random>
 
 namespace harlune {
 namespace {
@@ -38,26 +38,10 @@ std::vector<std::vector<float>> mastered(const std::vector<std::vector<float>>& 
     return out;
 }
 
+// Pink noise on both channels, mastered.
 std::vector<std::vector<float>> pinkNoise(double seconds) {
-    std::mt19937 random(7);
-    std::normal_distribution<float> white(0, 0.1f);
-    std::vector<std::vector<float>> channels(2, std::vector<float>(static_cast<size_t>(seconds * rate)));
-    for (auto& channel : channels) {
-        // Paul Kellet's filter: -3 dB per octave within 0.05 dB.
-        float b0 = 0, b1 = 0, b2 = 0, b3 = 0, b4 = 0, b5 = 0, b6 = 0;
-        for (float& sample : channel) {
-            const float w = white(random);
-            b0 = 0.99886f * b0 + w * 0.0555179f;
-            b1 = 0.99332f * b1 + w * 0.0750759f;
-            b2 = 0.96900f * b2 + w * 0.1538520f;
-            b3 = 0.86650f * b3 + w * 0.3104856f;
-            b4 = 0.55000f * b4 + w * 0.5329522f;
-            b5 = -0.7616f * b5 - w * 0.0168980f;
-            sample = b0 + b1 + b2 + b3 + b4 + b5 + b6 + w * 0.5362f;
-            b6 = w * 0.115926f;
-        }
-    }
-    return mastered(channels);
+    const auto frames = static_cast<int64_t>(seconds * rate);
+    return mastered({testing::pinkNoise(frames, 7), testing::pinkNoise(frames, 8)});
 }
 
 // Chords of harmonic tones struck on every beat, with a kick drum under them.
@@ -86,21 +70,15 @@ std::vector<std::vector<float>> musicLike(double seconds) {
     return mastered(channels);
 }
 
-class NormalizeCommand : public ::testing::Test {
+class NormalizeCommand : public testing::SharedFolderTest<NormalizeCommand> {
 protected:
     static void SetUpTestSuite() {
-        folder = new TempDir;
+        makeFolder();
         EncodeSettings settings = EncodeSettings::defaults(ExportFormat::wav);
         settings.bitDepth = PCMBitDepth::float32;
         AudioEncoder::write(ArraySource(pinkNoise(8), rate), std::nullopt, file("pink.wav"), settings);
         AudioEncoder::write(ArraySource(musicLike(8), rate), std::nullopt, file("music.wav"), settings);
     }
-    static void TearDownTestSuite() {
-        delete folder;
-        folder = nullptr;
-    }
-    static std::string file(const std::string& name) { return (*folder / name).string(); }
-    static inline TempDir* folder = nullptr;
 };
 
 TEST_F(NormalizeCommand, theMastersAreLoudWithFullScalePeaks) {

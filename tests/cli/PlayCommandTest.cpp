@@ -1,6 +1,6 @@
 // harlune-cli play's command line. Playing itself needs a sound server and is tested end to end
 // by tests/engine/e2e-pipewire.sh; everything here fails before a device is opened.
-#include "io/IoTestSupport.h"
+#include "cli/CliTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -9,15 +9,9 @@ namespace {
 
 using testing::TempDir;
 
-struct CliResult {
-    int status;
-    std::string err;
-};
-
-CliResult play(std::vector<std::string> arguments) {
+testing::CliResult play(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "play");
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, result.stderrText};
+    return testing::cli(std::move(arguments));
 }
 
 TEST(PlayCommand, BadUsageExitsWithTwoAndTheUsage) {
@@ -34,7 +28,7 @@ TEST(PlayCommand, BadUsageExitsWithTwoAndTheUsage) {
              {tone, "--bounce"},
              {tone, tone},
          }) {
-        const CliResult result = play(arguments);
+        const auto result = play(arguments);
         EXPECT_EQ(result.status, 2) << result.err;
         EXPECT_NE(result.err.find("usage: harlune-cli play FILE [--loop] [--start SECONDS]"),
                   std::string::npos)
@@ -44,7 +38,7 @@ TEST(PlayCommand, BadUsageExitsWithTwoAndTheUsage) {
 
 TEST(PlayCommand, UnreadableFileIsAnErrorWithOne) {
     const TempDir folder;
-    const CliResult result = play({(folder / "missing.wav").string()});
+    const auto result = play({(folder / "missing.wav").string()});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err.rfind("harlune-cli: ", 0), 0u) << result.err;
 }

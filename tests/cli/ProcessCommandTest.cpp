@@ -1,7 +1,7 @@
 // harlune-cli process, run as a user runs it; each result is read back by the real ffmpeg and
 // checked against the same operation computed here on the samples of the input.
+#include "cli/CliTestSupport.h"
 #include "dsp/effects/EffectSettings.h"
-#include "io/IoTestSupport.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,15 +14,11 @@ namespace {
 using testing::TempDir;
 using Planes = std::vector<std::vector<float>>;
 
-struct CliResult {
-    int status;
-    std::string err;
-};
+using testing::CliResult;
 
-CliResult cli(std::vector<std::string> arguments) {
+CliResult process(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "process");
-    const auto result = Subprocess::run(HARLUNE_CLI_PATH, std::move(arguments));
-    return {result.status, result.stderrText};
+    return testing::cli(std::move(arguments));
 }
 
 class ProcessCommand : public ::testing::Test {
@@ -40,7 +36,7 @@ protected:
     /// Runs process with `operations` on in.wav into a float WAV and reads it back.
     Planes run(std::vector<std::string> operations, int channels = 2) {
         operations.insert(operations.end(), {"--bits", "float", file("in.wav"), file("out.wav")});
-        const CliResult result = cli(operations);
+        const CliResult result = process(operations);
         EXPECT_EQ(result.status, 0) << result.err;
         return testing::referenceDecode(file("out.wav"), channels);
     }
@@ -48,7 +44,7 @@ protected:
     /// Runs a command line that must fail with `status` and leave no output; returns standard error.
     std::string fails(std::vector<std::string> operations, int status) {
         operations.insert(operations.end(), {file("in.wav"), file("bad.wav")});
-        const CliResult result = cli(operations);
+        const CliResult result = process(operations);
         EXPECT_EQ(result.status, status) << result.err;
         EXPECT_FALSE(std::filesystem::exists(file("bad.wav")));
         EXPECT_TRUE(result.err.starts_with("harlune-cli: ")) << result.err;
@@ -166,14 +162,14 @@ TEST_F(ProcessCommand, ResampleAndTempoGiveTheExpectedLengths) {
     // Ten seconds played 1.25 times as fast last exactly eight.
     testing::ffmpeg({"-f", "lavfi", "-i", "aevalsrc=0.5*sin(2*PI*440*t):s=8000:d=10", "-c:a", "pcm_f32le",
                      file("long.wav")});
-    const CliResult tempo = cli({"--tempo", "125", file("long.wav"), file("fast.wav")});
+    const CliResult tempo = process({"--tempo", "125", file("long.wav"), file("fast.wav")});
     ASSERT_EQ(tempo.status, 0) << tempo.err;
     const Planes finer = testing::referenceDecode(file("fast.wav"), 1);
     EXPECT_EQ(finer[0].size(), 64000u);
 
     // The other engine keeps the length but renders differently, so the choice reaches it.
     const CliResult r2 =
-        cli({"--stretch-engine", "faster", "--tempo", "125", file("long.wav"), file("fast2.wav")});
+        process({"--stretch-engine", "faster", "--tempo", "125", file("long.wav"), file("fast2.wav")});
     ASSERT_EQ(r2.status, 0) << r2.err;
     const Planes faster = testing::referenceDecode(file("fast2.wav"), 1);
     ASSERT_EQ(faster[0].size(), 64000u);
@@ -201,15 +197,14 @@ TEST_F(ProcessCommand, BadInputIsRefusedAndLeavesNoFile) {
     nlohmann::json chain = nlohmann::json::array();
     chain.push_back(defaultSettings(EffectKind::delay));
     testing::writeFile(file("delay.json"), chain.dump());
-    const CliResult delay = cli({"--effects", file("delay.json"), file("in.wav"), file("delayed.wav")});
+    const CliResult delay = process({"--effects", file("delay.json"), file("in.wav"), file("delayed.wav")});
     EXPECT_EQ(std::filesystem::exists(file("delayed.wav")), delay.status == 0) << delay.err;
 }
 
 TEST_F(ProcessCommand, ConvertChangesTheRateForEveryLosslessFormat) {
     for (const std::string name : {"out.wav", "out.flac", "out.aiff", "out.caf"}) {
-        const auto result =
-            Subprocess::run(HARLUNE_CLI_PATH, {"convert", "--rate", "44100", file("in.wav"), file(name)});
-        ASSERT_EQ(result.status, 0) << name << ": " << result.stderrText;
+        const CliResult result = testing::cli({"convert", "--rate", "44100", file("in.wav"), file(name)});
+        ASSERT_EQ(result.status, 0) << name << ": " << result.err;
         EXPECT_EQ(testing::referenceDecode(file(name), 2)[0].size(), 44100u) << name;
     }
 }

@@ -134,18 +134,12 @@ TEST(AudioContentTest, ReplaceSubrangeMatchesTheReferenceModel) {
     }
 }
 
-TEST(AudioContentTest, DeleteWholeAndAppendPastTheEnd) {
-    const AudioContent content(noisePlanes(3, 1000, 4), 22050);
-    AudioContent edited = content;
-    edited.deleteRange(content.fullRange());
+TEST(AudioContentTest, DeletingEverythingKeepsTheFormat) {
+    AudioContent edited(noisePlanes(3, 1000, 4), 22050);
+    edited.deleteRange(edited.fullRange());
     EXPECT_TRUE(edited.isEmpty());
     EXPECT_EQ(edited.channelCount(), 3);
     EXPECT_EQ(edited.sampleRate(), 22050);
-
-    AudioContent grown = content;
-    grown.replaceSubrange({1000, 1100}, content.slice({0, 10}));
-    EXPECT_EQ(grown.frameCount(), 1010);
-    EXPECT_EQ(grown.sample(0, 1000), content.sample(0, 0));
 }
 
 TEST(AudioContentTest, InsertAndAppend) {

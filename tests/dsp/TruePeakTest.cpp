@@ -55,36 +55,22 @@ float detectedTruePeak(const std::vector<float>& x, double rate) {
     return std::max(detector.samplePeak, detector.interPeak);
 }
 
-TEST(TruePeakInterpolatorTest, FactorAndDesignFollowTheRate) {
-    EXPECT_EQ(TruePeakInterpolator(44100).factor, 4);
-    EXPECT_EQ(TruePeakInterpolator(95999).factor, 4);
-    EXPECT_EQ(TruePeakInterpolator(96000).factor, 2);
-    EXPECT_EQ(TruePeakInterpolator(191999).factor, 2);
-    EXPECT_EQ(TruePeakInterpolator(192000).factor, 1);
+TEST(TruePeakInterpolatorTest, GainBoundCoversEveryPhase) {
+    // The skip test relies on it: no phase may amplify more than the bound.
     const TruePeakInterpolator at48(48000);
-    ASSERT_EQ(at48.phases.size(), 3u);
-    EXPECT_EQ(at48.taps, 24);
-    EXPECT_NEAR(at48.gainBound, 2.2988, 0.001);
     for (const auto& phase : at48.phases) {
-        ASSERT_EQ(phase.size(), 24u);
-        double dc = 0;
+        double sum = 0;
         for (const float tap : phase)
-            dc += tap;
-        EXPECT_NEAR(dc, 1, 1e-6);
+            sum += std::fabs(tap);
+        EXPECT_LE(sum, at48.gainBound + 1e-6);
     }
-    // Phases 1 and 3 mirror each other; phase 2 is symmetric.
-    for (size_t k = 0; k < 24; ++k) {
-        EXPECT_NEAR(at48.phases[0][k], at48.phases[2][23 - k], 1e-7);
-        EXPECT_NEAR(at48.phases[1][k], at48.phases[1][23 - k], 1e-7);
-    }
-    EXPECT_TRUE(TruePeakInterpolator(192000).phases.empty());
-    EXPECT_EQ(TruePeakInterpolator(192000).gainBound, 1);
 }
 
 TEST(TruePeakDetectorTest, AgreesWithTheDirectComputation) {
     std::mt19937 generator(11);
     std::normal_distribution<float> normal(0, 0.3f);
-    for (const double rate : {44100.0, 96000.0, 192000.0}) {
+    // Each side of the rates where the oversampling factor changes (4, 2, then none).
+    for (const double rate : {44100.0, 95999.0, 96000.0, 191999.0, 192000.0}) {
         for (const int length : {1, 7, 100, 1500, 40000}) {
             std::vector<float> x(static_cast<size_t>(length));
             for (auto& v : x)

@@ -6,6 +6,7 @@
 #include "core/AudioContentBuilder.h"
 #include "editor/EditorModel.h"
 #include "editor/EditorTestSupport.h"
+#include "support/TestAudio.h"
 
 #include <QUndoStack>
 #include <algorithm>
@@ -17,20 +18,10 @@
 namespace harlune {
 namespace {
 
-using Planes = std::vector<std::vector<float>>;
+using testing::Planes;
 
 int64_t framesOf(const Planes& planes) {
     return planes.empty() ? 0 : static_cast<int64_t>(planes.front().size());
-}
-
-Planes readAll(const AudioContent& content) {
-    Planes planes(static_cast<size_t>(content.channelCount()),
-                  std::vector<float>(static_cast<size_t>(content.frameCount())));
-    std::vector<float*> pointers;
-    for (auto& plane : planes)
-        pointers.push_back(plane.data());
-    content.read({0, content.frameCount()}, pointers);
-    return planes;
 }
 
 void stableSortByFrame(std::vector<Marker>& list) {
@@ -143,7 +134,7 @@ TEST_F(EditCommandsRandomizedTest, MixedCommandsMatchAPlainModel) {
         SCOPED_TRACE("step " + std::to_string(step) + ": " + command);
         ASSERT_EQ(model->content().channelCount(), ref.channels());
         ASSERT_EQ(model->content().frameCount(), ref.frames());
-        const Planes audio = readAll(model->content());
+        const Planes audio = testing::planesOf(model->content());
         for (size_t c = 0; c < audio.size(); ++c)
             for (size_t i = 0; i < audio[c].size(); ++i)
                 ASSERT_NEAR(audio[c][i], ref.audio[c][i], 1e-6f) << "channel " << c << " frame " << i;
@@ -155,7 +146,7 @@ TEST_F(EditCommandsRandomizedTest, MixedCommandsMatchAPlainModel) {
         ASSERT_EQ(stack.index(), static_cast<int>(undo.size()));
         ASSERT_EQ(model->clipboard().content().has_value(), clipboard.has_value());
         if (clipboard) {
-            ASSERT_EQ(readAll(*model->clipboard().content()), *clipboard);
+            ASSERT_EQ(testing::planesOf(*model->clipboard().content()), *clipboard);
         }
     };
 

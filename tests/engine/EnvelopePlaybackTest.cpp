@@ -47,19 +47,25 @@ TEST(EnvelopePlayback, GainsFollowTheCurveAcrossCallbacksAndChunks) {
     }
 }
 
-TEST(EnvelopePlayback, FlatSetPassesSamplesBitForBitTimesGain) {
-    const auto planes = noisePlanes(2, 6000, 12);
+// With no set or a flat one, the program does no gain work: samples times `gain`, bit for bit.
+TEST(EnvelopePlayback, FlatOrNoSetPassesSamplesBitForBitTimesGain) {
+    const auto planes = noisePlanes(2, 9000, 12);
     GainEnvelope zero;
     zero.insert(100, 0.0);
     zero.insert(4000, 0.0);
-    EngineOnTestDevice fixture;
-    fixture.engine->setEnvelopes(EnvelopeSet(zero, {zero}, {0.0, 0.0}));
-    fixture.engine->start(AudioContent(planes, 48000), {0, 6000}, false, 0.7f);
-    EXPECT_FALSE(fixture.engine->state().program.envelopeActive);
-    const auto capture = fixture.device->pull(6000, 4500);
-    for (size_t c = 0; c < 2; ++c)
-        for (size_t i = 0; i < 6000; ++i)
-            ASSERT_EQ(capture.planes[c][i], planes[c][i] * 0.7f);
+    for (const bool flatSet : {false, true})
+        for (const float gain : {1.0f, 0.7f, 0.3162f}) {
+            EngineOnTestDevice fixture;
+            if (flatSet)
+                fixture.engine->setEnvelopes(EnvelopeSet(zero, {zero}, {0.0, 0.0}));
+            fixture.engine->start(AudioContent(planes, 48000), {0, 9000}, false, gain);
+            EXPECT_FALSE(fixture.engine->state().program.envelopeActive);
+            const auto capture = fixture.device->pull(9000, 4500);
+            for (size_t c = 0; c < 2; ++c)
+                for (size_t i = 0; i < 9000; ++i)
+                    ASSERT_EQ(capture.planes[c][i], planes[c][i] * gain)
+                        << flatSet << " " << gain << " " << i;
+        }
 }
 
 TEST(EnvelopePlayback, NewSetTakesEffectAtTheNextCallback) {

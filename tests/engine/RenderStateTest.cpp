@@ -99,19 +99,6 @@ TEST(RenderState, BusyProgramLockCostsOneSilentCallback) {
     EXPECT_EQ(state.position.load(), 128);
 }
 
-// A flat program passes samples scaled by `gain` alone, bit for bit.
-TEST(RenderState, FlatProgramScalesByGainBitForBit) {
-    const auto planes = noisePlanes(2, 9000, 5);
-    for (const float gain : {1.0f, 0.5f, 0.3162f}) {
-        EngineOnTestDevice fixture;
-        fixture.engine->start(AudioContent(planes, rate), {0, 9000}, false, gain);
-        const auto capture = fixture.device->pull(9000, 4500);
-        for (size_t c = 0; c < 2; ++c)
-            for (size_t i = 0; i < 9000; ++i)
-                ASSERT_EQ(capture.planes[c][i], planes[c][i] * gain) << c << " " << i;
-    }
-}
-
 // More channels than outputs: channel c goes to output c mod outputs, each scaled by the gain
 // over the number of channels the fullest output receives.
 TEST(RenderState, FoldsChannelsOntoOutputs) {

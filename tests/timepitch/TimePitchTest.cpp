@@ -1,6 +1,7 @@
 #include "timepitch/TimePitch.h"
 
 #include "base/HarluneError.h"
+#include "dsp/LoudnessSignals.h"
 #include "support/TestAudio.h"
 
 #include <algorithm>
@@ -35,14 +36,6 @@ Planes rendered(const AudioSource& source, double rate, double cents, Engine eng
                 out[c].insert(out[c].end(), chunk[c].begin(), chunk[c].end());
         },
         engine);
-    return out;
-}
-
-std::vector<float> sine(double hz, double rate, int64_t frames, double amplitude = 0.5) {
-    std::vector<float> out(static_cast<size_t>(frames));
-    for (size_t i = 0; i < out.size(); ++i)
-        out[i] = static_cast<float>(amplitude *
-                                    std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / rate));
     return out;
 }
 
@@ -99,7 +92,7 @@ TEST(TimePitchTest, RateAndPitchBoundsAndTheirTexts) {
 }
 
 TEST(TimePitchTest, TempoOf125PercentMakesTenSecondsExactlyEight) {
-    const ArraySource source({sine(440, 44100, 441000)}, 44100);
+    const ArraySource source({testing::sine(441000, 44100, 440, 0.5)}, 44100);
     for (const Engine engine : engines) {
         const auto out = rendered(source, 1.25, 0, engine);
         EXPECT_EQ(out[0].size(), 352800u) << nameOf(engine);
@@ -126,7 +119,7 @@ TEST(TimePitchTest, LengthIsExactWhateverTheRateOrRange) {
 }
 
 TEST(TimePitchTest, AnOctaveUpTurns440HzInto880Hz) {
-    const ArraySource source({sine(440, 44100, 44100 * 3)}, 44100);
+    const ArraySource source({testing::sine(44100 * 3, 44100, 440, 0.5)}, 44100);
     for (const Engine engine : engines) {
         const auto out = rendered(source, 1, 1200, engine);
         ASSERT_EQ(out[0].size(), 44100u * 3);
@@ -166,7 +159,7 @@ TEST(TimePitchTest, SixChannelsGoThroughOneStretcher) {
 }
 
 TEST(TimePitchTest, ProgressFalseCancels) {
-    const ArraySource source({sine(440, 44100, 44100)}, 44100);
+    const ArraySource source({testing::sine(44100, 44100, 440, 0.5)}, 44100);
     for (const Engine engine : engines)
         for (const int allowedCalls : {0, 20}) {
             int calls = 0;
