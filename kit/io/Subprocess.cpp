@@ -212,6 +212,13 @@ size_t Subprocess::readStdout(void* into, size_t count) {
     }
 }
 
+bool Subprocess::waitForStdout(std::chrono::milliseconds limit) {
+    pollfd fd{stdoutPipe_[0], POLLIN, 0};
+    const int ready = ::poll(&fd, 1, static_cast<int>(limit.count()));
+    // A failed poll says nothing about the pipe: let the read find out.
+    return ready != 0 && !(ready < 0 && errno == EINTR);
+}
+
 std::vector<char> Subprocess::readAllStdout(std::optional<std::chrono::steady_clock::time_point> deadline) {
     std::vector<char> result;
     std::vector<char> buffer(65536);
