@@ -41,8 +41,8 @@ void ReadAhead::stop() {
 ReadAhead::Buffer ReadAhead::next() {
     std::unique_lock guard(lock_);
     changed_.wait(guard, [&] { return produced_ > consumed_ || stopping_; });
-    if (produced_ == consumed_)
-        return {{}, true}; // stopped: nothing more will come
+    if (stopping_)
+        return {{}, true};
     const Slot& slot = slots_[consumed_ % slots_.size()];
     if (slot.error)
         std::rethrow_exception(slot.error);
