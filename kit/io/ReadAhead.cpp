@@ -15,10 +15,19 @@ using namespace std::chrono_literals;
 // How long the thread waits on a silent pipe before it looks whether it should stop.
 constexpr auto stopCheck = 20ms;
 
+// The pause after a read that emptied the pipe: half the time a child writing 1 GB/s (faster
+// than any decoder) takes to fill it, so that the child does not wait on a full pipe. Below
+// 100 µs a pause is not worth a sleep, and a small pipe is read as the data comes.
+std::chrono::microseconds pauseFor(size_t pipeCapacity) {
+    const auto pause = std::chrono::microseconds(pipeCapacity / 2000);
+    return pause < 100us ? 0us : pause;
+}
+
 } // namespace
 
 ReadAhead::ReadAhead(Subprocess& child, size_t bufferBytes, size_t bufferCount)
-    : child_(child), bufferBytes_(bufferBytes), slots_(std::max<size_t>(bufferCount, 2)) {
+    : child_(child), bufferBytes_(bufferBytes), slots_(std::max<size_t>(bufferCount, 2)),
+      pause_(pauseFor(child.stdoutCapacity())) {
     for (auto& slot : slots_)
         slot.data = std::make_unique_for_overwrite<std::byte[]>(bufferBytes_);
     thread_ = std::thread([this] { readLoop(); });
@@ -108,6 +117,11 @@ bool ReadAhead::fill(Slot& slot) {
             return true;
         }
         slot.filled += n;
+        // The pipe is empty now. Waiting on it again would have each of the child's writes (32 KB
+        // for ffmpeg) wake this thread, and the child pays for every wake-up; a short pause lets
+        // the pipe fill up instead, and one read takes it all.
+        if (slot.filled < bufferBytes_ && pause_.count() > 0)
+            std::this_thread::sleep_for(pause_);
     }
     return true;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
@@ -60,6 +61,7 @@ private:
     Subprocess& child_;
     size_t bufferBytes_;
     std::vector<Slot> slots_;
+    std::chrono::microseconds pause_; ///< after a read that emptied the pipe
 
     std::mutex lock_;
     std::condition_variable changed_;

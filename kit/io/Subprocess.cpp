@@ -219,6 +219,11 @@ bool Subprocess::waitForStdout(std::chrono::milliseconds limit) {
     return ready != 0 && !(ready < 0 && errno == EINTR);
 }
 
+size_t Subprocess::stdoutCapacity() const {
+    const int size = stdoutPipe_[0] < 0 ? -1 : ::fcntl(stdoutPipe_[0], F_GETPIPE_SZ);
+    return size > 0 ? static_cast<size_t>(size) : 0;
+}
+
 std::vector<char> Subprocess::readAllStdout(std::optional<std::chrono::steady_clock::time_point> deadline) {
     std::vector<char> result;
     std::vector<char> buffer(65536);
