@@ -11,9 +11,9 @@ namespace harlune {
 
 namespace {
 
-// Fresh block memory costs a page fault per 4 KiB at first touch, which is most of a long
-// decode's time in this process. Asking the kernel to map a large stretch in one call is about
-// half as dear. Small appends fault as usual; a kernel without MADV_POPULATE_WRITE just refuses.
+// Fresh block memory costs a page fault per 4 KiB at first touch, the largest single cost of a
+// long decode in this process. Asking the kernel to map a large stretch in one call costs about a
+// third less. Small appends fault as usual; a kernel without MADV_POPULATE_WRITE just refuses.
 void prefault(const float* begin, size_t count) {
     constexpr size_t worthwhile = 65536;
     if (count * sizeof(float) < worthwhile)

@@ -30,7 +30,7 @@ using nlohmann::json;
 // named like an audio file) from holding the caller for ever.
 constexpr std::chrono::milliseconds probeTimeout{60000};
 
-// About 15 ms of ffmpeg's output at full speed: enough to ride out the moments when this side is
+// About 12 ms of ffmpeg's output at full speed: enough to ride out the moments when this side is
 // not scheduled on a busy machine.
 constexpr size_t readAheadBytes = size_t{8} << 20;
 
