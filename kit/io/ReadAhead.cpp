@@ -1,10 +1,13 @@
 #include "io/ReadAhead.h"
 
+#include "base/HarluneError.h"
 #include "io/Subprocess.h"
 
 #include <algorithm>
 #include <pthread.h>
 #include <sched.h>
+#include <string>
+#include <system_error>
 
 namespace harlune {
 
@@ -30,7 +33,13 @@ ReadAhead::ReadAhead(Subprocess& child, size_t bufferBytes, size_t bufferCount)
       pause_(pauseFor(child.stdoutCapacity())) {
     for (auto& slot : slots_)
         slot.data = std::make_unique_for_overwrite<std::byte[]>(bufferBytes_);
-    thread_ = std::thread([this] { readLoop(); });
+    try {
+        thread_ = std::thread([this] { readLoop(); });
+    } catch (const std::system_error& error) {
+        // No thread means no reading: the same failure as a read that cannot be made.
+        throw HarluneError::decodeFailed("reading tool output failed (errno " +
+                                         std::to_string(error.code().value()) + ")");
+    }
 }
 
 ReadAhead::~ReadAhead() {

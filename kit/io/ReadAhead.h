@@ -30,7 +30,8 @@ public:
     };
 
     /// Starts reading `child`'s standard output at once; `child` must be started and must outlive
-    /// this object. Memory: `bufferCount` × `bufferBytes`, allocated here.
+    /// this object. Memory: `bufferCount` × `bufferBytes`, allocated here. Throws
+    /// `HarluneError::decodeFailed` when the thread cannot be made.
     ReadAhead(Subprocess& child, size_t bufferBytes, size_t bufferCount);
     ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
