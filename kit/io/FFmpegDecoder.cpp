@@ -5,6 +5,7 @@
 #include "io/CoreAudioCannotDecode.h"
 #include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
+#include "io/ReadAhead.h"
 #include "io/SndFileReader.h"
 #include "io/Subprocess.h"
 
@@ -13,7 +14,6 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -29,6 +29,10 @@ using nlohmann::json;
 // ffprobe reads headers only; a minute covers the slowest disk and keeps a stuck probe (a FIFO
 // named like an audio file) from holding the caller for ever.
 constexpr std::chrono::milliseconds probeTimeout{60000};
+
+// About 12 ms of ffmpeg's output at full speed: enough to ride out the moments when this side is
+// not scheduled on a busy machine.
+constexpr size_t readAheadBytes = size_t{8} << 20;
 
 std::vector<std::string> pieces(std::string_view text, char separator) {
     std::vector<std::string> result;
@@ -364,48 +368,43 @@ AudioFileInfo FFmpegDecoder::decode(const std::filesystem::path& url, DecodeProg
 
     const size_t chunk = static_cast<size_t>(decodeChunkFrames);
     const size_t frameBytes = channels * sizeof(float);
-    std::vector<float> interleaved(channels * chunk);
-    auto* bytes = reinterpret_cast<char*>(interleaved.data());
-    const size_t capacity = interleaved.size() * sizeof(float);
+    // Each read-ahead buffer is one chunk of interleaved frames, filled to the brim as the single
+    // buffer of a plain read loop would be; several of them let ffmpeg run ahead while the
+    // caller's chunk work goes on.
+    const size_t capacity = channels * chunk * sizeof(float);
+    const size_t bufferCount = std::clamp<size_t>(readAheadBytes / capacity, 2, 32);
     std::vector<std::vector<float>> planes(channels, std::vector<float>(chunk));
     std::vector<std::span<const float>> views(channels);
+    // Declared after `child`, so that it stops reading before the child is stopped.
+    ReadAhead readAhead(child, capacity, bufferCount);
 
     // An exception from here on leaves through `child`'s destructor, which stops the tool.
     onFormat(info);
 
-    size_t filled = 0;
     int64_t decoded = 0;
     for (;;) {
-        bool ended = false;
-        while (filled < capacity) {
-            const size_t n = child.readStdout(bytes + filled, capacity - filled);
-            if (n == 0) {
-                ended = true;
-                break;
-            }
-            filled += n;
-        }
-        const size_t frames = filled / frameBytes;
-        if (ended && frames < 1)
-            break;
-        deinterleave(interleaved.data(), frames, planes, views);
+        const ReadAhead::Buffer buffer = readAhead.next();
+        const size_t frames = buffer.bytes.size() / frameBytes;
+        if (buffer.ended && frames < 1)
+            break; // the bytes of an incomplete last frame are dropped
+        deinterleave(reinterpret_cast<const float*>(buffer.bytes.data()), frames, planes, views);
+        readAhead.release();
         onChunk(ChunkViews(views));
         decoded += static_cast<int64_t>(frames);
-        const size_t used = frames * frameBytes;
-        std::memmove(bytes, bytes + used, filled - used);
-        filled -= used;
         if (progress) {
             const double fraction =
                 expected < 1 ? 0.0
                              : std::min(static_cast<double>(decoded) / static_cast<double>(expected), 1.0);
             if (!(*progress)(fraction)) {
+                readAhead.stop();
                 child.terminate();
                 throw HarluneError::cancelled();
             }
         }
-        if (ended)
+        if (buffer.ended)
             break;
     }
+    readAhead.stop();
 
     const int status = child.waitForExit();
     if (status != 0)

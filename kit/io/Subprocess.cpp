@@ -212,6 +212,18 @@ size_t Subprocess::readStdout(void* into, size_t count) {
     }
 }
 
+bool Subprocess::waitForStdout(std::chrono::milliseconds limit) {
+    pollfd fd{stdoutPipe_[0], POLLIN, 0};
+    const int ready = ::poll(&fd, 1, static_cast<int>(limit.count()));
+    // A failed poll says nothing about the pipe: let the read find out.
+    return ready != 0 && !(ready < 0 && errno == EINTR);
+}
+
+size_t Subprocess::stdoutCapacity() const {
+    const int size = stdoutPipe_[0] < 0 ? -1 : ::fcntl(stdoutPipe_[0], F_GETPIPE_SZ);
+    return size > 0 ? static_cast<size_t>(size) : 0;
+}
+
 std::vector<char> Subprocess::readAllStdout(std::optional<std::chrono::steady_clock::time_point> deadline) {
     std::vector<char> result;
     std::vector<char> buffer(65536);

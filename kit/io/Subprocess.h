@@ -40,6 +40,11 @@ public:
     /// One blocking read of at most `count` bytes; 0 at end of stream. Retries on EINTR; throws
     /// `HarluneError::decodeFailed` on other failures.
     size_t readStdout(void* into, size_t count);
+    /// True as soon as a read of standard output would not block (data, end of stream or an
+    /// error), false when `limit` passes first.
+    bool waitForStdout(std::chrono::milliseconds limit);
+    /// Bytes the standard-output pipe holds before the child's writes block; 0 when unknown.
+    size_t stdoutCapacity() const;
     /// Everything up to end of stream. With a deadline, throws `HarluneError::decodeFailed` when it
     /// passes (after stopping the child).
     std::vector<char>
