@@ -15,15 +15,16 @@ sox -n -r 48000 -c 2 -b 32 -e floating-point "$work/in.wav" synth 600 whitenoise
 source "$(dirname "$0")/best-of.sh"
 
 cli="$build/bin/harlune-cli"
-# Each tool beside harlune-cli doing the same job file to file (both read and write a float WAV),
-# one right after the other, so that both see much the same load.
+# Each tool beside harlune-cli doing the same job file to file, one right after the other so that
+# both see much the same load. The tools keep the input's float samples; harlune-cli would write
+# 24-bit with dither by default, so it is asked for float too.
 best "sox rate -v -b 91.3 (48000 -> 44100)" sox "$work/in.wav" -r 44100 "$work/out.wav" rate -v -b 91.3
-best "harlune-cli process --resample 44100" "$cli" process --resample 44100 "$work/in.wav" "$work/out.wav"
+best "harlune-cli process --resample 44100" "$cli" process --bits float --resample 44100 "$work/in.wav" "$work/out.wav"
 best "rubberband -3 -T 1.25" rubberband -3 -T 1.25 "$work/in.wav" "$work/out.wav"
-best "harlune-cli process --tempo 125 (R3)" "$cli" process --tempo 125 "$work/in.wav" "$work/out.wav"
+best "harlune-cli process --tempo 125 (R3)" "$cli" process --bits float --tempo 125 "$work/in.wav" "$work/out.wav"
 best "rubberband -2 -T 1.25" rubberband -2 -T 1.25 "$work/in.wav" "$work/out.wav"
 best "harlune-cli ... --stretch-engine faster (R2)" \
-    "$cli" process --stretch-engine faster --tempo 125 "$work/in.wav" "$work/out.wav"
+    "$cli" process --bits float --stretch-engine faster --tempo 125 "$work/in.wav" "$work/out.wav"
 
 # The same work in memory, without the files.
 if [ "$runs" -gt 1 ]; then

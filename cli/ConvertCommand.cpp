@@ -52,6 +52,7 @@ int runConvert(std::span<const std::string> arguments) {
 
     OpenedAudio opened = openAudioShowingProgress(request.input);
     writeAudio(opened.content, request.output, request.encode);
+    keepUntilExit(std::move(opened.content));
     return exitSuccess;
 }
 

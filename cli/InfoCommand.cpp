@@ -183,14 +183,6 @@ void printText(const Report& report) {
     }
 }
 
-// Handing a long file's blocks back one by one costs as much as a tenth of decoding it, while the
-// process's exit drops all its memory in one sweep. So the last decoded content is kept until
-// then; the next file to decode releases it first, so no more than one is ever held.
-std::optional<AudioContent>& keptUntilExit() {
-    static auto* const kept = new std::optional<AudioContent>(); // never destroyed, on purpose
-    return *kept;
-}
-
 Report describe(const std::string& path, bool decode) {
     Report report{path, {}, std::nullopt, {}, {}};
     if (!decode) {
@@ -205,7 +197,7 @@ Report describe(const std::string& path, bool decode) {
             bar.update(fraction);
         return true;
     };
-    keptUntilExit().reset();
+    releaseKeptContents(); // no more than one decoded file is ever held
     OpenedAudio opened = openAudio(path, progress);
     report.info = opened.announced;
     report.decodedFrames = opened.content.frameCount();
@@ -215,7 +207,7 @@ Report describe(const std::string& path, bool decode) {
         report.peakDBFS.push_back(levelDB(peak));
         report.rmsDBFS.push_back(levelDB(peaks.rms()));
     }
-    keptUntilExit() = std::move(opened.content);
+    keepUntilExit(std::move(opened.content));
     return report;
 }
 

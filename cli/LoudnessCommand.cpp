@@ -106,7 +106,7 @@ int runLoudness(std::span<const std::string> arguments) {
             bar.update(base + fraction / 2);
         return true;
     };
-    const OpenedAudio audio = openAudio(*file, progress);
+    OpenedAudio audio = openAudio(*file, progress);
     base = 0.5;
     const LoudnessResult result =
         LoudnessAnalyzer::analyze(audio.content, std::nullopt, std::nullopt, progress);
@@ -114,6 +114,7 @@ int runLoudness(std::span<const std::string> arguments) {
         std::printf("%s\n", toJSON(result, curves).dump(2).c_str());
     else
         printText(result, curves);
+    keepUntilExit(std::move(audio.content));
     return exitSuccess;
 }
 

@@ -145,6 +145,8 @@ int runNormalize(std::span<const std::string> arguments) {
     reportStop(adjustment, *request.target);
 
     writeAudio(adjustment.content, request.output, request.encode);
+    keepUntilExit(std::move(opened.content));
+    keepUntilExit(std::move(adjustment.content));
     return exitSuccess;
 }
 

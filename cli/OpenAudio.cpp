@@ -5,6 +5,7 @@
 #include "io/AudioDecoder.h"
 
 #include <optional>
+#include <vector>
 
 namespace harlune::cli {
 
@@ -27,6 +28,25 @@ OpenedAudio openAudioShowingProgress(const std::filesystem::path& path) {
         return bar.update(fraction);
     };
     return openAudio(path, FunctionRef<bool(double)>(update));
+}
+
+namespace {
+
+// The one place the command line holds memory past its owners, on purpose; reachable to the end,
+// so leak checkers do not count it.
+std::vector<AudioContent>& keptContents() {
+    static auto* const kept = new std::vector<AudioContent>(); // never destroyed
+    return *kept;
+}
+
+} // namespace
+
+void keepUntilExit(AudioContent content) {
+    keptContents().push_back(std::move(content));
+}
+
+void releaseKeptContents() {
+    keptContents().clear();
 }
 
 } // namespace harlune::cli

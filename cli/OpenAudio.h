@@ -20,4 +20,11 @@ OpenedAudio openAudio(const std::filesystem::path& path, DecodeProgress progress
 /// The same with a "reading" progress bar on standard error (when that is a terminal).
 OpenedAudio openAudioShowingProgress(const std::filesystem::path& path);
 
+/// Keeps `content` until the process exits. Handing a long file's blocks back one by one costs
+/// as much as a tenth of decoding it, while the exit drops all of the process's memory in one
+/// sweep; so a command parks here what it holds at its end instead of freeing it.
+void keepUntilExit(AudioContent content);
+/// Frees what was kept, for a command that goes on to read another file.
+void releaseKeptContents();
+
 } // namespace harlune::cli

@@ -369,6 +369,7 @@ int runProcess(std::span<const std::string> arguments) {
         operation.run(document, bar ? &*bar : nullptr);
     }
     writeAudio(document.content, request.output, request.encode);
+    keepUntilExit(std::move(document.content));
     return exitSuccess;
 }
 
