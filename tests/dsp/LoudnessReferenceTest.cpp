@@ -4,31 +4,15 @@
 
 #include "dsp/LoudnessAnalyzer.h"
 #include "dsp/LoudnessSignals.h"
+#include "support/LibEbur128.h"
 
-#include <ebur128.h>
 #include <gtest/gtest.h>
 
 namespace harlune {
 namespace {
 
+using testing::libebur128Integrated;
 using testing::Planes;
-
-double libebur128Integrated(const Planes& planes, double rate) {
-    const auto channels = static_cast<unsigned>(planes.size());
-    ebur128_state* state = ebur128_init(channels, static_cast<unsigned long>(rate), EBUR128_MODE_I);
-    if (!state)
-        return std::nan("");
-    const size_t frames = planes[0].size();
-    std::vector<float> interleaved(frames * channels);
-    for (size_t i = 0; i < frames; ++i)
-        for (size_t c = 0; c < channels; ++c)
-            interleaved[i * channels + c] = planes[c][i];
-    ebur128_add_frames_float(state, interleaved.data(), frames);
-    double loudness = 0;
-    ebur128_loudness_global(state, &loudness);
-    ebur128_destroy(&state);
-    return loudness;
-}
 
 Planes makeSignal(const std::string& kind, int channels, double rate, double seconds) {
     const auto frames = static_cast<int64_t>(rate * seconds);

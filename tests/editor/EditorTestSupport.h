@@ -10,6 +10,7 @@
 #include <QTest>
 #include <QThreadPool>
 #include <algorithm>
+#include <gtest/gtest.h>
 #include <memory>
 #include <vector>
 
@@ -156,5 +157,26 @@ inline void clearPreferences() {
     settings.clear();
     settings.sync();
 }
+
+/// A fixture around a model measured by the real scheduler, which reports into `log`; every test
+/// starts from the default preferences and leaves no job running.
+class MeasuredModelTest : public ::testing::Test {
+protected:
+    void SetUp() override { clearPreferences(); }
+    void TearDown() override {
+        model.reset();
+        drainJobs();
+    }
+
+    /// A model of `content`, past its first file measurement.
+    void open(AudioContent content) {
+        model = measuredModel(std::move(content), log, probe);
+        ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
+    }
+
+    std::shared_ptr<AnalysisLog> log = std::make_shared<AnalysisLog>();
+    std::shared_ptr<Probe> probe = std::make_shared<Probe>();
+    std::unique_ptr<EditorModel> model;
+};
 
 } // namespace harlune::testing

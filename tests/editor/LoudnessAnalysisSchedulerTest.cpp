@@ -31,24 +31,7 @@ AudioContent noise(int channels, int64_t frames, float amplitude = 0.25f, uint32
         scaledNoise(std::vector<float>(static_cast<size_t>(channels), amplitude), frames, seed), rate);
 }
 
-class LoudnessAnalysisSchedulerTest : public ::testing::Test {
-protected:
-    void SetUp() override { testing::clearPreferences(); }
-    void TearDown() override {
-        model.reset();
-        testing::drainJobs();
-    }
-
-    // A model measuring `content`, past its first file measurement.
-    void open(AudioContent content) {
-        model = testing::measuredModel(std::move(content), log, probe);
-        ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
-    }
-
-    std::shared_ptr<AnalysisLog> log = std::make_shared<AnalysisLog>();
-    std::shared_ptr<testing::Probe> probe = std::make_shared<testing::Probe>();
-    std::unique_ptr<EditorModel> model;
-};
+class LoudnessAnalysisSchedulerTest : public testing::MeasuredModelTest {};
 
 TEST_F(LoudnessAnalysisSchedulerTest, aBurstOfEditsMeasuresOnceAfterTheLastEdit) {
     open(noise(2, 24000));

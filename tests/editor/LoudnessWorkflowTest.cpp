@@ -2,11 +2,11 @@
 #include "EditorTestSupport.h"
 #include "core/LoudnessProcessing.h"
 #include "editor/LoudnessPreset.h"
+#include "support/LibEbur128.h"
 #include "support/TestAudio.h"
 
 #include <QUndoStack>
 #include <cmath>
-#include <ebur128.h>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -107,22 +107,7 @@ using testing::Planes;
 
 // Integrated loudness by libebur128, an implementation independent of ours.
 double referenceLoudness(const AudioSource& source) {
-    const Planes planes = testing::planesOf(source);
-    const auto channels = static_cast<unsigned>(planes.size());
-    ebur128_state* state =
-        ebur128_init(channels, static_cast<unsigned long>(source.sampleRate()), EBUR128_MODE_I);
-    if (!state)
-        return std::nan("");
-    const size_t frames = planes[0].size();
-    std::vector<float> interleaved(frames * channels);
-    for (size_t i = 0; i < frames; ++i)
-        for (size_t c = 0; c < channels; ++c)
-            interleaved[i * channels + c] = planes[c][i];
-    ebur128_add_frames_float(state, interleaved.data(), frames);
-    double loudness = 0;
-    ebur128_loudness_global(state, &loudness);
-    ebur128_destroy(&state);
-    return loudness;
+    return testing::libebur128Integrated(testing::planesOf(source), source.sampleRate());
 }
 
 float samplePeak(const Planes& planes) {
@@ -146,18 +131,11 @@ Planes peakyNoise(int64_t frames) {
     return planes;
 }
 
-class LoudnessApplyTest : public ::testing::Test {
+class LoudnessApplyTest : public testing::MeasuredModelTest {
 protected:
-    void SetUp() override { testing::clearPreferences(); }
-    void TearDown() override {
-        model.reset();
-        testing::drainJobs();
-    }
-
     void open(AudioContent content) {
-        model = testing::measuredModel(std::move(content), log, probe);
+        MeasuredModelTest::open(std::move(content));
         model->setUndoManager(&stack);
-        ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
     }
 
     // Applies and waits for the job; false if none started or it never ended.
@@ -168,10 +146,7 @@ protected:
         return QTest::qWaitFor([this] { return !model->busy(); }, 30000);
     }
 
-    std::shared_ptr<testing::AnalysisLog> log = std::make_shared<testing::AnalysisLog>();
-    std::shared_ptr<testing::Probe> probe = std::make_shared<testing::Probe>();
     QUndoStack stack;
-    std::unique_ptr<EditorModel> model;
 };
 
 TEST_F(LoudnessApplyTest, aTargetLandsWithinATenthOfALoudnessUnit) {
