@@ -8,27 +8,8 @@
 set -uo pipefail
 tool=$1
 recorder_tool=$2
-work=$(mktemp -d)
-pids=()
-
-stop_all() {
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill "${pids[i]}" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-        kill -9 "$pid" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap stop_all EXIT
-
-fail() { echo "e2e-jack: $*"; for log in "$work"/*.log; do echo "--- $log"; tail -20 "$log"; done; exit 1; }
-
-wait_for() {
-    for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
-    fail "gave up waiting for: $*"
-}
+session_name=e2e-jack
+source "$(dirname "$0")/test-processes.sh"
 
 # A private server: its own name, and no PipeWire to answer in its place.
 export JACK_DEFAULT_SERVER=harlune-test-$$ JACK_NO_AUDIO_RESERVATION=1

@@ -1,31 +1,9 @@
 #!/usr/bin/env bash
 # Sourced by the PipeWire end-to-end test and the xrun benchmark: a private PipeWire server with
-# its own runtime folder and session bus, whose only sink is the null sink "test". It sets
-# `work` (a scratch folder), `pids` (everything started, stopped by PID at exit, newest first),
-# and the functions `fail` and `wait_for`. The caller sets `session_name` and `quantum`.
-work=$(mktemp -d)
-pids=()
-
-stop_all() {
-    # Newest first: recorders and clients before the servers they talk to.
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill "${pids[i]}" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-        kill -9 "$pid" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap stop_all EXIT
-
-fail() { echo "$session_name: $*"; for log in "$work"/*.log; do echo "--- $log"; tail -20 "$log"; done; exit 1; }
-
-# Runs a command until it succeeds, at most 10 s.
-wait_for() {
-    for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
-    fail "gave up waiting for: $*"
-}
+# its own runtime folder and session bus, whose only sink is the null sink "test". It brings
+# `work`, `pids`, `fail` and `wait_for` from test-processes.sh. The caller sets `session_name`
+# and `quantum`.
+source "$(dirname "${BASH_SOURCE[0]}")/test-processes.sh"
 
 export XDG_RUNTIME_DIR=$work/run HOME=$work/home XDG_CONFIG_HOME=$work/config XDG_STATE_HOME=$work/state
 mkdir -p "$XDG_RUNTIME_DIR" "$HOME" "$XDG_CONFIG_HOME" "$XDG_STATE_HOME"
