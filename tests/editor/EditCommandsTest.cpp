@@ -15,14 +15,8 @@
 namespace harlune {
 namespace {
 
+using testing::markerAt;
 using testing::Probe;
-
-Marker markerAt(int64_t frame, const char* name = "M") {
-    Marker marker;
-    marker.frame = frame;
-    marker.name = QString::fromLatin1(name);
-    return marker;
-}
 
 // The master curve's points as frames and gains (edits may add points with fresh identities).
 std::vector<std::pair<int64_t, double>> curve(const EnvelopeSet& set) {

@@ -151,6 +151,14 @@ inline AudioContent rampContent(int64_t frames, int channels = 2, double rate = 
     return AudioContent(std::move(planes), rate);
 }
 
+/// A marker at `frame` with a name and a fresh id.
+inline Marker markerAt(int64_t frame, const char* name = "M") {
+    Marker marker;
+    marker.frame = frame;
+    marker.name = QString::fromLatin1(name);
+    return marker;
+}
+
 /// Every stored preference removed, so each test starts from the registered defaults.
 inline void clearPreferences() {
     QSettings settings(QStringLiteral("Harlune"), QStringLiteral("Harlune"));

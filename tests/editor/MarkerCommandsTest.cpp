@@ -8,14 +8,8 @@
 namespace harlune {
 namespace {
 
+using testing::markerAt;
 using testing::Probe;
-
-Marker markerAt(int64_t frame, const char* name = "M") {
-    Marker marker;
-    marker.frame = frame;
-    marker.name = QString::fromLatin1(name);
-    return marker;
-}
 
 std::vector<int64_t> framesOf(const std::vector<Marker>& markers) {
     std::vector<int64_t> frames;
