@@ -2,6 +2,9 @@
 JOBS ?= 2
 WERROR ?= OFF
 CMAKE_FLAGS ?=
+# ccache (installed by the setup script) makes rebuilds in fresh clones and sibling build folders cheap.
+LAUNCHER := $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+export CCACHE_BASEDIR ?= $(CURDIR)
 
 BUILD_DIR := build
 SANITIZE_DIR := build-sanitize
@@ -13,7 +16,7 @@ deps:
 	@./scripts/install-deps.sh
 
 build: deps
-	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DHARLUNE_WERROR=$(WERROR) $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DHARLUNE_WERROR=$(WERROR) $(LAUNCHER) $(CMAKE_FLAGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 run: build
@@ -25,7 +28,7 @@ test: build
 test-sanitize: deps
 	# -O1 with line tables only: the sanitizers need no more, and CI builds everything twice.
 	cmake -S . -B $(SANITIZE_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHARLUNE_SANITIZE=ON \
-		-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DHARLUNE_WERROR=$(WERROR) -DHARLUNE_BENCHMARKS=OFF $(CMAKE_FLAGS)
+		-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DHARLUNE_WERROR=$(WERROR) -DHARLUNE_BENCHMARKS=OFF $(LAUNCHER) $(CMAKE_FLAGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
@@ -37,7 +40,7 @@ test-sanitize: deps
 test-realtime:
 	@./scripts/install-deps.sh scripts/packages-realtime.txt
 	CC=clang-22 CXX=clang++-22 cmake -S . -B $(REALTIME_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-		-DHARLUNE_REALTIME_SANITIZE=ON -DHARLUNE_WERROR=OFF -DHARLUNE_BENCHMARKS=OFF $(CMAKE_FLAGS)
+		-DHARLUNE_REALTIME_SANITIZE=ON -DHARLUNE_WERROR=OFF -DHARLUNE_BENCHMARKS=OFF $(LAUNCHER) $(CMAKE_FLAGS)
 	cmake --build $(REALTIME_DIR) -j $(JOBS) --target harlune_engine_tests
 	./$(REALTIME_DIR)/bin/harlune_engine_tests
 

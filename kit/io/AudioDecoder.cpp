@@ -1,7 +1,7 @@
 #include "io/AudioDecoder.h"
 
 #include "base/HarluneError.h"
-#include "io/CoreAudioCannotDecode.h"
+#include "io/SndFileCannotDecode.h"
 #include "io/FFmpegDecoder.h"
 #include "io/FFmpegTool.h"
 #include "io/SndFileReader.h"
@@ -26,7 +26,7 @@ AudioFileInfo decodeWithFallback(const std::filesystem::path& url, DecodeProgres
     try {
         SndFileReader reader(url);
         return reader.decode(progress, onFormat, onChunk);
-    } catch (const CoreAudioCannotDecode& refusal) {
+    } catch (const SndFileCannotDecode& refusal) {
         nativeMessage = refusal.message;
     }
     if (!FFmpegDecoder::isAvailable())

@@ -2,7 +2,7 @@
 
 #include "base/HarluneError.h"
 #include "base/Uuid.h"
-#include "io/CoreAudioCannotDecode.h"
+#include "io/SndFileCannotDecode.h"
 #include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
 #include "io/ReadAhead.h"
@@ -122,7 +122,7 @@ AudioFileInfo decodeViaTemporaryFile(const std::filesystem::path& url, const std
         const AudioFileInfo final = reader->decode(
             progress, [&](const AudioFileInfo& info) { onFormat(rewrittenForSource(info, url)); }, onChunk);
         return rewrittenForSource(final, url);
-    } catch (const CoreAudioCannotDecode& refusal) {
+    } catch (const SndFileCannotDecode& refusal) {
         // The native reader's "not for me" must not leave this road: the tool was the last resort.
         throw HarluneError::decodeFailed(refusal.message);
     }

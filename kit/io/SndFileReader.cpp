@@ -1,8 +1,8 @@
 #include "io/SndFileReader.h"
 
 #include "base/HarluneError.h"
-#include "io/CoreAudioCannotDecode.h"
-#include "io/CoreAudioNames.h"
+#include "io/SndFileCannotDecode.h"
+#include "io/FormatCodes.h"
 #include "io/Deinterleave.h"
 
 #include <algorithm>
@@ -156,11 +156,11 @@ SndFileReader::SndFileReader(std::filesystem::path url) : url_(std::move(url)) {
     // Opening a FIFO or a device would block or read for ever: only regular files go in.
     std::error_code error;
     if (std::filesystem::status(url_, error).type() != std::filesystem::file_type::regular)
-        throw CoreAudioCannotDecode("libsndfile can\u2019t open the file (not a regular file)");
+        throw SndFileCannotDecode("libsndfile can\u2019t open the file (not a regular file)");
     SF_INFO sfInfo{};
     file_ = sf_open(url_.c_str(), SFM_READ, &sfInfo);
     if (!file_)
-        throw CoreAudioCannotDecode("libsndfile can\u2019t open the file (" +
+        throw SndFileCannotDecode("libsndfile can\u2019t open the file (" +
                                     std::string(sf_strerror(nullptr)) + ")");
     format_ = sfInfo.format;
     channels_ = sfInfo.channels;
@@ -170,13 +170,13 @@ SndFileReader::SndFileReader(std::filesystem::path url) : url_(std::move(url)) {
     formatID_ = formatIDOf(format_);
     if (channels_ <= 0 || sampleRate_ <= 0) {
         sf_close(file_);
-        throw CoreAudioCannotDecode("libsndfile can\u2019t describe the audio stream");
+        throw SndFileCannotDecode("libsndfile can\u2019t describe the audio stream");
     }
     // libsndfile gives an Opus stream the rate of the encoder's input, where every other decoder
     // gives 48 kHz; the tool road decodes it as everyone else does.
     if (formatID_ == CAFormat::opus) {
         sf_close(file_);
-        throw CoreAudioCannotDecode("libsndfile has no decoder for Opus at 48 kHz");
+        throw SndFileCannotDecode("libsndfile has no decoder for Opus at 48 kHz");
     }
 }
 
@@ -189,9 +189,9 @@ AudioFileInfo SndFileReader::info(int64_t frameCount) const {
     AudioFileInfo result;
     result.url = url_;
     result.containerName =
-        fileType_ ? CoreAudioNames::container(*fileType_) : libraryName(format_ & SF_FORMAT_TYPEMASK);
+        fileType_ ? FormatCodes::container(*fileType_) : libraryName(format_ & SF_FORMAT_TYPEMASK);
     result.codecName =
-        formatID_ ? CoreAudioNames::codec(*formatID_) : libraryName(format_ & SF_FORMAT_SUBMASK);
+        formatID_ ? FormatCodes::codec(*formatID_) : libraryName(format_ & SF_FORMAT_SUBMASK);
     result.sampleRate = sampleRate_;
     result.channelCount = channels_;
     const bool pcm = formatID_ == linearPCM;
@@ -209,7 +209,7 @@ AudioFileInfo SndFileReader::info(int64_t frameCount) const {
     }
     result.isLossy = !lossless;
     if (fileType_ && formatID_)
-        result.nativeExportFormat = CoreAudioNames::nativeExportFormat(*fileType_, *formatID_);
+        result.nativeExportFormat = FormatCodes::nativeExportFormat(*fileType_, *formatID_);
     result.decoderName = "libsndfile";
     return result;
 }
@@ -236,12 +236,12 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
             const std::string text = "libsndfile decode error (" + std::string(sf_strerror(file_)) +
                                      ") after " + std::to_string(count) + " frames";
             if (count == 0)
-                throw CoreAudioCannotDecode(text);
+                throw SndFileCannotDecode(text);
             throw HarluneError::decodeFailed(text);
         }
         if (got <= 0) {
             if (count == 0 && lengthFrames_ > 0)
-                throw CoreAudioCannotDecode("libsndfile decoded no audio");
+                throw SndFileCannotDecode("libsndfile decoded no audio");
             break;
         }
         sendFormat();

@@ -14,14 +14,14 @@ struct sf_private_tag;
 namespace harlune {
 
 /// The native decode road on Linux: a file opened with libsndfile, described in the container
-/// and codec labels of `CoreAudioNames`, and streamed as float planes of at most 32768 frames.
+/// and codec labels of `FormatCodes`, and streamed as float planes of at most 32768 frames.
 ///
-/// Any refusal before the first chunk is `CoreAudioCannotDecode`, so that the decoder may hand
+/// Any refusal before the first chunk is `SndFileCannotDecode`, so that the decoder may hand
 /// the file to the tool road; a failure after samples went out is `HarluneError::decodeFailed`.
 /// One reader serves one thread at a time.
 class SndFileReader {
 public:
-    /// Opens the file or throws `CoreAudioCannotDecode`.
+    /// Opens the file or throws `SndFileCannotDecode`.
     explicit SndFileReader(std::filesystem::path url);
     ~SndFileReader();
     SndFileReader(const SndFileReader&) = delete;

@@ -1,6 +1,6 @@
 // The naming tables, the format catalog and ffprobe's JSON, against the tables they come from.
 #include "base/HarluneError.h"
-#include "io/CoreAudioNames.h"
+#include "io/FormatCodes.h"
 #include "io/FFmpegDecoder.h"
 #include "io/FormatCatalog.h"
 
@@ -21,37 +21,37 @@ TEST(FourCC, printsFourPrintableBytesAsTextAndOthersAsNumbers) {
     EXPECT_EQ(FourCC::status(static_cast<int32_t>(fourCC("wht?"))), "OSStatus 2003334207 'wht?'");
 }
 
-TEST(CoreAudioNames, labelsContainersAndCodecsAndFallsBackToTheCode) {
-    EXPECT_EQ(CoreAudioNames::container(fourCC("AIFC")), "AIFF-C");
-    EXPECT_EQ(CoreAudioNames::container(fourCC("W64f")), "Wave64");
-    EXPECT_EQ(CoreAudioNames::container(fourCC("MPG2")), "MPEG Audio");
-    EXPECT_EQ(CoreAudioNames::container(fourCC("mp4f")), "MPEG-4");
-    EXPECT_EQ(CoreAudioNames::container(fourCC("zzzz")), "zzzz");
-    EXPECT_EQ(CoreAudioNames::codec(fourCC(".mp1")), "MPEG Layer I");
-    EXPECT_EQ(CoreAudioNames::codec(fourCC("ulaw")), "\u00B5-law");
-    EXPECT_EQ(CoreAudioNames::codec(0x6D730031), "GSM 6.10");
-    EXPECT_EQ(CoreAudioNames::codec(7), "7");
+TEST(FormatCodes, labelsContainersAndCodecsAndFallsBackToTheCode) {
+    EXPECT_EQ(FormatCodes::container(fourCC("AIFC")), "AIFF-C");
+    EXPECT_EQ(FormatCodes::container(fourCC("W64f")), "Wave64");
+    EXPECT_EQ(FormatCodes::container(fourCC("MPG2")), "MPEG Audio");
+    EXPECT_EQ(FormatCodes::container(fourCC("mp4f")), "MPEG-4");
+    EXPECT_EQ(FormatCodes::container(fourCC("zzzz")), "zzzz");
+    EXPECT_EQ(FormatCodes::codec(fourCC(".mp1")), "MPEG Layer I");
+    EXPECT_EQ(FormatCodes::codec(fourCC("ulaw")), "\u00B5-law");
+    EXPECT_EQ(FormatCodes::codec(0x6D730031), "GSM 6.10");
+    EXPECT_EQ(FormatCodes::codec(7), "7");
 }
 
-TEST(CoreAudioNames, nativeExportFormatFollowsContainerAndCodec) {
+TEST(FormatCodes, nativeExportFormatFollowsContainerAndCodec) {
     const auto lpcm = fourCC("lpcm");
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("WAVE"), lpcm), ExportFormat::wav);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("RF64"), lpcm), ExportFormat::wav);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("WAVE"), 0x6D730002),
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("WAVE"), lpcm), ExportFormat::wav);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("RF64"), lpcm), ExportFormat::wav);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("WAVE"), 0x6D730002),
               std::nullopt); // compressed WAVE
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("AIFC"), lpcm), ExportFormat::aiff);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("AIFC"), fourCC("ima4")), std::nullopt);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("caff"), fourCC("alac")), ExportFormat::caf);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("flac"), fourCC("flac")), ExportFormat::flac);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("MPG3"), fourCC(".mp3")), ExportFormat::mp3);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("MPG1"), fourCC(".mp1")), std::nullopt);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("MPG2"), fourCC(".mp2")), std::nullopt);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("adts"), fourCC("aac ")), ExportFormat::aac);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("m4af"), fourCC("alac")), ExportFormat::alac);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("m4bf"), fourCC("aac ")), ExportFormat::aac);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("mp4f"), fourCC("aach")), std::nullopt);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("Oggf"), fourCC("opus")), ExportFormat::opus);
-    EXPECT_EQ(CoreAudioNames::nativeExportFormat(fourCC("Oggf"), fourCC("vorb")), std::nullopt);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("AIFC"), lpcm), ExportFormat::aiff);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("AIFC"), fourCC("ima4")), std::nullopt);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("caff"), fourCC("alac")), ExportFormat::caf);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("flac"), fourCC("flac")), ExportFormat::flac);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("MPG3"), fourCC(".mp3")), ExportFormat::mp3);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("MPG1"), fourCC(".mp1")), std::nullopt);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("MPG2"), fourCC(".mp2")), std::nullopt);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("adts"), fourCC("aac ")), ExportFormat::aac);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("m4af"), fourCC("alac")), ExportFormat::alac);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("m4bf"), fourCC("aac ")), ExportFormat::aac);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("mp4f"), fourCC("aach")), std::nullopt);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("Oggf"), fourCC("opus")), ExportFormat::opus);
+    EXPECT_EQ(FormatCodes::nativeExportFormat(fourCC("Oggf"), fourCC("vorb")), std::nullopt);
 }
 
 TEST(FormatCatalog, mapsExtensionsWhateverTheirCase) {

@@ -42,12 +42,12 @@ inline constexpr uint32_t vorbis = fourCC("vorb");
 /// The labels the user reads for container and codec codes, and the export format that would
 /// reproduce a file as it is. The native reader describes every file in these codes, whatever
 /// library decodes it.
-namespace CoreAudioNames {
+namespace FormatCodes {
 /// "WAVE", "AIFF-C", "MPEG-4"...; unknown codes print through `FourCC::string`.
 std::string container(uint32_t fileType);
 /// "Linear PCM", "Apple Lossless", "MP3"...; unknown codes print through `FourCC::string`.
 std::string codec(uint32_t formatID);
 std::optional<ExportFormat> nativeExportFormat(uint32_t fileType, uint32_t formatID);
-} // namespace CoreAudioNames
+} // namespace FormatCodes
 
 } // namespace harlune

@@ -1,4 +1,4 @@
-#include "io/CoreAudioNames.h"
+#include "io/FormatCodes.h"
 
 #include <array>
 #include <utility>
@@ -84,15 +84,15 @@ template <size_t N> std::string lookup(const std::array<Label, N>& table, uint32
 
 } // namespace
 
-std::string CoreAudioNames::container(uint32_t fileType) {
+std::string FormatCodes::container(uint32_t fileType) {
     return lookup(containers, fileType);
 }
 
-std::string CoreAudioNames::codec(uint32_t formatID) {
+std::string FormatCodes::codec(uint32_t formatID) {
     return lookup(codecs, formatID);
 }
 
-std::optional<ExportFormat> CoreAudioNames::nativeExportFormat(uint32_t fileType, uint32_t formatID) {
+std::optional<ExportFormat> FormatCodes::nativeExportFormat(uint32_t fileType, uint32_t formatID) {
     const bool pcm = formatID == fourCC("lpcm");
     switch (fileType) {
     case fourCC("WAVE"):
