@@ -10,7 +10,7 @@ BUILD_DIR := build
 SANITIZE_DIR := build-sanitize
 REALTIME_DIR := build-realtime
 
-.PHONY: deps build run test test-sanitize test-realtime bench format clean
+.PHONY: deps build run test test-sanitize test-realtime bench format format-check clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -49,6 +49,10 @@ bench: build
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+# Fails, naming each file and line, when a tracked source is not formatted as `make format` would.
+format-check: deps
+	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 
 clean:
 	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(REALTIME_DIR)
