@@ -1,11 +1,10 @@
-#include <cmath>
-#include <limits>
-
-#include <gtest/gtest.h>
-
 #include "base/Clamped.h"
 #include "base/Decibels.h"
 #include "base/HarluneError.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
 
 namespace harlune {
 namespace {
@@ -25,16 +24,19 @@ TEST(DecibelsTest, ConversionsAndFloor) {
         EXPECT_NEAR(Decibels::fromLinear(Decibels::toLinear(dB)), dB, 1e-9);
 }
 
-TEST(ClampedTest, LowerFirstThenUpper) {
+TEST(ClampedTest, LowerFirstThenUpperDecidesCrossedBoundsAndNaN) {
     EXPECT_EQ(clamped(5, 0, 3), 3);
     EXPECT_EQ(clamped(-5, 0, 3), 0);
-    EXPECT_EQ(clamped(2.5, 0.0, 3.0), 2.5);
+    EXPECT_EQ(clamped(1, 4, 3), 3) << "crossed bounds: the upper one wins";
+    EXPECT_TRUE(std::isnan(clamped(std::nan(""), 0.0, 1.0))) << "NaN passes both comparisons";
 }
 
 TEST(HarluneErrorTest, TextsTheUserReads) {
     EXPECT_STREQ(HarluneError::unsupportedFormat("x").what(), "Unsupported format: x");
-    EXPECT_STREQ(HarluneError::decodeFailed("bad header").what(), "Couldn\xE2\x80\x99t read the audio: bad header");
-    EXPECT_STREQ(HarluneError::encodeFailed("disk full").what(), "Couldn\xE2\x80\x99t write the audio: disk full");
+    EXPECT_STREQ(HarluneError::decodeFailed("bad header").what(),
+                 "Couldn\xE2\x80\x99t read the audio: bad header");
+    EXPECT_STREQ(HarluneError::encodeFailed("disk full").what(),
+                 "Couldn\xE2\x80\x99t write the audio: disk full");
     EXPECT_STREQ(HarluneError::codecUnavailable("MP3").what(), "Codec unavailable: MP3");
     EXPECT_STREQ(HarluneError::cancelled().what(), "Cancelled");
     EXPECT_TRUE(HarluneError::cancelled().isCancelled());

@@ -98,17 +98,6 @@ TEST(EnvelopedSourceTest, AFlatSetReadsThePlainContent) {
     EXPECT_EQ(testing::planesOf(EnvelopedSource(content, GainEnvelope())), planes);
 }
 
-TEST(EnvelopedSourceTest, ASingleMasterCurveAppliesToEveryChannel) {
-    const AudioContent content(Planes{{1, 1, 1}, {0.5f, 0.5f, 0.5f}}, 48000);
-    const EnvelopedSource source(content, GainEnvelope({EnvelopePoint(1000, 6)}));
-    const auto out = testing::planesOf(source);
-    const float g = static_cast<float>(std::pow(10.0, 6.0 / 20.0));
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_NEAR(out[0][i], g, 1e-6);
-        EXPECT_NEAR(out[1][i], 0.5f * g, 1e-6);
-    }
-}
-
 TEST(ApplyingEnvelopesTest, AFlatSetReturnsTheSameBlocks) {
     const auto content = testing::fragmented(testing::noisePlanes(2, 200'000), 48000, {70'000});
     const auto same = applyingEnvelopes(content, EnvelopeSet(GainEnvelope({EnvelopePoint(5, 0)})));

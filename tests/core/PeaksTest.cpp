@@ -1,9 +1,8 @@
-#include <random>
-
-#include <gtest/gtest.h>
-
 #include "core/AudioContent.h"
 #include "support/TestAudio.h"
+
+#include <gtest/gtest.h>
+#include <random>
 
 namespace harlune {
 namespace {
@@ -14,7 +13,8 @@ using testing::Planes;
 
 PeakSummary naivePeaks(const std::vector<float>& plane, FrameRange range) {
     PeakSummary result;
-    for (int64_t i = std::max<int64_t>(0, range.lower); i < std::min<int64_t>(range.upper, static_cast<int64_t>(plane.size())); ++i) {
+    for (int64_t i = std::max<int64_t>(0, range.lower);
+         i < std::min<int64_t>(range.upper, static_cast<int64_t>(plane.size())); ++i) {
         const float x = plane[static_cast<size_t>(i)];
         result.merge(x, x, x * x, 1);
     }
@@ -37,23 +37,13 @@ TEST(PeaksTest, RandomRangesOverAFragmentedContentMatchANaiveScan) {
     for (int trial = 0; trial < 300; ++trial) {
         int64_t a = position(generator), b = position(generator);
         if (trial % 3 == 0)
-            b = a + trial; // many short ranges too
+            b = a + trial % 7; // empty, one-frame and other short ranges too
+        else if (trial % 3 == 1)
+            b = a + trial;
         const FrameRange range{std::min(a, b), std::max(a, b)};
         for (int c = 0; c < 2; ++c)
             expectSamePeaks(content.peaks(c, range), naivePeaks(planes[static_cast<size_t>(c)], range));
     }
-}
-
-TEST(PeaksTest, OneFrameAndShortBlockEnd) {
-    const Planes planes = noisePlanes(1, 1000, 52);
-    const AudioContent content(planes, 48000);
-    const PeakSummary one = content.peaks(0, {500, 501});
-    EXPECT_EQ(one.min, planes[0][500]);
-    EXPECT_EQ(one.max, planes[0][500]);
-    EXPECT_EQ(one.count, 1);
-    // The block is 1000 frames: its last point covers 232 frames, not 256.
-    EXPECT_EQ(content.peaks(0, {256, 1000}).count, 744);
-    EXPECT_EQ(content.peaks(0, content.fullRange()).count, 1000);
 }
 
 TEST(PeaksTest, WindowAtOffset300UsesPointsFromTheSecondPointsEnd) {

@@ -77,59 +77,6 @@ void expectBlocksKeptOutside(const AudioContent& before, const AudioContent& aft
         }
 }
 
-/// Runs `operation` over all channel counts, ranges and channel sets, and checks every sample
-/// against `expected(original channel, frame, range)` for active channels in range, and unchanged
-/// samples and blocks elsewhere.
-void checkPerSample(const std::function<AudioContent(const AudioContent&, std::optional<FrameRange>,
-                                                     const std::optional<ChannelSet>&)>& operation,
-                    const std::function<float(const std::vector<float>&, int64_t, FrameRange)>& expected,
-                    float tolerance = 0) {
-    for (const int channels : {1, 2, 3}) {
-        const AudioContent content = makeContent(channels, static_cast<uint32_t>(channels));
-        const Planes original = testing::planesOf(content);
-        for (const auto& range : ranges) {
-            for (const auto& active : channelChoices(channels)) {
-                const AudioContent result = operation(content, range, active);
-                const FrameRange r = range.value_or(content.fullRange());
-                const Planes out = testing::planesOf(result);
-                for (int c = 0; c < channels; ++c) {
-                    const auto& in = original[static_cast<size_t>(c)];
-                    const auto& got = out[static_cast<size_t>(c)];
-                    for (int64_t f = 0; f < frames; ++f) {
-                        const float x = in[static_cast<size_t>(f)];
-                        const float want = r.contains(f) && isActive(active, c) ? expected(in, f, r) : x;
-                        if (tolerance == 0)
-                            ASSERT_EQ(got[static_cast<size_t>(f)], want)
-                                << channels << "ch c" << c << " f" << f;
-                        else
-                            ASSERT_NEAR(got[static_cast<size_t>(f)], want, tolerance)
-                                << channels << "ch c" << c << " f" << f;
-                    }
-                }
-                expectBlocksKeptOutside(content, result, r);
-            }
-        }
-    }
-}
-
-// Gain, ramps and fades -----------------------------------------------------------------------
-
-TEST(ProcessingTest, ApplyingGainMultipliesByOneFloat) {
-    const auto g = static_cast<float>(std::pow(10.0, -7.3 / 20.0));
-    checkPerSample(
-        [](const AudioContent& c, auto range, const auto& ch) { return applyingGain(c, -7.3, range, ch); },
-        [&](const auto& in, int64_t f, FrameRange) { return at(in, f) * g; });
-}
-
-TEST(ProcessingTest, ApplyingGainRampIsStraightInDecibels) {
-    checkPerSample([](const AudioContent& c, auto range,
-                      const auto& ch) { return applyingGainRamp(c, -20, 6, range, ch); },
-                   [](const auto& in, int64_t f, FrameRange r) {
-                       return at(in, f) *
-                              static_cast<float>(std::pow(10.0, (-20 + 26 * position(f, r)) / 20.0));
-                   });
-}
-
 double referenceShape(FadeShape shape, double t) {
     t = std::min(std::max(t, 0.0), 1.0);
     switch (shape) {
@@ -147,18 +94,86 @@ double referenceShape(FadeShape shape, double t) {
     return 0;
 }
 
-TEST(ProcessingTest, ApplyingFadeFollowsEachShapeBothWays) {
-    for (const FadeShape shape : allFadeShapes()) {
-        for (const FadeDirection direction : {FadeDirection::fadeIn, FadeDirection::fadeOut}) {
-            checkPerSample([&](const AudioContent& c, auto range,
-                               const auto& ch) { return applyingFade(c, direction, shape, range, ch); },
-                           [&](const auto& in, int64_t f, FrameRange r) {
-                               const double t = position(f, r);
-                               return at(in, f) *
-                                      static_cast<float>(referenceShape(
-                                          shape, direction == FadeDirection::fadeOut ? 1 - t : t));
-                           },
-                           2e-7f);
+// The per-sample operations, each beside its closed form.
+struct PerSampleCase {
+    std::string name;
+    std::function<AudioContent(const AudioContent&, std::optional<FrameRange>,
+                               const std::optional<ChannelSet>&)>
+        operation;
+    std::function<float(const std::vector<float>&, int64_t, FrameRange)> expected;
+    float tolerance = 0;
+};
+
+std::vector<PerSampleCase> perSampleCases() {
+    const auto g = static_cast<float>(std::pow(10.0, -7.3 / 20.0));
+    std::vector<PerSampleCase> cases{
+        {"gain", [](const auto& c, auto range, const auto& ch) { return applyingGain(c, -7.3, range, ch); },
+         [g](const auto& in, int64_t f, FrameRange) {
+             return at(in, f) * g;
+         }},
+        {"ramp straight in dB",
+         [](const auto& c, auto range, const auto& ch) { return applyingGainRamp(c, -20, 6, range, ch); },
+         [](const auto& in, int64_t f, FrameRange r) {
+             return at(in, f) * static_cast<float>(std::pow(10.0, (-20 + 26 * position(f, r)) / 20.0));
+         }},
+        {"inverted", [](const auto& c, auto range, const auto& ch) { return inverted(c, range, ch); },
+         [](const auto& in, int64_t f, FrameRange) {
+             return -at(in, f);
+         }},
+        {"silenced",
+         [](const auto& c, auto range, const auto& ch) {
+             return silenced(c, range.value_or(c.fullRange()), ch);
+         },
+         [](const auto&, int64_t, FrameRange) {
+             return 0.0f;
+         }},
+        {"reversed", [](const auto& c, auto range, const auto& ch) { return reversed(c, range, ch); },
+         [](const auto& in, int64_t f, FrameRange r) {
+             return at(in, r.upper - 1 - (f - r.lower));
+         }},
+    };
+    for (const FadeShape shape : allFadeShapes())
+        for (const FadeDirection direction : {FadeDirection::fadeIn, FadeDirection::fadeOut})
+            cases.push_back({std::string("fade ") + (direction == FadeDirection::fadeIn ? "in " : "out ") +
+                                 std::string(rawValue(shape)),
+                             [=](const auto& c, auto range, const auto& ch) {
+                                 return applyingFade(c, direction, shape, range, ch);
+                             },
+                             [=](const auto& in, int64_t f, FrameRange r) {
+                                 const double t = position(f, r);
+                                 return at(in, f) *
+                                        static_cast<float>(referenceShape(
+                                            shape, direction == FadeDirection::fadeOut ? 1 - t : t));
+                             },
+                             2e-7f});
+    return cases;
+}
+
+/// Every case over all channel counts, ranges and channel sets: each sample against the closed
+/// form for active channels in range, unchanged samples and blocks elsewhere.
+TEST(ProcessingTest, PerSampleOperationsFollowTheirClosedForms) {
+    for (const int channels : {1, 2, 3}) {
+        const AudioContent content = makeContent(channels, static_cast<uint32_t>(channels));
+        const Planes original = testing::planesOf(content);
+        for (const PerSampleCase& test : perSampleCases()) {
+            for (const auto& range : ranges) {
+                for (const auto& active : channelChoices(channels)) {
+                    const AudioContent result = test.operation(content, range, active);
+                    const FrameRange r = range.value_or(content.fullRange());
+                    const Planes out = testing::planesOf(result);
+                    for (int c = 0; c < channels; ++c) {
+                        const auto& in = original[static_cast<size_t>(c)];
+                        const auto& got = out[static_cast<size_t>(c)];
+                        for (int64_t f = 0; f < frames; ++f) {
+                            const float want =
+                                r.contains(f) && isActive(active, c) ? test.expected(in, f, r) : at(in, f);
+                            ASSERT_NEAR(at(got, f), want, test.tolerance)
+                                << test.name << ", " << channels << "ch c" << c << " f" << f;
+                        }
+                    }
+                    expectBlocksKeptOutside(content, result, r);
+                }
+            }
         }
     }
 }
@@ -191,42 +206,47 @@ TEST(FadeShapeTest, GainClampsAndFollowsTheClosedForms) {
 }
 
 TEST(FadeShapeTest, RawValuesNamesAndJSON) {
-    const std::vector<std::string_view> raws{"linear", "logarithmic", "exponential", "sCurve", "equalPower"};
-    const std::vector<std::string_view> names{"Linear", "Logarithmic (fast)", "Exponential (slow)", "S-Curve",
-                                              "Equal Power"};
-    ASSERT_EQ(allFadeShapes().size(), 5u);
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(rawValue(allFadeShapes()[i]), raws[i]);
-        EXPECT_EQ(displayName(allFadeShapes()[i]), names[i]);
-        EXPECT_EQ(fadeShapeFromRawValue(raws[i]), allFadeShapes()[i]);
-        EXPECT_EQ(nlohmann::json(allFadeShapes()[i]).get<FadeShape>(), allFadeShapes()[i]);
+    const std::pair<std::string_view, std::string_view> texts[] = {{"linear", "Linear"},
+                                                                   {"logarithmic", "Logarithmic (fast)"},
+                                                                   {"exponential", "Exponential (slow)"},
+                                                                   {"sCurve", "S-Curve"},
+                                                                   {"equalPower", "Equal Power"}};
+    ASSERT_EQ(allFadeShapes().size(), std::size(texts));
+    for (size_t i = 0; i < std::size(texts); ++i) {
+        const FadeShape shape = allFadeShapes()[i];
+        EXPECT_EQ(rawValue(shape), texts[i].first);
+        EXPECT_EQ(displayName(shape), texts[i].second);
+        EXPECT_EQ(nlohmann::json(shape), texts[i].first);
+        EXPECT_EQ(nlohmann::json(texts[i].first).get<FadeShape>(), shape);
     }
-    EXPECT_EQ(nlohmann::json(FadeShape::sCurve), "sCurve");
     EXPECT_THROW(nlohmann::json("SCurve").get<FadeShape>(), nlohmann::json::exception);
     EXPECT_EQ(rawValue(EffectTailMode::mixIntoFollowing), "mixIntoFollowing");
     EXPECT_EQ(effectTailModeFromRawValue("truncate"), EffectTailMode::truncate);
     EXPECT_FALSE(effectTailModeFromRawValue("mix"));
 }
 
-// Peaks and normalising -----------------------------------------------------------------------
+// Peaks, DC and normalising ------------------------------------------------------------------
 
-TEST(ProcessingTest, SamplePeaksMatchANaiveScan) {
+TEST(ProcessingTest, SamplePeaksAndDCOffsetsMatchANaiveScan) {
     for (const int channels : {1, 2, 3}) {
         const AudioContent content = makeContent(channels, 9);
         const Planes planes = testing::planesOf(content);
         for (const auto& range : ranges) {
             const FrameRange r = range.value_or(content.fullRange());
             const auto peaks = samplePeaks(content, range);
+            const auto offsets = dcOffsets(content, range);
             ASSERT_EQ(peaks.size(), static_cast<size_t>(channels));
             for (int c = 0; c < channels; ++c) {
-                float want = 0;
+                float peak = 0;
                 for (int64_t f = r.lower; f < r.upper; ++f)
-                    want = std::max(want, std::abs(planes[static_cast<size_t>(c)][static_cast<size_t>(f)]));
-                EXPECT_EQ(peaks[static_cast<size_t>(c)], want);
+                    peak = std::max(peak, std::abs(at(planes[static_cast<size_t>(c)], f)));
+                EXPECT_EQ(peaks[static_cast<size_t>(c)], peak);
+                EXPECT_NEAR(offsets[static_cast<size_t>(c)], mean(planes, c, r), 1e-6);
             }
         }
         EXPECT_EQ(samplePeaks(content, FrameRange{10, 10}),
-                  std::vector<float>(static_cast<size_t>(channels), 0.0f));
+                  std::vector<float>(static_cast<size_t>(channels)));
+        EXPECT_EQ(dcOffsets(content, FrameRange{7, 7}), std::vector<double>(static_cast<size_t>(channels)));
     }
 }
 
@@ -270,27 +290,22 @@ TEST(ProcessingTest, NormalizingGainsPerChannelOrShared) {
             EXPECT_NEAR(shared[c][i], 2 * testing::planesOf(content)[c][i], 1e-6);
 }
 
-TEST(ProcessingTest, NormalizingSilenceReturnsTheSameContent) {
+/// Operations with nothing to do hand back the very same blocks rather than copies.
+TEST(ProcessingTest, NothingToDoKeepsTheBlocks) {
+    const auto expectSameBlocks = [](const AudioContent& result, const AudioContent& original) {
+        ASSERT_EQ(result.segmentCount(), original.segmentCount());
+        for (size_t i = 0; i < original.segments().size(); ++i)
+            EXPECT_EQ(result.segments()[i].block, original.segments()[i].block) << i;
+    };
     const AudioContent silence = AudioContent::silence(100'000, 2, 48000);
-    for (const bool independent : {false, true}) {
-        const auto result = normalizingPeak(silence, 0, std::nullopt, std::nullopt, independent);
-        ASSERT_EQ(result.segmentCount(), silence.segmentCount());
-        for (size_t i = 0; i < silence.segments().size(); ++i)
-            EXPECT_EQ(result.segments()[i].block, silence.segments()[i].block);
-    }
-}
-
-// Sign, silence and DC ------------------------------------------------------------------------
-
-TEST(ProcessingTest, InvertedFlipsTheSign) {
-    checkPerSample([](const AudioContent& c, auto range, const auto& ch) { return inverted(c, range, ch); },
-                   [](const auto& in, int64_t f, FrameRange) { return -at(in, f); });
-}
-
-TEST(ProcessingTest, SilencedZeroes) {
-    checkPerSample([](const AudioContent& c, auto range,
-                      const auto& ch) { return silenced(c, range.value_or(c.fullRange()), ch); },
-                   [](const auto&, int64_t, FrameRange) { return 0.0f; });
+    expectSameBlocks(normalizingPeak(silence, 0), silence);
+    expectSameBlocks(normalizingPeak(silence, 0, std::nullopt, std::nullopt, true), silence);
+    const AudioContent content = makeContent(2);
+    expectSameBlocks(reversed(content, FrameRange{70'000, 70'001}), content);
+    expectSameBlocks(silenced(content, {frames + 5, frames + 9}), content);
+    expectSameBlocks(remixed(content, 2), content);
+    expectSameBlocks(
+        applyingEffects(content, {}, std::nullopt, std::nullopt, EffectTailMode::mixIntoFollowing), content);
 }
 
 TEST(ProcessingTest, SilencingAllChannelsPutsInNewZeroBlocks) {
@@ -306,22 +321,6 @@ TEST(ProcessingTest, SilencingAllChannelsPutsInNewZeroBlocks) {
         }
         // The quick path leaves whole zero blocks, so their summaries say silence without reading.
         EXPECT_EQ(samplePeaks(result, r), (std::vector<float>{0, 0}));
-    }
-    EXPECT_EQ(silenced(content, {frames + 5, frames + 9}).segments().size(), content.segments().size());
-}
-
-TEST(ProcessingTest, DCOffsetsAreTheMeans) {
-    for (const int channels : {1, 2, 3}) {
-        const AudioContent content = makeContent(channels, 21);
-        const Planes planes = testing::planesOf(content);
-        for (const auto& range : ranges) {
-            const FrameRange r = range.value_or(content.fullRange());
-            const auto offsets = dcOffsets(content, range);
-            for (int c = 0; c < channels; ++c)
-                EXPECT_NEAR(offsets[static_cast<size_t>(c)], mean(planes, c, r), 1e-6);
-        }
-        EXPECT_EQ(dcOffsets(content, FrameRange{7, 7}),
-                  std::vector<double>(static_cast<size_t>(channels), 0.0));
     }
 }
 
@@ -350,53 +349,29 @@ TEST(ProcessingTest, RemovingDCOffsetSubtractsEachChannelsMean) {
     }
 }
 
-// Reverse and channel layout ------------------------------------------------------------------
-
-TEST(ProcessingTest, ReversedPlaysTheRangeBackwards) {
-    checkPerSample(
-        [](const AudioContent& c, auto range, const auto& ch) { return reversed(c, range, ch); },
-        [](const auto& in, int64_t f, FrameRange r) { return at(in, r.upper - 1 - (f - r.lower)); });
-}
-
-TEST(ProcessingTest, ReversingOneFrameChangesNothing) {
-    const AudioContent content = makeContent(2);
-    const auto result = reversed(content, FrameRange{70'000, 70'001});
-    ASSERT_EQ(result.segments().size(), content.segments().size());
-    for (size_t i = 0; i < content.segments().size(); ++i)
-        EXPECT_EQ(result.segments()[i].block, content.segments()[i].block);
-}
+// Channel layout ------------------------------------------------------------------------------
 
 TEST(ProcessingTest, RemixedAveragesDownAndRepeatsUp) {
-    const AudioContent three = makeContent(3, 5);
-    const Planes in = testing::planesOf(three);
-    const Planes mono = testing::planesOf(remixed(three, 1));
-    ASSERT_EQ(mono.size(), 1u);
-    for (size_t i = 0; i < static_cast<size_t>(frames); ++i)
-        ASSERT_NEAR(mono[0][i], (in[0][i] + in[1][i] + in[2][i]) / 3.0, 1e-6);
-
-    const AudioContent six = makeContent(6, 6);
-    const Planes sixIn = testing::planesOf(six);
-    const Planes two = testing::planesOf(remixed(six, 2));
-    ASSERT_EQ(two.size(), 2u);
-    for (size_t i = 0; i < static_cast<size_t>(frames); i += 3) {
-        ASSERT_NEAR(two[0][i], (sixIn[0][i] + sixIn[2][i] + sixIn[4][i]) / 3.0, 1e-6);
-        ASSERT_NEAR(two[1][i], (sixIn[1][i] + sixIn[3][i] + sixIn[5][i]) / 3.0, 1e-6);
+    // Fewer channels: the mean of source channels d, d + n, d + 2n...; more: source d mod count.
+    for (const auto& [from, to] : {std::pair{3, 1}, {6, 2}, {4, 3}, {2, 3}, {2, 4}, {1, 2}}) {
+        const AudioContent content = makeContent(from, static_cast<uint32_t>(from * 10 + to));
+        const Planes in = testing::planesOf(content);
+        const Planes out = testing::planesOf(remixed(content, to));
+        ASSERT_EQ(out.size(), static_cast<size_t>(to));
+        for (int d = 0; d < to; ++d) {
+            for (size_t i = 0; i < static_cast<size_t>(frames); i += 3) {
+                double want = in[static_cast<size_t>(d % from)][i];
+                if (to < from) {
+                    double sum = 0;
+                    int n = 0;
+                    for (int source = d; source < from; source += to, ++n)
+                        sum += in[static_cast<size_t>(source)][i];
+                    want = sum / n;
+                }
+                ASSERT_NEAR(out[static_cast<size_t>(d)][i], want, 1e-6) << from << " to " << to << ", " << d;
+            }
+        }
     }
-    const Planes fourToThree = testing::planesOf(remixed(makeContent(4, 8), 3));
-    const Planes fourIn = testing::planesOf(makeContent(4, 8));
-    for (size_t i = 0; i < static_cast<size_t>(frames); i += 7) {
-        ASSERT_NEAR(fourToThree[0][i], (fourIn[0][i] + fourIn[3][i]) / 2.0, 1e-6);
-        ASSERT_EQ(fourToThree[1][i], fourIn[1][i]);
-    }
-
-    const AudioContent stereo = makeContent(2, 7);
-    const Planes lr = testing::planesOf(stereo);
-    EXPECT_EQ(testing::planesOf(remixed(stereo, 3)), (Planes{lr[0], lr[1], lr[0]}));
-    EXPECT_EQ(testing::planesOf(remixed(stereo, 4)), (Planes{lr[0], lr[1], lr[0], lr[1]}));
-    EXPECT_EQ(testing::planesOf(remixed(makeContent(1, 3), 2))[1], testing::planesOf(makeContent(1, 3))[0]);
-    const auto same = remixed(stereo, 2);
-    EXPECT_EQ(same.segments()[0].block, stereo.segments()[0].block);
-    EXPECT_EQ(remixed(stereo, 1).sampleRate(), 48000);
 }
 
 TEST(ProcessingTest, RearrangingChannelsPicksAndOrders) {
@@ -477,23 +452,16 @@ TEST(ApplyingEffectsTest, TailMixesIntoWhatFollows) {
         }
 }
 
-TEST(ApplyingEffectsTest, TailAtTheEndLengthensTheContent) {
-    const AudioContent content = makeContent(1);
-    const Chain chain{std::make_shared<testing::EchoProcessor>(2500)};
-    const FrameRange r{frames - 1000, frames};
-    EXPECT_EQ(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::mixIntoFollowing).frameCount(),
-              frames + 2500);
-    EXPECT_EQ(applyingEffects(content, chain, r, std::nullopt, EffectTailMode::truncate).frameCount(),
-              frames);
-}
-
 TEST(ApplyingEffectsTest, InactiveChannelsStayBitIdentical) {
     const AudioContent content = makeContent(3);
     const Planes in = testing::planesOf(content);
     const Chain chain{std::make_shared<testing::EchoProcessor>(5000)};
     const FrameRange r{frames - 20'000, frames - 1000};
+    // The tail runs 4000 frames past the end: the content grows, unless the tail is cut.
     const auto result = applyingEffects(content, chain, r, ChannelSet{1}, EffectTailMode::mixIntoFollowing);
     EXPECT_EQ(result.frameCount(), frames + 4000);
+    EXPECT_EQ(applyingEffects(content, chain, r, ChannelSet{1}, EffectTailMode::truncate).frameCount(),
+              frames);
     const Planes out = testing::planesOf(result);
     for (const size_t c : {size_t{0}, size_t{2}}) {
         EXPECT_TRUE(std::equal(in[c].begin(), in[c].end(), out[c].begin())) << "channel " << c;
@@ -506,12 +474,8 @@ TEST(ApplyingEffectsTest, InactiveChannelsStayBitIdentical) {
                     in[1][static_cast<size_t>(f)] + 0.5f * in[1][static_cast<size_t>(f - 5000)], 1e-6);
 }
 
-TEST(ApplyingEffectsTest, EmptyChainOrRangeReturnsTheContentAndFailuresLeaveItAlone) {
+TEST(ApplyingEffectsTest, EmptyRangeReturnsTheContentAndCancelThrows) {
     const AudioContent content = makeContent(2);
-    EXPECT_EQ(applyingEffects(content, {}, std::nullopt, std::nullopt, EffectTailMode::mixIntoFollowing)
-                  .segments()[1]
-                  .block,
-              content.segments()[1].block);
     const Chain chain{std::make_shared<testing::EchoProcessor>(10)};
     EXPECT_EQ(
         applyingEffects(content, chain, FrameRange{5, 5}, std::nullopt, EffectTailMode::mixIntoFollowing)

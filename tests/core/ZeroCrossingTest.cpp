@@ -1,35 +1,33 @@
-#include <gtest/gtest.h>
-
 #include "core/Processing.h"
+#include "support/TestAudio.h"
+
+#include <gtest/gtest.h>
 
 namespace harlune {
 namespace {
 
-TEST(ZeroCrossingTest, FindsTheNearestSignChangeOfTheChannelSum) {
-    // Left and right sum to: + + + - - - + + (sign changes at 3 and 6).
-    const AudioContent content({{1, 1, 1, -1, -1, -1, 1, 1}, {0.5f, 0.5f, 0.5f, -0.5f, -0.5f, -0.5f, 0.5f, 0.5f}},
-                               48000);
-    EXPECT_EQ(nearestZeroCrossing(content, 2, 4), 3);
-    EXPECT_EQ(nearestZeroCrossing(content, 5, 4), 6);
-    EXPECT_EQ(nearestZeroCrossing(content, 5, 0), 5) << "no crossing within the radius";
-}
-
-TEST(ZeroCrossingTest, EarlierWinsATieAndAnExactZeroIsKept) {
-    // Crossings at 2 and 6, equally far from 4.
-    const AudioContent content({{1, 1, -1, -1, -1, -1, 1, 1}}, 48000);
-    EXPECT_EQ(nearestZeroCrossing(content, 4, 8), 2);
-    const AudioContent zero({{0.3f, 0.2f, 0.0f, 0.2f}}, 48000);
-    EXPECT_EQ(nearestZeroCrossing(zero, 2, 2), 2);
-}
-
-TEST(ZeroCrossingTest, OpposedChannelsThatCancelCountAsZero) {
-    const AudioContent content({{0.5f, 0.5f, 0.5f, 0.5f}, {0.2f, 0.2f, -0.5f, 0.2f}}, 48000);
-    EXPECT_EQ(nearestZeroCrossing(content, 1, 3), 2);
-}
-
-TEST(ZeroCrossingTest, TinyContentReturnsTheFrame) {
-    EXPECT_EQ(nearestZeroCrossing(AudioContent({{1.0f}}, 48000), 0, 10), 0);
-    EXPECT_EQ(nearestZeroCrossing(AudioContent(1, 48000), 5, 10), 5);
+TEST(ZeroCrossingTest, NearestSignChangeOrZeroOfTheChannelSum) {
+    struct Case {
+        const char* what;
+        testing::Planes planes;
+        int64_t frame, radius, expected;
+    };
+    // Left and right below sum to + + + - - - + + (sign changes at 3 and 6).
+    const testing::Planes stereo{{1, 1, 1, -1, -1, -1, 1, 1},
+                                 {0.5f, 0.5f, 0.5f, -0.5f, -0.5f, -0.5f, 0.5f, 0.5f}};
+    const Case cases[] = {
+        {"rising to the change", stereo, 2, 4, 3},
+        {"the later change", stereo, 5, 4, 6},
+        {"none within the radius", stereo, 5, 0, 5},
+        {"the earlier wins a tie", {{1, 1, -1, -1, -1, -1, 1, 1}}, 4, 8, 2},
+        {"an exact zero is kept", {{0.3f, 0.2f, 0.0f, 0.2f}}, 2, 2, 2},
+        {"opposed channels that cancel", {{0.5f, 0.5f, 0.5f, 0.5f}, {0.2f, 0.2f, -0.5f, 0.2f}}, 1, 3, 2},
+        {"one frame", {{1.0f}}, 0, 10, 0},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(nearestZeroCrossing(AudioContent(c.planes, 48000), c.frame, c.radius), c.expected)
+            << c.what;
+    EXPECT_EQ(nearestZeroCrossing(AudioContent(1, 48000), 5, 10), 5) << "no frames";
 }
 
 } // namespace

@@ -179,51 +179,15 @@ TEST(LoudnessNormalizationTest, PlansFollowTheMeasurement) {
     measured.integratedLUFS = -20;
     measured.truePeakDBTP = -4;
     const LoudnessNormalization::Plan plan = LoudnessNormalization::plan(measured, -14, -1);
-    EXPECT_EQ(plan.gainDB, 6);
-    EXPECT_EQ(plan.predictedIntegratedLUFS, -14);
-    EXPECT_EQ(plan.predictedTruePeakDBTP, 2);
-    EXPECT_TRUE(plan.needsLimiting);
+    EXPECT_EQ(plan, (LoudnessNormalization::Plan{6, -14, 2, true}));
     EXPECT_FALSE(LoudnessNormalization::plan(measured, -17, -1).needsLimiting); // exactly at the ceiling
-
+    // Silence gets no gain: there is nothing to bring to the target.
     LoudnessResult silent;
-    silent.integratedLUFS = -std::numeric_limits<double>::infinity();
-    silent.truePeakDBTP = -std::numeric_limits<double>::infinity();
+    silent.integratedLUFS = silent.truePeakDBTP = -std::numeric_limits<double>::infinity();
     const LoudnessNormalization::Plan none = LoudnessNormalization::plan(silent, -14, -1);
     EXPECT_EQ(none.gainDB, 0);
     EXPECT_EQ(none.predictedIntegratedLUFS, silent.integratedLUFS);
     EXPECT_FALSE(none.needsLimiting);
-    EXPECT_EQ(std::hash<LoudnessNormalization::Plan>{}(plan),
-              std::hash<LoudnessNormalization::Plan>{}(LoudnessNormalization::plan(measured, -14, -1)));
-}
-
-TEST(LoudnessNormalizationTest, APlanRenderedThroughTheLimiterLandsOnTarget) {
-    const double rate = 48000;
-    const Planes planes{testing::musicLike(48000 * 12, rate, 31), testing::musicLike(48000 * 12, rate, 32)};
-    const ArraySource source(planes, rate);
-    const LoudnessResult measured = measure(planes, rate);
-
-    // A plain gain: exact.
-    const double quietTarget = measured.integratedLUFS - 3;
-    const auto quietPlan = LoudnessNormalization::plan(measured, quietTarget, -1);
-    ASSERT_FALSE(quietPlan.needsLimiting);
-    EXPECT_NEAR(measure(limit(source, source.fullRange(), quietPlan.gainDB, -1), rate).integratedLUFS,
-                quietTarget, 0.01);
-
-    // A loud target needs the limiter, which takes off some loudness; a few passes with the
-    // gain corrected by the measured shortfall land within 0.1 LU, under the ceiling.
-    const double target = -9;
-    const auto plan = LoudnessNormalization::plan(measured, target, -1);
-    ASSERT_TRUE(plan.needsLimiting);
-    double gain = plan.gainDB;
-    LoudnessResult after;
-    for (int pass = 0; pass < 5; ++pass) {
-        after = measure(limit(source, source.fullRange(), gain, -1), rate);
-        if (std::fabs(after.integratedLUFS - target) <= 0.1)
-            break;
-        gain += (target - after.integratedLUFS) * 1.5;
-    }
-    EXPECT_NEAR(after.integratedLUFS, target, 0.1);
-    EXPECT_LE(after.truePeakDBTP, -1);
 }
 
 } // namespace

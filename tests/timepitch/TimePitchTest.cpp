@@ -91,13 +91,22 @@ TEST(TimePitchTest, RateAndPitchBoundsAndTheirTexts) {
     EXPECT_EQ(failure(1, INFINITY), "Pitch shift inf cents is outside -2400.0...2400.0");
 }
 
-TEST(TimePitchTest, TempoOf125PercentMakesTenSecondsExactlyEight) {
-    const ArraySource source({testing::sine(441000, 44100, 440, 0.5)}, 44100);
-    for (const Engine engine : engines) {
-        const auto out = rendered(source, 1.25, 0, engine);
-        EXPECT_EQ(out[0].size(), 352800u) << nameOf(engine);
-        // The tempo changes, the pitch does not.
-        EXPECT_NEAR(frequencyOf(out[0], 88200, 88200, 44100, 440), 440.0, 1.0) << nameOf(engine);
+TEST(TimePitchTest, TempoKeepsThePitchAndPitchKeepsTheLength) {
+    struct Case {
+        double seconds, rate, cents;
+        size_t expectedFrames;
+        double expectedHz;
+    };
+    // 10 s at 125 % tempo are exactly 8 s, still at 440 Hz; an octave up keeps 3 s and reads 880 Hz.
+    for (const Case c : {Case{10, 1.25, 0, 352'800, 440}, Case{3, 1, 1200, 3 * 44'100, 880}}) {
+        const ArraySource source({testing::sine(static_cast<int64_t>(c.seconds * 44100), 44100, 440, 0.5)},
+                                 44100);
+        for (const Engine engine : engines) {
+            const auto out = rendered(source, c.rate, c.cents, engine);
+            ASSERT_EQ(out[0].size(), c.expectedFrames) << nameOf(engine);
+            EXPECT_NEAR(frequencyOf(out[0], 44100, 88200, 44100, c.expectedHz), c.expectedHz, 1.0)
+                << nameOf(engine) << " at " << c.rate << ", " << c.cents << " cents";
+        }
     }
 }
 
@@ -112,19 +121,16 @@ TEST(TimePitchTest, LengthIsExactWhateverTheRateOrRange) {
             EXPECT_EQ(out[1].size(), out[0].size());
         }
     }
+    // Six channels go through one stretcher.
+    const auto six =
+        rendered(ArraySource(testing::noisePlanes(6, 20000, 4), 44100), 1.5, -300, Engine::finer);
+    ASSERT_EQ(six.size(), 6u);
+    for (const auto& channel : six)
+        EXPECT_EQ(static_cast<int64_t>(channel.size()), TimePitch::outputFrameCount(20000, 1.5));
     // Tiny inputs: 3 frames at rate 4 give one; one frame at rate 4 gives none, as does no range.
     EXPECT_EQ(rendered(source, 4, 0, Engine::finer, FrameRange{0, 3})[0].size(), 1u);
     EXPECT_TRUE(rendered(source, 4, 0, Engine::finer, FrameRange{0, 1})[0].empty());
     EXPECT_TRUE(rendered(source, 1.5, 0, Engine::finer, FrameRange{500, 500})[0].empty());
-}
-
-TEST(TimePitchTest, AnOctaveUpTurns440HzInto880Hz) {
-    const ArraySource source({testing::sine(44100 * 3, 44100, 440, 0.5)}, 44100);
-    for (const Engine engine : engines) {
-        const auto out = rendered(source, 1, 1200, engine);
-        ASSERT_EQ(out[0].size(), 44100u * 3);
-        EXPECT_NEAR(frequencyOf(out[0], 44100, 88200, 44100, 880), 880.0, 1.0) << nameOf(engine);
-    }
 }
 
 TEST(TimePitchTest, StereoChannelsStayAligned) {
@@ -148,14 +154,6 @@ TEST(TimePitchTest, StereoChannelsStayAligned) {
             EXPECT_NEAR(static_cast<double>(peakOf(out[0])), 40000 / rate, 512)
                 << nameOf(engine) << " at " << rate;
         }
-}
-
-TEST(TimePitchTest, SixChannelsGoThroughOneStretcher) {
-    const ArraySource source(testing::noisePlanes(6, 20000, 4), 44100);
-    const auto out = rendered(source, 1.5, -300, Engine::finer);
-    ASSERT_EQ(out.size(), 6u);
-    for (const auto& channel : out)
-        EXPECT_EQ(static_cast<int64_t>(channel.size()), TimePitch::outputFrameCount(20000, 1.5));
 }
 
 TEST(TimePitchTest, ProgressFalseCancels) {
