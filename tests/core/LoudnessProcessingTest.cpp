@@ -44,15 +44,7 @@ TEST(LoudnessProcessing, aPlanUnderTheCeilingIsAPlainGainWithNothingMeasured) {
         EXPECT_FLOAT_EQ(result.content.sample(1, n), content.sample(1, n) * factor);
 }
 
-TEST(LoudnessProcessing, aManualGainOverTheCeilingGetsExactlyOnePass) {
-    const AudioContent content = loudNoise(1);
-    auto plan = planFor(content, -10, -1);
-    ASSERT_TRUE(plan.needsLimiting);
-    const auto result = adjustLoudness(content, std::nullopt, plan, std::nullopt, -1, true, 0.1, 5);
-    EXPECT_EQ(result.stop, LoudnessAdjustStop::singlePass);
-    EXPECT_EQ(result.passes, 1);
-    EXPECT_LE(LoudnessAnalyzer::analyze(result.content).truePeakDBTP, -1.0);
-}
+// A manual gain over the ceiling gets exactly one limiter pass: LoudnessApplyTest in the editor.
 
 TEST(LoudnessProcessing, aTargetIsReachedByRaisingTheGainUnderTheLimiter) {
     const AudioContent content = loudNoise(3);
