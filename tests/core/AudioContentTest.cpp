@@ -50,17 +50,7 @@ TEST(AudioContentTest, EmptyContentHasNoSegmentsAndReadsNothing) {
     EXPECT_EQ(peaks.min, PeakSummary::empty().min);
 }
 
-TEST(AudioContentTest, BuildsFullBlocksAndReadsBackExactly) {
-    const Planes planes = noisePlanes(3, 200'000);
-    const AudioContent content(planes, 48000);
-    EXPECT_EQ(content.frameCount(), 200'000);
-    ASSERT_EQ(content.segmentCount(), 4);
-    EXPECT_EQ(content.segments()[0].count, 65536);
-    EXPECT_EQ(content.segments()[3].count, 200'000 - 3 * 65536);
-    EXPECT_EQ(planesOf(content), planes);
-    EXPECT_EQ(content.sample(2, 131072), planes[2][131072]);
-    expectInvariants(content);
-}
+// Building from planes is the builder's work: AudioContentBuilderTest.
 
 TEST(AudioContentTest, ReadCrossesSegmentBordersAtAnyOffset) {
     const Planes planes = noisePlanes(2, 150'000, 7);
