@@ -69,22 +69,5 @@ TEST_F(ConvertCommand, SettingsThatCannotBeHadAreReported) {
     }
 }
 
-TEST_F(ConvertCommand, BadCommandLinesPrintTheUsageAndFailuresTheError) {
-    const CliResult noFormat = cli({"convert", file("tone.wav"), file("out.xyz")});
-    EXPECT_EQ(noFormat.status, 2);
-    EXPECT_NE(noFormat.err.find("use --format"), std::string::npos) << noFormat.err;
-    EXPECT_NE(noFormat.err.find("usage: harlune-cli convert"), std::string::npos);
-
-    EXPECT_EQ(cli({"convert", "--bits", "20", file("tone.wav"), file("o.wav")}).status, 2);
-    EXPECT_EQ(cli({"convert", "--dither", "loud", file("tone.wav"), file("o.wav")}).status, 2);
-    EXPECT_EQ(cli({"convert", "--bitrate", "-5", file("tone.wav"), file("o.mp3")}).status, 2);
-    EXPECT_EQ(cli({"convert", file("tone.wav")}).status, 2);
-
-    const CliResult missing = cli({"convert", file("absent.wav"), file("o.wav")});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(missing.err.starts_with("harlune-cli: Couldn\u2019t read the audio: ")) << missing.err;
-    EXPECT_FALSE(std::filesystem::exists(file("o.wav")));
-}
-
 } // namespace
 } // namespace harlune
