@@ -1,11 +1,11 @@
 // What every harlune-cli command owes its user whatever it is given: hostile files, wrong command
 // lines, a request for help, a file name that begins with a dash.
+#include "base/AudioSource.h"
 #include "cli/CliTestSupport.h"
+#include "io/AudioEncoder.h"
 #include "io/IoTestSupport.h"
 
-#include <bit>
-#include <cmath>
-#include <cstring>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
@@ -18,22 +18,6 @@ using testing::CliResult;
 
 const std::string readFailure = "Couldn\u2019t read the audio: ";
 const std::string cannotOpen = "the built-in decoder can\u2019t open the file (";
-
-// A mono 32-bit float WAV, header and all, so that it can hold what no encoder writes.
-std::string floatWAV(const std::vector<float>& samples) {
-    const auto le = [](uint32_t value, int bytes) {
-        std::string out;
-        for (int i = 0; i < bytes; ++i)
-            out += static_cast<char>((value >> (8 * i)) & 0xFF);
-        return out;
-    };
-    const auto dataBytes = static_cast<uint32_t>(samples.size() * 4);
-    std::string file = "RIFF" + le(36 + dataBytes, 4) + "WAVEfmt " + le(16, 4) + le(3, 2) + le(1, 2) +
-                       le(48000, 4) + le(48000 * 4, 4) + le(4, 2) + le(32, 2) + "data" + le(dataBytes, 4);
-    for (const float sample : samples)
-        file += le(std::bit_cast<uint32_t>(sample), 4);
-    return file;
-}
 
 // Every decoding command on a file, as a user would type it; writing ones write into `out`.
 std::vector<std::vector<std::string>> decodingCommands(const std::string& file, const std::string& out) {
@@ -53,33 +37,30 @@ class CommandLine : public testing::SharedFolderTest<CommandLine> {
 protected:
     static void SetUpTestSuite() {
         makeFolder();
-        auto tone = testing::stereoSource(2.0);
-        for (const char* name : {"tone.wav", "tone.flac", "tone.mp3", "tone.m4a"}) {
-            auto arguments = tone;
+        // Each also cut off after a few kilobytes, as an interrupted copy leaves it.
+        for (const std::string name : {"tone.wav", "tone.flac", "tone.mp3", "tone.m4a"}) {
+            auto arguments = testing::stereoSource(2.0);
             arguments.push_back(file(name));
             testing::ffmpeg(arguments);
-        }
-        // Cut off after a few kilobytes, as an interrupted copy leaves them.
-        for (const char* name : {"tone.wav", "tone.flac", "tone.mp3", "tone.m4a"}) {
-            std::filesystem::copy_file(file(name), file(std::string("cut-") + name));
-            std::filesystem::resize_file(file(std::string("cut-") + name), 6000);
+            std::filesystem::copy_file(file(name), file("cut-" + name));
+            std::filesystem::resize_file(file("cut-" + name), 6000);
         }
         std::mt19937 random(11);
         std::string noise(20000, '\0');
-        for (auto& byte : noise)
-            byte = static_cast<char>(random());
+        std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
         testing::writeFile(file("noise.wav"), noise);
         testing::writeFile(file("empty.wav"), "");
         testing::writeFile(file("notes.txt"), "Shopping: bread, milk.\n");
         std::filesystem::create_directory(file("folder.wav"));
         std::filesystem::copy_file(file("tone.flac"), file("-take1.flac"));
 
-        std::vector<float> samples(48000);
-        for (size_t n = 0; n < samples.size(); ++n)
-            samples[n] = static_cast<float>(0.1 * std::sin(static_cast<double>(n) * 0.0576));
+        // A float WAV keeps what no integer file can hold: a NaN and an infinity.
+        std::vector<float> samples(48000, 0.25f);
         samples[1000] = std::numeric_limits<float>::quiet_NaN();
         samples[2000] = std::numeric_limits<float>::infinity();
-        testing::writeFile(file("nan.wav"), floatWAV(samples));
+        EncodeSettings settings = EncodeSettings::defaults(ExportFormat::wav);
+        settings.bitDepth = PCMBitDepth::float32;
+        AudioEncoder::write(ArraySource({samples}, 48000), std::nullopt, file("nan.wav"), settings);
     }
 };
 
@@ -190,12 +171,10 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
     };
     const std::vector<Case> cases = {
         {{"info"}, "no file given"},
-        {{"info", "--json"}, "no file given"},
         {{"info", "--loud", tone}, "unknown option --loud"},
         {{"loudness"}, "expected a file"},
         {{"loudness", tone, tone}, "expected one file"},
         {{"play"}, "no file given"},
-        {{"play", tone, "--start"}, "--start needs a value"},
         {{"play", tone, "--start", "abc"}, "--start needs a number of seconds"},
         {{"play", tone, "--start", "-1"}, "--start needs a number of seconds"},
         {{"play", tone, "--start", "2.5"}, "--start lies at or past the end"}, // the file lasts 2 s
@@ -203,7 +182,6 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
         {{"play", tone, tone}, "one file at a time"},
         {{"convert", tone, file("out.xyz")}, "use --format"},
         {{"convert", "--bits", "20", tone, out}, "--bits takes 16, 24, 32 or float"},
-        {{"convert", "--dither", "loud", tone, out}, "--dither takes none or tpdf"},
         {{"convert", "--bitrate", "-5", tone, out}, "--bitrate needs a positive number"},
         {{"convert", tone}, "expected an input and an output file"},
         {{"normalize", tone, out}, "--target is required"},
