@@ -3,8 +3,8 @@
 #include "base/Uuid.h"
 #include "io/AudioDecoder.h"
 #include "io/FFmpegDecoder.h"
-#include "io/QuietMpegDecoder.h"
 #include "io/IoTestSupport.h"
+#include "io/QuietMpegDecoder.h"
 
 #include <atomic>
 #include <chrono>
