@@ -27,17 +27,12 @@ struct ConvertRequest {
 ConvertRequest parse(std::span<const std::string> arguments) {
     ConvertRequest request;
     std::vector<std::string> positional;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        const bool isOption = argument.size() > 2 && argument.starts_with("--");
-        if (!isOption) {
-            positional.push_back(argument);
-            continue;
-        }
-        if (i + 1 >= arguments.size())
-            throw UsageError{argument + " needs a value"};
-        if (!request.encode.parse(argument, arguments[++i]))
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        if (!reader.isOption())
+            positional.push_back(reader.current());
+        else if (!request.encode.parse(reader))
+            throw reader.unknownOption();
     }
     if (positional.size() != 2)
         throw UsageError{"expected an input and an output file"};

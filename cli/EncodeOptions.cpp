@@ -30,7 +30,12 @@ int parsePositiveInteger(const std::string& text, const std::string& option) {
     return parsePositive<int>(text, option);
 }
 
-bool EncodeOptions::parse(const std::string& option, const std::string& value) {
+bool EncodeOptions::parse(ArgumentReader& reader) {
+    const std::string& option = reader.current();
+    if (option != "--format" && option != "--bits" && option != "--bitrate" && option != "--rate" &&
+        option != "--dither")
+        return false;
+    const std::string& value = reader.value();
     if (option == "--format") {
         format = exportFormatFromRawValue(value);
         if (!format)
@@ -50,8 +55,6 @@ bool EncodeOptions::parse(const std::string& option, const std::string& value) {
         dither = ditherModeFromRawValue(value);
         if (!dither)
             throw UsageError{"--dither takes none or tpdf"};
-    } else {
-        return false;
     }
     return true;
 }

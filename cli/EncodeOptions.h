@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CliSupport.h"
 #include "base/AudioFormats.h"
 #include "core/AudioContent.h"
 #include "io/EncodePlan.h"
@@ -19,9 +20,9 @@ struct EncodeOptions {
     std::optional<double> sampleRate;
     std::optional<DitherMode> dither;
 
-    /// Takes `option` with its `value` when it is one of these; false for any other option.
-    /// A bad value throws `UsageError`.
-    bool parse(const std::string& option, const std::string& value);
+    /// Takes the reader's current option with its value when it is one of these; false, taking
+    /// nothing, for any other option. A bad or missing value throws `UsageError`.
+    bool parse(ArgumentReader& reader);
     /// Sets `format` from the output's extension when none was given; throws `UsageError` when
     /// that can't be told.
     void resolveFormat(const std::string& output);

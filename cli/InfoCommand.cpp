@@ -49,18 +49,16 @@ struct Options {
 
 Options parse(std::span<const std::string> arguments) {
     Options options;
-    bool optionsEnded = false;
-    for (const auto& argument : arguments) {
-        if (optionsEnded || argument.empty() || argument[0] != '-' || argument == "-")
-            options.files.push_back(argument);
-        else if (argument == "--")
-            optionsEnded = true;
-        else if (argument == "--json")
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        if (!reader.isOption())
+            options.files.push_back(reader.current());
+        else if (reader.current() == "--json")
             options.json = true;
-        else if (argument == "--decode")
+        else if (reader.current() == "--decode")
             options.decode = true;
         else
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
+            throw reader.unknownOption();
     }
     if (options.files.empty())
         throw UsageError{"no file given"};
@@ -227,7 +225,7 @@ int runInfo(std::span<const std::string> arguments) {
         } catch (const HarluneError& error) {
             // One unreadable file does not hide the others; the exit status tells that one failed.
             std::fflush(stdout);
-            printError(error.what());
+            printError(file + ": " + error.what());
             result = exitFailure;
         }
     }

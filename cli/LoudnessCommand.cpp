@@ -82,17 +82,19 @@ void printText(const LoudnessResult& r, bool curves) {
 int runLoudness(std::span<const std::string> arguments) {
     bool json = false, curves = false;
     std::optional<std::string> file;
-    for (const std::string& argument : arguments) {
-        if (argument == "--json")
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        if (!reader.isOption()) {
+            if (file)
+                throw UsageError{"expected one file"};
+            file = reader.current();
+        } else if (reader.current() == "--json") {
             json = true;
-        else if (argument == "--curves")
+        } else if (reader.current() == "--curves") {
             curves = true;
-        else if (argument.starts_with("--"))
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
-        else if (file)
-            throw UsageError{"expected one file"};
-        else
-            file = argument;
+        } else {
+            throw reader.unknownOption();
+        }
     }
     if (!file)
         throw UsageError{"expected a file"};
@@ -107,6 +109,7 @@ int runLoudness(std::span<const std::string> arguments) {
         return true;
     };
     OpenedAudio audio = openAudio(*file, progress);
+    refuseNonFiniteSamples(audio.content);
     base = 0.5;
     const LoudnessResult result =
         LoudnessAnalyzer::analyze(audio.content, std::nullopt, std::nullopt, progress);

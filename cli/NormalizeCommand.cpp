@@ -48,26 +48,19 @@ double parseLevel(const std::string& text, const std::string& option) {
 NormalizeRequest parse(std::span<const std::string> arguments) {
     NormalizeRequest request;
     std::vector<std::string> positional;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        const bool isOption = argument.size() > 2 && argument.starts_with("--");
-        if (!isOption) {
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        const std::string& argument = reader.current();
+        if (!reader.isOption())
             positional.push_back(argument);
-            continue;
-        }
-        if (argument == "--no-limit") {
+        else if (argument == "--no-limit")
             request.limit = false;
-            continue;
-        }
-        if (i + 1 >= arguments.size())
-            throw UsageError{argument + " needs a value"};
-        const std::string& value = arguments[++i];
-        if (argument == "--target")
-            request.target = parseLevel(value, argument);
+        else if (argument == "--target")
+            request.target = parseLevel(reader.value(), argument);
         else if (argument == "--ceiling")
-            request.ceiling = parseLevel(value, argument);
-        else if (!request.encode.parse(argument, value))
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
+            request.ceiling = parseLevel(reader.value(), argument);
+        else if (!request.encode.parse(reader))
+            throw reader.unknownOption();
     }
     if (!request.target)
         throw UsageError{"--target is required"};
@@ -111,6 +104,7 @@ int runNormalize(std::span<const std::string> arguments) {
     const NormalizeRequest request = parse(arguments);
 
     OpenedAudio opened = openAudioShowingProgress(request.input);
+    refuseNonFiniteSamples(opened.content);
     const LoudnessResult measured = [&] {
         ProgressBar bar("measuring ");
         auto update = [&](double fraction) {

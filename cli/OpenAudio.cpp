@@ -4,7 +4,11 @@
 #include "core/AudioContentBuilder.h"
 #include "io/AudioDecoder.h"
 
+#include <algorithm>
+#include <cmath>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace harlune::cli {
@@ -28,6 +32,19 @@ OpenedAudio openAudioShowingProgress(const std::filesystem::path& path) {
         return bar.update(fraction);
     };
     return openAudio(path, FunctionRef<bool(double)>(update));
+}
+
+void refuseNonFiniteSamples(const AudioContent& content) {
+    int64_t count = 0;
+    content.forEachChunk(std::nullopt, 65536, [&](ChunkViews chunk, int64_t) {
+        for (const auto channel : chunk)
+            count += std::count_if(channel.begin(), channel.end(), [](float x) { return !std::isfinite(x); });
+    });
+    if (count > 0)
+        throw std::runtime_error(
+            "the audio holds " + std::to_string(count) +
+            (count == 1 ? " sample that is not a finite number" : " samples that are not finite numbers") +
+            " (NaN or infinity), so it can\u2019t be measured or processed");
 }
 
 namespace {

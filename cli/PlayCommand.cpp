@@ -35,14 +35,17 @@ struct Options {
 Options parse(std::span<const std::string> arguments) {
     Options options;
     std::optional<std::string> file;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        if (argument == "--loop") {
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        const std::string& argument = reader.current();
+        if (!reader.isOption()) {
+            if (file)
+                throw UsageError{"one file at a time"};
+            file = argument;
+        } else if (argument == "--loop") {
             options.loop = true;
         } else if (argument == "--start") {
-            if (i + 1 >= arguments.size())
-                throw UsageError{"--start needs a number of seconds"};
-            const std::string& text = arguments[++i];
+            const std::string& text = reader.value();
             size_t used = 0;
             try {
                 options.start = std::stod(text, &used);
@@ -51,12 +54,8 @@ Options parse(std::span<const std::string> arguments) {
             }
             if (used != text.size() || !std::isfinite(options.start) || options.start < 0)
                 throw UsageError{"--start needs a number of seconds, not \u2018" + text + "\u2019"};
-        } else if (!argument.empty() && argument[0] == '-' && argument != "-") {
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
-        } else if (file) {
-            throw UsageError{"one file at a time"};
         } else {
-            file = argument;
+            throw reader.unknownOption();
         }
     }
     if (!file)

@@ -232,16 +232,15 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         pendingTempo.reset();
         pendingCents.reset();
     };
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        if (!(argument.size() > 2 && argument.starts_with("--"))) {
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        const std::string& argument = reader.current();
+        if (!reader.isOption()) {
             positional.push_back(argument);
             continue;
         }
         auto value = [&]() -> const std::string& {
-            if (i + 1 >= arguments.size())
-                throw UsageError{argument + " needs a value"};
-            return arguments[++i];
+            return reader.value();
         };
         if (argument == "--tempo" || argument == "--pitch") {
             const bool tempo = argument == "--tempo";
@@ -264,9 +263,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
                 }));
         } else if (argument == "--normalize-peak") {
             const double db = parseNumber(value(), argument);
-            const bool independent = i + 1 < arguments.size() && arguments[i + 1] == "--independent";
-            if (independent)
-                ++i;
+            const bool independent = reader.takeFlag("--independent");
             request.operations.push_back(
                 scoped(argument, [db, independent](const AudioContent& content, FrameRange range) {
                     return normalizingPeak(content, db, range, std::nullopt, independent);
@@ -346,8 +343,8 @@ ProcessRequest parse(std::span<const std::string> arguments) {
             request.operations.push_back(effectsOperation(value()));
         } else if (argument == "--resample") {
             request.operations.push_back(resampleOperation(parsePositiveNumber(value(), argument)));
-        } else if (!request.encode.parse(argument, value())) {
-            throw UsageError{"unknown option \u2018" + argument + "\u2019"};
+        } else if (!request.encode.parse(reader)) {
+            throw reader.unknownOption();
         }
     }
     flushTimePitch();
@@ -362,6 +359,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
 int runProcess(std::span<const std::string> arguments) {
     const ProcessRequest request = parse(arguments);
     Document document{openAudioShowingProgress(request.input).content, std::nullopt};
+    refuseNonFiniteSamples(document.content);
     for (const Operation& operation : request.operations) {
         std::optional<ProgressBar> bar;
         if (operation.showsProgress)

@@ -1,7 +1,6 @@
 // harlune-cli: headless work on audio files with the same kit as the editor.
 #include "CliSupport.h"
 #include "Commands.h"
-#include "base/HarluneError.h"
 
 #include <cstdio>
 #include <exception>
@@ -17,11 +16,25 @@ std::vector<Command> allCommands() {
             harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand()};
 }
 
-void printUsage(const std::vector<Command>& commands) {
-    std::fprintf(stderr, "usage: harlune-cli COMMAND [OPTIONS]\n\ncommands:\n");
+void printUsage(std::FILE* stream, const std::vector<Command>& commands) {
+    std::fprintf(stream, "usage: harlune-cli COMMAND [OPTIONS]\n\ncommands:\n");
     for (const auto& command : commands)
-        std::fprintf(stderr, "  %-10.*s %.*s\n", static_cast<int>(command.name.size()), command.name.data(),
+        std::fprintf(stream, "  %-10.*s %.*s\n", static_cast<int>(command.name.size()), command.name.data(),
                      static_cast<int>(command.summary.size()), command.summary.data());
+    std::fprintf(stream,
+                 "\n\"harlune-cli COMMAND --help\" shows a command's options. Write -- before a file\n"
+                 "name that begins with a dash.\n");
+}
+
+void printCommandUsage(std::FILE* stream, const Command& command) {
+    std::fprintf(stream, "usage: %.*s\n", static_cast<int>(command.usage.size()), command.usage.data());
+}
+
+const Command* find(const std::vector<Command>& commands, const std::string& name) {
+    for (const auto& command : commands)
+        if (command.name == name)
+            return &command;
+    return nullptr;
 }
 
 } // namespace
@@ -29,34 +42,38 @@ void printUsage(const std::vector<Command>& commands) {
 int main(int argc, char** argv) {
     const std::vector<Command> commands = allCommands();
     if (argc < 2) {
-        printUsage(commands);
+        printUsage(stderr, commands);
         return harlune::cli::exitUsage;
     }
     const std::string name = argv[1];
+    const std::vector<std::string> arguments(argv + 2, argv + argc);
     if (name == "--help" || name == "-h" || name == "help") {
-        printUsage(commands);
+        // "help COMMAND" is that command's usage.
+        const Command* command = arguments.empty() ? nullptr : find(commands, arguments.front());
+        if (command)
+            printCommandUsage(stdout, *command);
+        else
+            printUsage(stdout, commands);
         return harlune::cli::exitSuccess;
     }
-    for (const auto& command : commands) {
-        if (command.name != name)
-            continue;
-        const std::vector<std::string> arguments(argv + 2, argv + argc);
-        try {
-            return command.run(arguments);
-        } catch (const harlune::cli::UsageError& error) {
-            harlune::cli::printError(error.message);
-            std::fprintf(stderr, "usage: %.*s\n", static_cast<int>(command.usage.size()),
-                         command.usage.data());
-            return harlune::cli::exitUsage;
-        } catch (const harlune::HarluneError& error) {
-            harlune::cli::printError(error.what());
-            return harlune::cli::exitFailure;
-        } catch (const std::exception& error) {
-            harlune::cli::printError(error.what());
-            return harlune::cli::exitFailure;
-        }
+    const Command* command = find(commands, name);
+    if (!command) {
+        harlune::cli::printError("unknown command \u2018" + name + "\u2019");
+        printUsage(stderr, commands);
+        return harlune::cli::exitUsage;
     }
-    harlune::cli::printError("unknown command \u2018" + name + "\u2019");
-    printUsage(commands);
-    return harlune::cli::exitUsage;
+    if (harlune::cli::asksForHelp(arguments)) {
+        printCommandUsage(stdout, *command);
+        return harlune::cli::exitSuccess;
+    }
+    try {
+        return command->run(arguments);
+    } catch (const harlune::cli::UsageError& error) {
+        harlune::cli::printError(error.message);
+        printCommandUsage(stderr, *command);
+        return harlune::cli::exitUsage;
+    } catch (const std::exception& error) {
+        harlune::cli::printError(error.what());
+        return harlune::cli::exitFailure;
+    }
 }

@@ -2,16 +2,17 @@
 
 #include "base/HarluneError.h"
 #include "base/Uuid.h"
-#include "io/SndFileCannotDecode.h"
 #include "io/Deinterleave.h"
 #include "io/FFmpegTool.h"
 #include "io/ReadAhead.h"
+#include "io/SndFileCannotDecode.h"
 #include "io/SndFileReader.h"
 #include "io/Subprocess.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -65,8 +66,44 @@ std::optional<double> numberAt(const json& object, const char* key) {
     return found == object.end() ? std::nullopt : FFmpegDecoder::number(*found);
 }
 
-std::string failureText(const std::string& prefix, const std::string& stderrText, int status) {
-    return stderrText.empty() ? prefix + "exit status " + std::to_string(status) : prefix + stderrText;
+std::string failureText(const std::string& prefix, const std::string& stderrText, int status,
+                        const std::filesystem::path& url) {
+    const std::string message = FFmpegDecoder::toolMessage(stderrText, url);
+    return message.empty() ? prefix + "exit status " + std::to_string(status) : prefix + message;
+}
+
+// One line of a tool's standard error, cleaned as `toolMessage` tells.
+std::string cleanedLine(std::string line, const std::string& input, const std::filesystem::path& url) {
+    const auto isSpace = [](char c) {
+        return std::isspace(static_cast<unsigned char>(c)) != 0;
+    };
+    const auto trim = [&] {
+        while (!line.empty() && isSpace(line.back()))
+            line.pop_back();
+        size_t start = 0;
+        while (start < line.size() && isSpace(line[start]))
+            ++start;
+        line.erase(0, start);
+    };
+    trim();
+    // "[mp3 @ 0x55d0c1a2b3c0] " and the like: where in ffmpeg the message came from.
+    while (line.starts_with('[')) {
+        const size_t close = line.find(']');
+        if (close == std::string::npos || line.substr(0, close).find(" @ 0x") == std::string::npos)
+            break;
+        line.erase(0, close + 1);
+        trim();
+    }
+    if (line.starts_with(input + ": "))
+        line.erase(0, input.size() + 2);
+    for (size_t at = line.find(input); at != std::string::npos; at = line.find(input, at))
+        line.replace(at, input.size(), url.filename().string());
+    while (!line.empty() && (line.back() == '.' || isSpace(line.back())))
+        line.pop_back();
+    if (line.size() > 1 && std::isupper(static_cast<unsigned char>(line[0])) &&
+        std::islower(static_cast<unsigned char>(line[1])))
+        line[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(line[0])));
+    return line;
 }
 
 std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
@@ -110,7 +147,7 @@ AudioFileInfo decodeViaTemporaryFile(const std::filesystem::path& url, const std
 
     const auto result = Subprocess::run(ffmpeg, FFmpegDecoder::temporaryFileArguments(url, temporary));
     if (result.status != 0)
-        throw HarluneError::decodeFailed(failureText("ffmpeg: ", result.stderrText, result.status));
+        throw HarluneError::decodeFailed(failureText("ffmpeg: ", result.stderrText, result.status, url));
 
     std::optional<SndFileReader> reader;
     try {
@@ -148,6 +185,25 @@ std::string FFmpegDecoder::toolInput(const std::filesystem::path& url) {
     if (error)
         absolute = url;
     return "file:" + absolute.string();
+}
+
+std::string FFmpegDecoder::toolMessage(std::string_view stderrText, const std::filesystem::path& url) {
+    const std::string input = toolInput(url);
+    std::vector<std::string> messages;
+    size_t start = 0;
+    while (start < stderrText.size()) {
+        const size_t end = std::min(stderrText.find_first_of("\r\n", start), stderrText.size());
+        std::string line = cleanedLine(std::string(stderrText.substr(start, end - start)), input, url);
+        if (!line.empty() && std::find(messages.begin(), messages.end(), line) == messages.end())
+            messages.push_back(std::move(line));
+        start = end + 1;
+    }
+    if (messages.size() > 3)
+        messages.erase(messages.begin() + 2, messages.end() - 1);
+    std::string result;
+    for (const auto& message : messages)
+        result += (result.empty() ? "" : "; ") + message;
+    return result;
 }
 
 std::vector<std::string> FFmpegDecoder::probeArguments(const std::filesystem::path& url) {
@@ -332,10 +388,11 @@ FFmpegDecoder::ProbeResult FFmpegDecoder::probe(const std::filesystem::path& url
     if (!ffprobe)
         throw HarluneError::codecUnavailable("ffprobe isn\u2019t installed");
     const auto result = Subprocess::run(*ffprobe, probeArguments(url), probeTimeout);
-    if (result.status != 0)
-        throw HarluneError::decodeFailed(result.stderrText.empty()
-                                             ? "ffprobe failed (status " + std::to_string(result.status) + ")"
-                                             : result.stderrText);
+    if (result.status != 0) {
+        const std::string message = toolMessage(result.stderrText, url);
+        throw HarluneError::decodeFailed(
+            message.empty() ? "ffprobe failed (status " + std::to_string(result.status) + ")" : message);
+    }
 
     const json parsed = json::parse(result.stdoutData.begin(), result.stdoutData.end(), nullptr, false);
     const auto noStream = [] {
@@ -408,7 +465,7 @@ AudioFileInfo FFmpegDecoder::decode(const std::filesystem::path& url, DecodeProg
 
     const int status = child.waitForExit();
     if (status != 0)
-        throw HarluneError::decodeFailed(failureText("ffmpeg: ", child.stderrText(), status));
+        throw HarluneError::decodeFailed(failureText("ffmpeg: ", child.stderrText(), status, url));
     if (progress)
         (*progress)(1.0);
     info.frameCount = decoded;

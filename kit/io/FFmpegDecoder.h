@@ -40,6 +40,11 @@ std::optional<ExportFormat> nativeExportFormat(std::string_view formatName, std:
 /// The file as the tools must see it: absolute, behind "file:", so that neither a leading "-"
 /// nor a colon in the name is taken for an option or a protocol.
 std::string toolInput(const std::filesystem::path& url);
+/// What a tool wrote on standard error about `url`, as the user reads it: each distinct message
+/// once, joined by "; " (at most three: the first two and the last), without the "[name @ 0x…]"
+/// labels of ffmpeg's internals, without the "file:" name of the file in front, starting in lower
+/// case where the first word is a plain word, and without a final full stop.
+std::string toolMessage(std::string_view stderrText, const std::filesystem::path& url);
 std::vector<std::string> probeArguments(const std::filesystem::path& url);
 std::vector<std::string> streamArguments(const std::filesystem::path& url, int channels, double sampleRate);
 std::vector<std::string> temporaryFileArguments(const std::filesystem::path& url,

@@ -1,9 +1,10 @@
 #include "io/SndFileReader.h"
 
 #include "base/HarluneError.h"
-#include "io/SndFileCannotDecode.h"
-#include "io/FormatCodes.h"
 #include "io/Deinterleave.h"
+#include "io/FormatCodes.h"
+#include "io/QuietMpegDecoder.h"
+#include "io/SndFileCannotDecode.h"
 
 #include <algorithm>
 #include <array>
@@ -15,6 +16,13 @@
 namespace harlune {
 
 namespace {
+
+// The native road, as the user reads of it in messages.
+const std::string decoderName = "the built-in decoder";
+const std::string cannotOpen = decoderName + " can\u2019t open the file (";
+
+// Links the quieting of libmpg123 into every program that reads through this reader.
+[[gnu::used]] const auto linkQuietMpegDecoder = &QuietMpegDecoder::isInstalled;
 
 constexpr uint32_t linearPCM = fourCC("lpcm");
 // Windows codec numbers wrapped in the 'ms' prefix, as the native layer names them.
@@ -142,6 +150,33 @@ std::string libraryName(int code) {
     return std::to_string(code);
 }
 
+// What went wrong, in a few plain words. The commonest failures get ours; for the rest the
+// library's text is used without its "Error : " label and final full stop, and a text that names
+// the library itself gives way to the bare error number.
+std::string reasonOf(SNDFILE* file) {
+    switch (const int code = sf_error(file)) {
+    case SF_ERR_UNRECOGNISED_FORMAT:
+        return "not a known audio format";
+    case SF_ERR_MALFORMED_FILE:
+        return "the file is damaged";
+    case SF_ERR_UNSUPPORTED_ENCODING:
+        return "an encoding it doesn\u2019t know";
+    default: {
+        std::string text = sf_strerror(file);
+        if (const size_t colon = text.find(" : "); colon != std::string::npos && colon < 16)
+            text.erase(0, colon + 3);
+        while (!text.empty() && (text.back() == '.' || std::isspace(static_cast<unsigned char>(text.back()))))
+            text.pop_back();
+        if (text.size() > 1 && std::isupper(static_cast<unsigned char>(text[0])) &&
+            std::islower(static_cast<unsigned char>(text[1])))
+            text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+        if (text.empty() || text.find("sndfile") != std::string::npos)
+            return "error " + std::to_string(code);
+        return text;
+    }
+    }
+}
+
 std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
     std::error_code error;
     const auto size = std::filesystem::file_size(url, error);
@@ -155,13 +190,17 @@ std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
 SndFileReader::SndFileReader(std::filesystem::path url) : url_(std::move(url)) {
     // Opening a FIFO or a device would block or read for ever: only regular files go in.
     std::error_code error;
-    if (std::filesystem::status(url_, error).type() != std::filesystem::file_type::regular)
-        throw SndFileCannotDecode("libsndfile can\u2019t open the file (not a regular file)");
+    const auto type = std::filesystem::status(url_, error).type();
+    if (type == std::filesystem::file_type::directory)
+        throw SndFileCannotDecode(cannotOpen + "it is a folder)");
+    if (type != std::filesystem::file_type::regular)
+        throw SndFileCannotDecode(cannotOpen + "not a regular file)");
+    if (std::filesystem::file_size(url_, error) == 0 && !error)
+        throw SndFileCannotDecode(cannotOpen + "the file is empty)");
     SF_INFO sfInfo{};
     file_ = sf_open(url_.c_str(), SFM_READ, &sfInfo);
     if (!file_)
-        throw SndFileCannotDecode("libsndfile can\u2019t open the file (" +
-                                    std::string(sf_strerror(nullptr)) + ")");
+        throw SndFileCannotDecode(cannotOpen + reasonOf(nullptr) + ")");
     format_ = sfInfo.format;
     channels_ = sfInfo.channels;
     sampleRate_ = sfInfo.samplerate;
@@ -170,13 +209,13 @@ SndFileReader::SndFileReader(std::filesystem::path url) : url_(std::move(url)) {
     formatID_ = formatIDOf(format_);
     if (channels_ <= 0 || sampleRate_ <= 0) {
         sf_close(file_);
-        throw SndFileCannotDecode("libsndfile can\u2019t describe the audio stream");
+        throw SndFileCannotDecode(decoderName + " can\u2019t describe the audio stream");
     }
     // libsndfile gives an Opus stream the rate of the encoder's input, where every other decoder
     // gives 48 kHz; the tool road decodes it as everyone else does.
     if (formatID_ == CAFormat::opus) {
         sf_close(file_);
-        throw SndFileCannotDecode("libsndfile has no decoder for Opus at 48 kHz");
+        throw SndFileCannotDecode(decoderName + " has no decoder for Opus at 48 kHz");
     }
 }
 
@@ -190,8 +229,7 @@ AudioFileInfo SndFileReader::info(int64_t frameCount) const {
     result.url = url_;
     result.containerName =
         fileType_ ? FormatCodes::container(*fileType_) : libraryName(format_ & SF_FORMAT_TYPEMASK);
-    result.codecName =
-        formatID_ ? FormatCodes::codec(*formatID_) : libraryName(format_ & SF_FORMAT_SUBMASK);
+    result.codecName = formatID_ ? FormatCodes::codec(*formatID_) : libraryName(format_ & SF_FORMAT_SUBMASK);
     result.sampleRate = sampleRate_;
     result.channelCount = channels_;
     const bool pcm = formatID_ == linearPCM;
@@ -233,15 +271,15 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
     for (;;) {
         const sf_count_t got = sf_readf_float(file_, interleaved.data(), decodeChunkFrames);
         if (got <= 0 && sf_error(file_) != SF_ERR_NO_ERROR) {
-            const std::string text = "libsndfile decode error (" + std::string(sf_strerror(file_)) +
-                                     ") after " + std::to_string(count) + " frames";
+            const std::string text = decoderName + " decode error (" + reasonOf(file_) + ") after " +
+                                     std::to_string(count) + " frames";
             if (count == 0)
                 throw SndFileCannotDecode(text);
             throw HarluneError::decodeFailed(text);
         }
         if (got <= 0) {
             if (count == 0 && lengthFrames_ > 0)
-                throw SndFileCannotDecode("libsndfile decoded no audio");
+                throw SndFileCannotDecode(decoderName + " decoded no audio");
             break;
         }
         sendFormat();

@@ -117,14 +117,5 @@ TEST_F(LoudnessCommand, silenceHasNoLevels) {
     EXPECT_EQ(r["momentary"][0], -200.0);
 }
 
-TEST_F(LoudnessCommand, badUsageAndMissingFiles) {
-    EXPECT_EQ(cli({"loudness"}).status, 2);
-    EXPECT_EQ(cli({"loudness", file("tone.wav"), file("tone.wav")}).status, 2);
-    EXPECT_EQ(cli({"loudness", "--loud", file("tone.wav")}).status, 2);
-    const CliResult missing = cli({"loudness", file("nothing.wav")});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err.rfind("harlune-cli: ", 0), 0u) << missing.err;
-}
-
 } // namespace
 } // namespace harlune

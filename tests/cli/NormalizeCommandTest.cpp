@@ -127,26 +127,5 @@ TEST_F(NormalizeCommand, saysWhenTheTargetIsOutOfReach) {
     EXPECT_LE(r.truePeakDBTP, -1.0);
 }
 
-TEST_F(NormalizeCommand, badUsageExitsTwoWithTheUsage) {
-    const std::vector<std::vector<std::string>> cases = {
-        {"normalize", file("pink.wav"), file("x.wav")},
-        {"normalize", "--target", "loud", file("pink.wav"), file("x.wav")},
-        {"normalize", "--target", "-16", "--ceiling", "nan", file("pink.wav"), file("x.wav")},
-        {"normalize", "--target", "-16", file("pink.wav")},
-        {"normalize", "--target", "-16", "--bits", "12", file("pink.wav"), file("x.wav")},
-        {"normalize", "--target", "-16", "--loud", "1", file("pink.wav"), file("x.wav")},
-        {"normalize", "--target", "-16", file("pink.wav"), file("x.unknown")},
-        {"normalize", "--target"},
-    };
-    for (const auto& arguments : cases) {
-        const CliResult result = cli(arguments);
-        EXPECT_EQ(result.status, 2) << arguments[2];
-        EXPECT_NE(result.err.find("usage: harlune-cli normalize"), std::string::npos) << result.err;
-    }
-    const CliResult missing = cli({"normalize", "--target", "-16", file("absent.wav"), file("x.wav")});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_NE(missing.err.find("harlune-cli: "), std::string::npos);
-}
-
 } // namespace
 } // namespace harlune

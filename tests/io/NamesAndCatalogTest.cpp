@@ -1,8 +1,8 @@
 // The naming tables, the format catalog and ffprobe's JSON, against the tables they come from.
 #include "base/HarluneError.h"
-#include "io/FormatCodes.h"
 #include "io/FFmpegDecoder.h"
 #include "io/FormatCatalog.h"
+#include "io/FormatCodes.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -192,6 +192,26 @@ TEST(FFmpegCommandLines, passTheFileAsOneAbsoluteArgumentThatCannotPassForAnOpti
                                                 "0",         "-"}));
     const std::string relative = FFmpegDecoder::toolInput("-leading dash.wav");
     EXPECT_EQ(relative, "file:" + (std::filesystem::current_path() / "-leading dash.wav").string());
+}
+
+TEST(FFmpegMessages, readAsTheUserWouldSayThem) {
+    const std::filesystem::path file = "/music/take: one.wav";
+    const std::pair<std::string, std::string> cases[] = {
+        {"file:/music/take: one.wav: Invalid data found when processing input.",
+         "invalid data found when processing input"},
+        {"[mov,mp4,m4a,3gp,3g2,mj2 @ 0x55d0c1a2b3c0] moov atom not found\n"
+         "file:/music/take: one.wav: Invalid data found when processing input",
+         "moov atom not found; invalid data found when processing input"},
+        {"[mp3float @ 0x5600] [in#0 @ 0x5601] Header missing\r\n[mp3float @ 0x5600] Header missing\n  \n"
+         "Error while decoding stream #0:0: Invalid data found when processing input",
+         "header missing; error while decoding stream #0:0: Invalid data found when processing input"},
+        {"one\ntwo\nthree\nfour\nfive", "one; two; five"},
+        {"Error opening file:/music/take: one.wav.", "error opening take: one.wav"},
+        {"EOF reached; [not @ an address] stays", "EOF reached; [not @ an address] stays"},
+        {"  \n ", ""},
+    };
+    for (const auto& [stderrText, message] : cases)
+        EXPECT_EQ(FFmpegDecoder::toolMessage(stderrText, file), message) << stderrText;
 }
 
 } // namespace
