@@ -53,14 +53,29 @@ TEST(PlaybackEngine, FormatErrorsNameTheRate) {
     EXPECT_EQ(makeStreamFormat(22050, 1), (StreamFormat{22050, 1}));
 }
 
-TEST(PlaybackEngine, StartFailureReachesTheCaller) {
-    EngineOnTestDevice fixture;
-    fixture.device->failNextStart("device gone");
-    EXPECT_THROW(fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f),
-                 AudioDeviceError);
-    EXPECT_FALSE(fixture.device->isRunning());
-    fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f);
-    EXPECT_TRUE(fixture.device->isRunning());
+// A device that fails to start, or to build the stream for a new format, reports it to the
+// caller; the next play, of whatever format, builds and starts what it needs.
+TEST(PlaybackEngine, DeviceFailuresReachTheCallerAndTheNextPlayRecovers) {
+    const auto planes = noisePlanes(1, 100);
+    const AudioContent mono(planes, 44100);
+    const AudioContent stereo48(noisePlanes(2, 100), 48000);
+    for (const bool failConfigure : {false, true}) {
+        EngineOnTestDevice fixture;
+        fixture.engine->start(mono, {0, 100}, false, 1.0f);
+        if (failConfigure)
+            fixture.device->failNextConfigure("server gone");
+        else
+            fixture.device->failNextStart("device gone");
+        EXPECT_THROW(fixture.engine->start(stereo48, {0, 100}, false, 1.0f), AudioDeviceError);
+        EXPECT_FALSE(fixture.device->isRunning());
+
+        fixture.engine->start(mono, {0, 100}, false, 1.0f);
+        EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 1})) << failConfigure;
+        EXPECT_TRUE(fixture.device->isRunning());
+        const auto capture = fixture.device->pull(100, 100);
+        ASSERT_EQ(capture.planes.size(), 1u);
+        EXPECT_EQ(capture.planes[0], planes[0]) << failConfigure;
+    }
 }
 
 TEST(PlaybackEngine, PauseSilencesAndKeepsTheProgram) {
