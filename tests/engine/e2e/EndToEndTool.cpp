@@ -1,6 +1,7 @@
 // A helper for the end-to-end playback tests, which run against real sound servers:
 //   play  - plays a generated tone through a chosen back end and waits for its end;
-//   check - reads what the server's sink recorded (WAV) and compares it with that tone.
+//   check - reads what the server's sink recorded (WAV) and compares it with that tone;
+//   silent-server - listens on a socket and never answers, as a server that hangs.
 #include "core/AudioContentBuilder.h"
 #include "engine/MainThreadQueue.h"
 #include "engine/PlaybackEngine.h"
@@ -17,6 +18,10 @@
 #include <numbers>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -73,12 +78,25 @@ int play(const std::map<std::string, std::string>& all) {
     // With --expect-loss the script takes the server away mid-play: the engine must hear of it
     // as a configuration change, on this thread, and try to restart without failing.
     const bool expectLoss = all.count("--expect-loss") != 0;
+    // With --restart-after FILE the restart waits until the script made FILE (having put a
+    // server that does not answer in place); the restart call is timed, and the tool then waits
+    // for the sound to come back from the server the script starts after that.
+    const std::string restartAfter = all.count("--restart-after") ? all.at("--restart-after") : "";
     bool changed = false;
+    std::optional<int64_t> restartedAt;
     engine.device().setConfigurationChangeHandler([&] {
         changed = true;
         std::printf("configuration change\n");
         std::fflush(stdout);
+        if (!restartAfter.empty())
+            while (access(restartAfter.c_str(), F_OK) != 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const auto before = std::chrono::steady_clock::now();
         engine.handleConfigurationChange();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - before;
+        std::printf("restart call took %.3f s\n", took.count());
+        std::fflush(stdout);
+        restartedAt = engine.state().position.load();
     });
     engine.start(content, content.fullRange(), false, 1.0f);
     std::printf("playing %.0f Hz, %d channel(s) through %s\n", rate, channels,
@@ -91,6 +109,18 @@ int play(const std::map<std::string, std::string>& all) {
            std::chrono::steady_clock::now() < deadline) {
         mainThread.runFor(std::chrono::milliseconds(20));
         latency = std::max(latency, engine.device().presentationLatency());
+    }
+    if (expectLoss && !restartAfter.empty()) {
+        // Sound is back when half a second more has been rendered after the restart.
+        const auto resumeDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        bool resumed = false;
+        while (!resumed && std::chrono::steady_clock::now() < resumeDeadline) {
+            mainThread.runFor(std::chrono::milliseconds(20));
+            resumed = engine.device().isRunning() &&
+                      engine.state().position.load() > *restartedAt + static_cast<int64_t>(rate / 2);
+        }
+        std::printf("resumed: %s\n", resumed ? "yes" : "no");
+        return resumed ? 0 : 1;
     }
     if (expectLoss) {
         std::printf("running after the loss: %s\n", engine.device().isRunning() ? "yes" : "no");
@@ -238,9 +268,29 @@ int check(const std::string& path, const std::map<std::string, std::string>& all
     return ok ? 0 : 1;
 }
 
+// Binds a listening socket at `path` and never accepts: clients connect, then wait for an answer.
+int silentServer(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    unlink(path.c_str());
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 16) != 0) {
+        std::perror("silent-server");
+        return 1;
+    }
+    std::printf("listening\n");
+    std::fflush(stdout);
+    pause();
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc >= 3 && std::string(argv[1]) == "silent-server")
+        return silentServer(argv[2]);
     if (argc >= 2 && std::string(argv[1]) == "play")
         return play(options(argc, argv, 2));
     if (argc >= 3 && std::string(argv[1]) == "check")
