@@ -12,11 +12,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <numbers>
 #include <optional>
+#include <sndfile.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -146,63 +145,25 @@ struct Recording {
     std::vector<std::vector<float>> planes;
 };
 
-// WAV with 16- or 32-bit integer or 32-bit float samples: what pw-record and our JACK recorder write.
-std::optional<Recording> readWav(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 ||
-        std::memcmp(bytes.data() + 8, "WAVE", 4) != 0)
+// What the server's sink recorded, as planes.
+std::optional<Recording> readRecording(const std::string& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr)
         return std::nullopt;
-    auto u16 = [&](size_t at) {
-        return static_cast<uint32_t>(static_cast<uint8_t>(bytes[at]) | static_cast<uint8_t>(bytes[at + 1])
-                                                                           << 8);
-    };
-    auto u32 = [&](size_t at) {
-        return u16(at) | u16(at + 2) << 16;
-    };
-    uint32_t format = 0, channels = 0, rate = 0, bits = 0;
-    size_t at = 12;
-    while (at + 8 <= bytes.size()) {
-        const std::string id(bytes.data() + at, 4);
-        uint32_t size = u32(at + 4);
-        const size_t body = at + 8;
-        if (id == "fmt ") {
-            format = u16(body);
-            channels = u16(body + 2);
-            rate = u32(body + 4);
-            bits = u16(body + 14);
-            if (format == 0xFFFE)
-                format = u16(body + 24);
-        } else if (id == "data") {
-            if (size == 0 || size == 0xFFFFFFFF || body + size > bytes.size())
-                size = static_cast<uint32_t>(bytes.size() - body); // a header never finished
-            Recording recording;
-            recording.rate = rate;
-            recording.planes.assign(channels, {});
-            const size_t width = bits / 8;
-            const size_t frames = size / (width * channels);
-            for (size_t f = 0; f < frames; ++f) {
-                for (size_t c = 0; c < channels; ++c) {
-                    const size_t p = body + (f * channels + c) * width;
-                    float x = 0;
-                    if (format == 3 && bits == 32)
-                        std::memcpy(&x, bytes.data() + p, 4);
-                    else if (bits == 16)
-                        x = static_cast<float>(static_cast<int16_t>(u16(p))) / 32768.0f;
-                    else if (bits == 32)
-                        x = static_cast<float>(static_cast<int32_t>(u32(p)) / 2147483648.0);
-                    recording.planes[c].push_back(x);
-                }
-            }
-            return recording;
-        }
-        at = body + size + (size & 1);
-    }
-    return std::nullopt;
+    std::vector<float> interleaved(static_cast<size_t>(info.frames * info.channels));
+    const auto frames = static_cast<size_t>(sf_readf_float(file, interleaved.data(), info.frames));
+    sf_close(file);
+    Recording recording{static_cast<double>(info.samplerate), {}};
+    recording.planes.assign(static_cast<size_t>(info.channels), std::vector<float>(frames));
+    for (size_t f = 0; f < frames; ++f)
+        for (size_t c = 0; c < recording.planes.size(); ++c)
+            recording.planes[c][f] = interleaved[f * recording.planes.size() + c];
+    return recording;
 }
 
 int check(const std::string& path, const std::map<std::string, std::string>& all) {
-    const auto recording = readWav(path);
+    const auto recording = readRecording(path);
     if (!recording || recording->planes.empty()) {
         std::printf("FAIL: %s is no WAV file with audio\n", path.c_str());
         return 1;
