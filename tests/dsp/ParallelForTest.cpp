@@ -1,5 +1,6 @@
 #include "dsp/ParallelFor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -9,25 +10,16 @@
 namespace harlune {
 namespace {
 
-// Counts how often each of `count` iterations ran.
-struct Hits {
-    explicit Hits(int64_t count) : counts(static_cast<size_t>(count)) {}
-    void operator()(int64_t i) { counts[static_cast<size_t>(i)].fetch_add(1); }
-    bool eachOnce() const {
-        for (const auto& hit : counts)
-            if (hit.load() != 1)
-                return false;
-        return true;
-    }
-    std::vector<std::atomic<int>> counts;
-};
+// Runs `run` over iterations that count their calls; true when each ran exactly once.
+template <class Run> bool eachIterationOnce(int64_t count, Run run) {
+    std::vector<std::atomic<int>> hits(static_cast<size_t>(count));
+    run([&](int64_t i) { hits[static_cast<size_t>(i)].fetch_add(1); });
+    return std::all_of(hits.begin(), hits.end(), [](const auto& hit) { return hit.load() == 1; });
+}
 
 TEST(ParallelForTest, EveryIterationRunsOnceInBothModes) {
-    for (const bool concurrent : {false, true}) {
-        Hits hits(1000);
-        parallelFor(1000, concurrent, [&](int64_t i) { hits(i); });
-        EXPECT_TRUE(hits.eachOnce()) << concurrent;
-    }
+    for (const bool concurrent : {false, true})
+        EXPECT_TRUE(eachIterationOnce(1000, [&](auto body) { parallelFor(1000, concurrent, body); }));
     int calls = 0;
     parallelFor(0, true, [&](int64_t) { ++calls; });
     parallelFor(-3, false, [&](int64_t) { ++calls; });
@@ -35,7 +27,7 @@ TEST(ParallelForTest, EveryIterationRunsOnceInBothModes) {
 }
 
 // A system out of threads (std::thread's constructor throws) must not end the program: the
-// threads that did start and the calling one share all iterations.
+// threads that did start and the calling one share all iterations, and no more starts are tried.
 TEST(ParallelForTest, ThreadsTheSystemRefusesLeaveTheWorkToTheOthers) {
     for (const int startable : {0, 1, 3}) {
         int attempts = 0;
@@ -44,11 +36,9 @@ TEST(ParallelForTest, ThreadsTheSystemRefusesLeaveTheWorkToTheOthers) {
                 throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
             return std::thread([work] { work(); });
         };
-        Hits hits(500);
-        parallelFor(
-            500, 8, [&](int64_t i) { hits(i); }, starter);
-        EXPECT_TRUE(hits.eachOnce()) << startable << " threads started";
-        EXPECT_EQ(attempts, startable + 1) << "no more starts are tried after a refusal";
+        EXPECT_TRUE(eachIterationOnce(500, [&](auto body) { parallelFor(500, 8, body, starter); }))
+            << startable;
+        EXPECT_EQ(attempts, startable + 1);
     }
 }
 

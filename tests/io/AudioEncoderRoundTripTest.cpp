@@ -6,8 +6,10 @@
 #include "io/SndFileWriter.h"
 #include "support/TestAudio.h"
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <string_view>
 
 namespace harlune {
 namespace {
@@ -143,27 +145,17 @@ TEST_F(AudioEncoderRoundTrip, ARangeWritesOnlyThoseFramesAndProgressEndsAtOne) {
     EXPECT_DOUBLE_EQ(reports[3], 1.0);
 }
 
-// The layout tag of a CAF ("chan") or AIFF ("CHAN") file, read from its chunks: libsndfile reads
-// back only the tags of its own table, and ffmpeg 5 names none of 6.1 and 7.1.
-std::optional<uint32_t> layoutTag(const std::filesystem::path& file) {
+// The tag of the layout chunk of a CAF ("chan") or AIFF ("CHAN") file, which precedes the audio:
+// libsndfile reads back only the tags of its own table, and ffmpeg 5 names neither 6.1 nor 7.1.
+std::optional<uint32_t> layoutTag(const std::filesystem::path& file, bool caf) {
     const std::vector<uint8_t> bytes = testing::readBytes(file);
-    const auto big = [&](size_t at, size_t width) {
-        uint64_t value = 0;
-        for (size_t i = 0; i < width; ++i)
-            value = value << 8 | bytes[at + i];
-        return value;
-    };
-    const bool caf = bytes.size() >= 8 && std::equal(bytes.begin(), bytes.begin() + 4, "caff");
-    const size_t sizeWidth = caf ? 8 : 4;
-    for (size_t at = caf ? 8 : 12; at + 4 + sizeWidth + 4 <= bytes.size();) {
-        const std::string id(bytes.begin() + static_cast<ptrdiff_t>(at),
-                             bytes.begin() + static_cast<ptrdiff_t>(at) + 4);
-        const uint64_t size = big(at + 4, sizeWidth);
-        if (id == (caf ? "chan" : "CHAN"))
-            return static_cast<uint32_t>(big(at + 4 + sizeWidth, 4));
-        at += 4 + sizeWidth + size + (caf ? 0 : size & 1);
-    }
-    return std::nullopt;
+    const std::string_view id = caf ? "chan" : "CHAN";
+    const auto found = std::search(bytes.begin(), bytes.end(), id.begin(), id.end());
+    const auto at = static_cast<size_t>(found - bytes.begin()) + id.size() + (caf ? 8 : 4); // id, size
+    if (at + 4 > bytes.size())
+        return std::nullopt;
+    return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 |
+           bytes[at + 3];
 }
 
 TEST_F(AudioEncoderRoundTrip, SurroundFilesKeepTheirChannelLayout) {
@@ -183,12 +175,12 @@ TEST_F(AudioEncoderRoundTrip, SurroundFilesKeepTheirChannelLayout) {
          {Case{ExportFormat::caf, 6, 121, "5.1(side)"}, Case{ExportFormat::caf, 7, 188, "6.1"},
           Case{ExportFormat::caf, 8, 189, "7.1"}, Case{ExportFormat::aiff, 7, 188, "6.1"},
           Case{ExportFormat::aiff, 8, 189, "7.1"}}) {
-        const auto path = folder / (std::to_string(test.channels) + "." +
-                                    (test.format == ExportFormat::caf ? "caf" : "aiff"));
+        const bool caf = test.format == ExportFormat::caf;
+        const auto path = folder / (std::to_string(test.channels) + (caf ? ".caf" : ".aiff"));
         const auto planes = testing::noisePlanes(test.channels, 4800, 2);
         AudioEncoder::write(ArraySource(planes, 48000), std::nullopt, path,
                             settings(test.format, PCMBitDepth::int16));
-        EXPECT_EQ(layoutTag(path), test.layout << 16 | static_cast<unsigned>(test.channels)) << path;
+        EXPECT_EQ(layoutTag(path, caf), test.layout << 16 | static_cast<unsigned>(test.channels)) << path;
         // ffmpeg as an independent reader, where it knows the tag.
         const std::string named = testing::probeStream(path, "channel_layout");
         if (named != "unknown") {
