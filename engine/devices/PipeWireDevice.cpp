@@ -139,7 +139,13 @@ struct PipeWireDevice::Impl {
     void connectInBackground() {
         destroyStream();
         reconnecting = true; // before the connection, whose first events may come at once
-        if (openStream() < 0) {
+        int result = -1;
+        try {
+            result = openStream();
+        } catch (const AudioDeviceError&) {
+            // No stream object this time (out of memory, say): the timer tries again.
+        }
+        if (result < 0) {
             reconnecting = false;
             destroyStream();
             armRetry(retryNanoseconds);
