@@ -42,6 +42,9 @@ void PlaybackEngine::ensureGraph(const AudioContent& content) {
     if (device_->isRunning())
         device_->stop();
     const StreamFormat format = makeStreamFormat(content.sampleRate(), channels);
+    // The device drops its stream before it builds the new one: after a failure it runs neither
+    // format, and the next play must rebuild whatever it asks for.
+    nodeFormat_.reset();
     device_->configure(format, state_);
     nodeFormat_ = format;
 }

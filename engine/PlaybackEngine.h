@@ -49,7 +49,7 @@ public:
     const RenderState& state() const { return *state_; }
     const std::shared_ptr<RenderState>& renderState() const { return state_; }
     AudioOutputDevice& device() { return *device_; }
-    /// The format of the current stream, absent before the first graph.
+    /// The format of the current stream, absent before the first graph and after a failed one.
     const std::optional<StreamFormat>& nodeFormat() const { return nodeFormat_; }
     /// Oldest first.
     const std::deque<std::shared_ptr<const EnvelopeSet>>& retiredEnvelopes() const {

@@ -21,6 +21,8 @@ namespace {
 
 // Longest wait for the server to accept or refuse a stream.
 constexpr int connectTimeoutSeconds = 5;
+// Pause between two attempts to reach a server that went away.
+constexpr int64_t retryNanoseconds = 500'000'000;
 
 void initialisePipeWire() {
     static std::once_flag once;
@@ -60,8 +62,14 @@ struct PipeWireDevice::Impl {
     // Loop thread and main thread, under the loop lock.
     pw_stream_state state = PW_STREAM_STATE_UNCONNECTED;
     std::string error;
-    bool active = false;           ///< what the main thread asked for
+    bool active = false;           ///< the stream runs because the main thread asked for it
     bool closingByRequest = false; ///< our own disconnect: not a configuration change
+    // After the server dropped the stream, connecting happens here on the loop thread, never on
+    // the main thread: `start` and `configure` only ask for it and return at once.
+    bool wanted = false;              ///< the main thread wants sound (`start` without `pause` since)
+    bool lost = false;                ///< the server dropped the stream and no new one came up yet
+    bool reconnecting = false;        ///< a stream is connecting in the background
+    spa_source* retryTimer = nullptr; ///< the next attempt, or the end of the wait for one
 
     // Audio thread only; cleared for each new stream.
     bool priorityAsked = false;
@@ -78,10 +86,71 @@ struct PipeWireDevice::Impl {
         self.state = state;
         self.error = error != nullptr ? error : "";
         pw_thread_loop_signal(self.loop, false);
-        const bool lost = state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED;
-        if (lost && self.active && !self.closingByRequest) {
-            self.active = false;
-            self.owner.notifyConfigurationChange();
+        if (self.closingByRequest)
+            return;
+        const bool failed = state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED;
+        if (self.reconnecting) {
+            if (state == PW_STREAM_STATE_PAUSED || state == PW_STREAM_STATE_STREAMING) {
+                self.reconnecting = false;
+                self.lost = false;
+                self.armRetry(0);
+                if (self.wanted) {
+                    pw_stream_set_active(self.stream, true);
+                    self.active = true;
+                }
+            } else if (failed) {
+                // A stream may not be destroyed from its own event: the timer tries again.
+                self.reconnecting = false;
+                self.armRetry(retryNanoseconds);
+            }
+            return;
+        }
+        if (failed) {
+            self.lost = true;
+            if (self.active) {
+                self.active = false;
+                self.owner.notifyConfigurationChange();
+            }
+        }
+    }
+
+    /// Loop lock held. Arms the retry timer `nanoseconds` from now, or disarms it for 0.
+    void armRetry(int64_t nanoseconds) {
+        timespec value{};
+        value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+        value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+        pw_loop_update_timer(pw_thread_loop_get_loop(loop), retryTimer, nanoseconds > 0 ? &value : nullptr,
+                             nullptr, false);
+    }
+
+    /// Loop thread: a failed attempt waited its turn, or a connecting stream got no answer in
+    /// time. Tries again while sound is wanted.
+    static void onRetry(void* data, uint64_t) {
+        auto& self = *static_cast<Impl*>(data);
+        self.reconnecting = false;
+        if (self.wanted && self.format)
+            self.connectInBackground();
+        else
+            self.destroyStream(); // a later `start` connects anew
+    }
+
+    /// Loop lock held. Starts connecting a new stream for `format` without waiting; the state
+    /// event activates it once it is up when sound is wanted, and a failure is retried.
+    void connectInBackground() {
+        destroyStream();
+        reconnecting = true; // before the connection, whose first events may come at once
+        int result = -1;
+        try {
+            result = openStream();
+        } catch (const AudioDeviceError&) {
+            // No stream object this time (out of memory, say): the timer tries again.
+        }
+        if (result < 0) {
+            reconnecting = false;
+            destroyStream();
+            armRetry(retryNanoseconds);
+        } else if (reconnecting) {
+            armRetry(connectTimeoutSeconds * 1'000'000'000LL);
         }
     }
 
@@ -175,9 +244,9 @@ struct PipeWireDevice::Impl {
         state = PW_STREAM_STATE_UNCONNECTED;
     }
 
-    /// Loop lock held. A new inactive stream for `format`, connected and negotiated.
-    void connect() {
-        destroyStream();
+    /// Loop lock held. Creates an inactive stream for `format` and starts its connection; gives
+    /// `pw_stream_connect`'s result.
+    int openStream() {
         pw_properties* properties = pw_properties_new(
             PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE, "Music",
             PW_KEY_NODE_NAME, "harlune", PW_KEY_APP_NAME, "Harlune", PW_KEY_NODE_DESCRIPTION, "Harlune",
@@ -207,7 +276,14 @@ struct PipeWireDevice::Impl {
         const auto flags =
             static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
                                          PW_STREAM_FLAG_RT_PROCESS | PW_STREAM_FLAG_INACTIVE);
-        const int result = pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY, flags, params, 1);
+        return pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY, flags, params, 1);
+    }
+
+    /// Loop lock held. A new inactive stream for `format`, connected and negotiated; waits for the
+    /// server's answer, so that a first connection reports its failure.
+    void connect() {
+        destroyStream();
+        const int result = openStream();
         if (result < 0) {
             const std::string reason = spa_strerror(result);
             destroyStream();
@@ -233,8 +309,13 @@ PipeWireDevice::PipeWireDevice(PostToMainThread postToMainThread)
     : AudioOutputDevice(std::move(postToMainThread)), impl_(std::make_unique<Impl>(*this)) {
     initialisePipeWire();
     impl_->loop = pw_thread_loop_new("harlune-playback", nullptr);
-    if (impl_->loop == nullptr || pw_thread_loop_start(impl_->loop) < 0)
+    if (impl_->loop == nullptr)
         throw AudioDeviceError("could not start the PipeWire loop");
+    impl_->retryTimer = pw_loop_add_timer(pw_thread_loop_get_loop(impl_->loop), &Impl::onRetry, impl_.get());
+    if (impl_->retryTimer == nullptr || pw_thread_loop_start(impl_->loop) < 0) {
+        pw_thread_loop_destroy(impl_->loop);
+        throw AudioDeviceError("could not start the PipeWire loop");
+    }
 }
 
 PipeWireDevice::~PipeWireDevice() {
@@ -242,7 +323,9 @@ PipeWireDevice::~PipeWireDevice() {
         {
             const LoopLock lock(impl_->loop);
             impl_->active = false;
+            impl_->wanted = false;
             impl_->destroyStream();
+            pw_loop_destroy_source(pw_thread_loop_get_loop(impl_->loop), impl_->retryTimer);
         }
         pw_thread_loop_stop(impl_->loop);
         pw_thread_loop_destroy(impl_->loop);
@@ -274,23 +357,36 @@ void PipeWireDevice::configure(StreamFormat format, std::shared_ptr<RenderSource
         throwPlaybackFormatError(format.sampleRate);
     const LoopLock lock(impl_->loop);
     impl_->active = false;
+    impl_->wanted = false;
+    impl_->reconnecting = false;
+    impl_->armRetry(0);
     impl_->destroyStream();
     impl_->format = format;
     impl_->source = std::move(source);
     impl_->callbacks = 0;
     impl_->late = 0;
     impl_->lastCallbackNanoseconds = 0;
-    impl_->connect();
+    // With the server gone, waiting for it would freeze the caller: connect in the background.
+    if (impl_->lost)
+        impl_->connectInBackground();
+    else
+        impl_->connect();
 }
 
 void PipeWireDevice::start() {
     if (!impl_->format || !impl_->source)
         throw AudioDeviceError("no stream was configured");
     const LoopLock lock(impl_->loop);
-    if (impl_->stream == nullptr || impl_->state == PW_STREAM_STATE_ERROR ||
-        impl_->state == PW_STREAM_STATE_UNCONNECTED)
-        impl_->connect();
+    impl_->wanted = true;
     impl_->lastCallbackNanoseconds = 0;
+    if (impl_->reconnecting)
+        return; // the stream starts when it is up
+    if (impl_->stream == nullptr || impl_->state == PW_STREAM_STATE_ERROR ||
+        impl_->state == PW_STREAM_STATE_UNCONNECTED) {
+        // Reconnect off this thread; a server that is gone is tried again until it answers.
+        impl_->connectInBackground();
+        return;
+    }
     const int result = pw_stream_set_active(impl_->stream, true);
     if (result < 0)
         throw AudioDeviceError(std::string("PipeWire: ") + spa_strerror(result));
@@ -300,6 +396,10 @@ void PipeWireDevice::start() {
 void PipeWireDevice::pause() {
     const LoopLock lock(impl_->loop);
     impl_->active = false;
+    impl_->wanted = false;
+    if (impl_->reconnecting)
+        return; // the stream stays inactive when it comes up
+    impl_->armRetry(0);
     if (impl_->stream != nullptr)
         pw_stream_set_active(impl_->stream, false);
 }

@@ -9,8 +9,10 @@ namespace harlune {
 /// Output through PipeWire: one `pw_stream` on a `pw_thread_loop`, planar float at the content's
 /// rate with 1 or 2 channels at explicit positions (MONO; FL, FR), so that PipeWire's adapter
 /// converts rate and channels for the device. Node "harlune" of application "Harlune". A daemon or
-/// device that goes away stops the stream and raises the configuration-change event; `start`
-/// then connects anew.
+/// device that goes away stops the stream and raises the configuration-change event. From then
+/// on `start` and `configure` never wait for the server: the loop thread connects anew, tries
+/// again every half second until a server answers, and starts the stream once it is up if it
+/// is still wanted.
 class PipeWireDevice final : public AudioOutputDevice {
 public:
     explicit PipeWireDevice(PostToMainThread postToMainThread);

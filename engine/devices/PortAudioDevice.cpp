@@ -87,9 +87,10 @@ struct PortAudioDevice::Impl {
     std::condition_variable wake;
     bool quitting = false;
     std::thread watcher;
-    // Once the server is gone, PortAudio's calls on the stream (stop, abort, close, even
-    // terminate) may wait forever for callbacks that never come: the stream is then left alone,
-    // and this device cannot play again; a new device (a new PortAudio session) can.
+    // Once the JACK server is gone, PortAudio's calls on the stream (stop, abort, close, and
+    // terminate, which closes it) wait for a callback that never comes: the stream is
+    // then left alone. PortAudio cannot be initialised anew while it is open, so its JACK client,
+    // which cannot reach a new server, stays for the rest of the process.
     bool lost = false;
 
     explicit Impl(PortAudioDevice& device) : owner(device) {}

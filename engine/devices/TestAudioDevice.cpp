@@ -16,8 +16,14 @@ TestAudioDevice::~TestAudioDevice() = default;
 void TestAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSource> source) {
     running_ = false;
     format_ = format;
-    source_ = std::move(source);
     ++configureCount_;
+    if (configureFailure_) {
+        const std::string message = *configureFailure_;
+        configureFailure_.reset();
+        source_.reset();
+        throw AudioDeviceError(message);
+    }
+    source_ = std::move(source);
 }
 
 void TestAudioDevice::start() {

@@ -40,6 +40,10 @@ public:
     void setPresentationLatency(double seconds) { latency_ = seconds; }
     /// Makes the next `start` throw this error text (once), as a device that is gone.
     void failNextStart(std::string message) { startFailure_ = std::move(message); }
+    /// Makes the next `configure` throw this error text (once), as a server that refused the new
+    /// stream after the old one was gone: the device is left stopped with the new format and no
+    /// stream to play.
+    void failNextConfigure(std::string message) { configureFailure_ = std::move(message); }
     /// Seconds since an arbitrary origin; `pullUntil` renders what the clock says has elapsed.
     void setClock(std::function<double()> clock) { clock_ = std::move(clock); }
 
@@ -69,6 +73,7 @@ private:
     std::atomic<bool> running_{false};
     double latency_ = 0;
     std::optional<std::string> startFailure_;
+    std::optional<std::string> configureFailure_;
     std::function<double()> clock_;
     double clockOrigin_ = 0;
     int64_t framesPulled_ = 0;

@@ -4,17 +4,22 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 namespace harlune {
 
 void parallelFor(int64_t count, bool concurrent, FunctionRef<void(int64_t)> body) {
+    const auto cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    parallelFor(count, concurrent ? cores : 1, body,
+                [](FunctionRef<void()> work) { return std::thread([work] { work(); }); });
+}
+
+void parallelFor(int64_t count, int workers, FunctionRef<void(int64_t)> body, ThreadStarter startThread) {
     if (count <= 0)
         return;
-    const auto cores = static_cast<int64_t>(std::max(1u, std::thread::hardware_concurrency()));
-    const int64_t workers = std::min(count, cores);
-    if (!concurrent || workers <= 1) {
+    if (std::min<int64_t>(count, workers) <= 1) {
         for (int64_t i = 0; i < count; ++i)
             body(i);
         return;
@@ -37,9 +42,16 @@ void parallelFor(int64_t count, bool concurrent, FunctionRef<void(int64_t)> body
         }
     };
     std::vector<std::thread> threads;
-    threads.reserve(static_cast<size_t>(workers - 1));
-    for (int64_t t = 1; t < workers; ++t)
-        threads.emplace_back(work);
+    threads.reserve(static_cast<size_t>(std::min<int64_t>(count, workers) - 1));
+    for (int64_t t = 1; t < std::min<int64_t>(count, workers); ++t) {
+        try {
+            threads.push_back(startThread(work));
+        } catch (const std::system_error&) {
+            // Out of threads (or of memory for their stacks): the iterations are taken from one
+            // counter, so the threads already running and this one simply do more of them.
+            break;
+        }
+    }
     work(); // the calling thread takes its share
     for (auto& thread : threads)
         thread.join();

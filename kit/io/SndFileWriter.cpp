@@ -2,6 +2,7 @@
 
 #include "base/HarluneError.h"
 #include "base/Precondition.h"
+#include "io/ChannelLayouts.h"
 
 #include <array>
 #include <sndfile.h>
@@ -75,6 +76,25 @@ std::vector<int> channelMap(int channels) {
     }
 }
 
+// libsndfile turns a channel map into an Apple layout tag only through its own table, which lacks
+// the 6.1 and 7.1 arrangements in this order; for those the layout chunk of CAF ("chan") or AIFF
+// ("CHAN") is written here: tag, bitmap and description count, big-endian, with no descriptions.
+bool setLayoutChunk(SNDFILE* file, SndFileWriter::Container container, int channels) {
+    const std::optional<unsigned> tag = ChannelLayouts::canonicalTag(channels);
+    if (!tag || (container != SndFileWriter::Container::caf && container != SndFileWriter::Container::aiff))
+        return false;
+    std::array<unsigned char, 12> body{};
+    for (size_t i = 0; i < 4; ++i)
+        body[i] = static_cast<unsigned char>(*tag >> (24 - 8 * i));
+    SF_CHUNK_INFO chunk{};
+    const std::string_view id = container == SndFileWriter::Container::caf ? "chan" : "CHAN";
+    id.copy(chunk.id, id.size());
+    chunk.id_size = static_cast<unsigned>(id.size());
+    chunk.datalen = static_cast<unsigned>(body.size());
+    chunk.data = body.data(); // copied by libsndfile
+    return sf_set_chunk(file, &chunk) == SF_ERR_NO_ERROR;
+}
+
 // libsndfile words a failed system call as "System error : REASON."; the reason alone reads
 // better inside our own message.
 std::string reasonOf(const char* text) {
@@ -122,6 +142,8 @@ SndFileWriter::SndFileWriter(const std::filesystem::path& path, const Spec& spec
     if (std::vector<int> map = channelMap(spec.channels); !map.empty() && spec.container != Container::flac)
         hasLayout_ = sf_command(file_, SFC_SET_CHANNEL_MAP_INFO, map.data(),
                                 static_cast<int>(map.size() * sizeof(int))) == SF_TRUE;
+    if (!hasLayout_)
+        hasLayout_ = setLayoutChunk(file_, spec.container, spec.channels);
     if (spec.bitDepth == PCMBitDepth::float32)
         sf_command(file_, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     if (spec.container == Container::flac) {

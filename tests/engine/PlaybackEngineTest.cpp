@@ -5,6 +5,7 @@
 #include "support/TestAudio.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace harlune {
 namespace {
@@ -13,31 +14,30 @@ using testing::EngineOnTestDevice;
 using testing::noisePlanes;
 
 TEST(PlaybackEngine, GraphFollowsRateAndChannelsAndIsRebuiltOnlyOnChange) {
+    struct Play {
+        int channels;
+        double rate;
+        StreamFormat format;
+        int configures;
+    };
     EngineOnTestDevice fixture;
-    const AudioContent mono(noisePlanes(1, 100), 44100);
-    const AudioContent stereo(noisePlanes(2, 100), 44100);
-    const AudioContent surround(noisePlanes(6, 100), 44100);
-    const AudioContent stereo48(noisePlanes(2, 100), 48000);
-
-    fixture.engine->start(mono, {0, 100}, false, 1.0f);
-    EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 1}));
-    fixture.engine->start(mono, {0, 50}, false, 1.0f);
-    EXPECT_EQ(fixture.device->configureCount(), 1);
-
-    fixture.engine->start(stereo, {0, 100}, false, 1.0f);
-    EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 2}));
-    EXPECT_EQ(fixture.device->configureCount(), 2);
-    // Six channels fold into the same two-channel stream.
-    fixture.engine->start(surround, {0, 100}, false, 1.0f);
-    EXPECT_EQ(fixture.device->configureCount(), 2);
-    fixture.engine->start(stereo48, {0, 100}, false, 1.0f);
-    EXPECT_EQ(fixture.device->format(), (StreamFormat{48000, 2}));
-    EXPECT_EQ(fixture.device->configureCount(), 3);
-    EXPECT_TRUE(fixture.device->isRunning());
+    // Six channels fold into the same two-channel stream as two.
+    for (const Play play :
+         {Play{1, 44100, {44100, 1}, 1}, Play{1, 44100, {44100, 1}, 1}, Play{2, 44100, {44100, 2}, 2},
+          Play{6, 44100, {44100, 2}, 2}, Play{2, 48000, {48000, 2}, 3}}) {
+        fixture.engine->start(AudioContent(noisePlanes(play.channels, 100), play.rate), {0, 100}, false,
+                              1.0f);
+        EXPECT_EQ(fixture.device->format(), play.format);
+        EXPECT_EQ(fixture.device->configureCount(), play.configures) << play.channels << " at " << play.rate;
+        EXPECT_TRUE(fixture.device->isRunning());
+    }
 }
 
 TEST(PlaybackEngine, FormatErrorsNameTheRate) {
-    const auto check = [](double rate, int channels, const std::string& detail) {
+    for (const auto& [rate, channels, detail] : {std::tuple{0.0, 1, "playback format 0 Hz"},
+                                                 {-44100.0, 2, "playback format -44100 Hz"},
+                                                 {44100.5, 3, "playback format 44100.5 Hz"},
+                                                 {1e9, 2, "playback format 1000000000 Hz"}}) {
         try {
             makeStreamFormat(rate, channels);
             ADD_FAILURE() << "no error for " << rate;
@@ -45,38 +45,54 @@ TEST(PlaybackEngine, FormatErrorsNameTheRate) {
             EXPECT_EQ(error.kind(), HarluneError::Kind::unsupportedFormat);
             EXPECT_EQ(error.detail(), detail);
         }
-    };
-    check(0, 1, "playback format 0 Hz");
-    check(-44100, 2, "playback format -44100 Hz");
-    check(44100.5, 3, "playback format 44100.5 Hz");
-    check(1e9, 2, "playback format 1000000000 Hz");
+    }
     EXPECT_EQ(makeStreamFormat(22050, 1), (StreamFormat{22050, 1}));
 }
 
-TEST(PlaybackEngine, StartFailureReachesTheCaller) {
-    EngineOnTestDevice fixture;
-    fixture.device->failNextStart("device gone");
-    EXPECT_THROW(fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f),
-                 AudioDeviceError);
-    EXPECT_FALSE(fixture.device->isRunning());
-    fixture.engine->start(AudioContent(noisePlanes(1, 10), 48000), {0, 10}, false, 1.0f);
-    EXPECT_TRUE(fixture.device->isRunning());
+// A device that fails to start, or to build the stream for a new format, reports it to the
+// caller; the next play, of whatever format, builds and starts what it needs.
+TEST(PlaybackEngine, DeviceFailuresReachTheCallerAndTheNextPlayRecovers) {
+    const auto planes = noisePlanes(1, 100);
+    const AudioContent mono(planes, 44100);
+    const AudioContent stereo48(noisePlanes(2, 100), 48000);
+    for (const bool failConfigure : {false, true}) {
+        EngineOnTestDevice fixture;
+        fixture.engine->start(mono, {0, 100}, false, 1.0f);
+        if (failConfigure)
+            fixture.device->failNextConfigure("server gone");
+        else
+            fixture.device->failNextStart("device gone");
+        EXPECT_THROW(fixture.engine->start(stereo48, {0, 100}, false, 1.0f), AudioDeviceError);
+        EXPECT_FALSE(fixture.device->isRunning());
+
+        fixture.engine->start(mono, {0, 100}, false, 1.0f);
+        EXPECT_EQ(fixture.device->format(), (StreamFormat{44100, 1})) << failConfigure;
+        EXPECT_TRUE(fixture.device->isRunning());
+        const auto capture = fixture.device->pull(100, 100);
+        ASSERT_EQ(capture.planes.size(), 1u);
+        EXPECT_EQ(capture.planes[0], planes[0]) << failConfigure;
+    }
 }
 
-TEST(PlaybackEngine, PauseSilencesAndKeepsTheProgram) {
+// Content and range swap in at the next callback, position and settings stay; a pause keeps
+// the program and silences callbacks that still come.
+TEST(PlaybackEngine, ReplaceContentKeepsThePlayAndPauseSilencesIt) {
     EngineOnTestDevice fixture;
-    const auto planes = noisePlanes(1, 1000);
-    fixture.engine->start(AudioContent(planes, 48000), {0, 1000}, false, 1.0f);
-    fixture.device->pull(100, 100);
+    const auto first = noisePlanes(1, 1000, 1);
+    const auto second = noisePlanes(1, 2000, 2);
+    fixture.engine->start(AudioContent(first, 48000), {0, 1000}, true, 0.5f);
+    fixture.device->pull(300, 300);
+    fixture.engine->replaceContent(AudioContent(second, 48000), {0, 2000});
+    EXPECT_EQ(fixture.device->pull(10, 10).planes[0][0], second[0][300] * 0.5f);
+    EXPECT_TRUE(fixture.engine->state().program.loop);
+
     fixture.engine->pause();
     EXPECT_FALSE(fixture.device->isRunning());
     EXPECT_TRUE(fixture.engine->state().program.content.has_value());
     EXPECT_FALSE(fixture.engine->state().program.playing);
-    EXPECT_EQ(fixture.engine->state().position.load(), 100);
-    // A callback that still comes after the pause is silent.
+    EXPECT_EQ(fixture.engine->state().position.load(), 310);
     fixture.device->start();
-    const auto capture = fixture.device->pull(64, 64);
-    EXPECT_TRUE(capture.silenceFlags[0]);
+    EXPECT_TRUE(fixture.device->pull(64, 64).silenceFlags[0]);
 }
 
 TEST(PlaybackEngine, AudiblePositionSubtractsLatencyAndHoldsAtTheRangeStart) {
@@ -141,27 +157,11 @@ TEST(PlaybackEngine, ConfigurationChangeRestartsOnlyWhilePlaying) {
     fixture.mainThread.runPending();
     EXPECT_EQ(fixture.device->startCount(), starts);
     EXPECT_FALSE(fixture.device->isRunning());
-}
 
-TEST(PlaybackEngine, ConfigurationChangeAfterTheEngineIsGoneIsIgnored) {
-    auto fixture = std::make_unique<EngineOnTestDevice>();
-    fixture->engine->start(AudioContent(noisePlanes(1, 100), 48000), {0, 100}, true, 1.0f);
-    MainThreadQueue& queue = fixture->mainThread;
-    fixture->device->simulateConfigurationChange();
-    fixture->engine.reset();
-    EXPECT_EQ(queue.runPending(), 1);
-}
-
-TEST(PlaybackEngine, ReplaceContentKeepsPositionAndSettings) {
-    EngineOnTestDevice fixture;
-    const auto first = noisePlanes(1, 1000, 1);
-    const auto second = noisePlanes(1, 2000, 2);
-    fixture.engine->start(AudioContent(first, 48000), {0, 1000}, true, 0.5f);
-    fixture.device->pull(300, 300);
-    fixture.engine->replaceContent(AudioContent(second, 48000), {0, 2000});
-    const auto capture = fixture.device->pull(10, 10);
-    EXPECT_EQ(capture.planes[0][0], second[0][300] * 0.5f);
-    EXPECT_TRUE(fixture.engine->state().program.loop);
+    // An event still queued when the engine is gone is dropped.
+    fixture.device->simulateConfigurationChange();
+    fixture.engine.reset();
+    EXPECT_EQ(fixture.mainThread.runPending(), 1);
 }
 
 } // namespace

@@ -25,14 +25,20 @@ dbus-daemon --session --fork --address="unix:path=$XDG_RUNTIME_DIR/bus" --print-
 pids+=("$(cat "$work/dbus.pid")")
 export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
 
-pipewire >"$work/pipewire.log" 2>&1 &
-pipewire_pid=$!
-pids+=("$pipewire_pid")
-wait_for test -S "$XDG_RUNTIME_DIR/pipewire-0"
-wireplumber >"$work/wireplumber.log" 2>&1 &
-pids+=($!)
-pipewire-pulse >"$work/pipewire-pulse.log" 2>&1 &
-pids+=($!)
-wait_for pactl info
-pactl load-module module-null-sink sink_name=test rate=48000 channels=2 >/dev/null || fail "no null sink"
-wait_for pactl set-default-sink test
+# Starts the server, its session manager and its PulseAudio face, and makes the sink; again
+# after a test took the server away. Sets `pipewire_pid` and `session_pids`.
+start_pipewire() {
+    pipewire >>"$work/pipewire.log" 2>&1 &
+    pipewire_pid=$!
+    pids+=("$pipewire_pid")
+    wait_for test -S "$XDG_RUNTIME_DIR/pipewire-0"
+    wireplumber >>"$work/wireplumber.log" 2>&1 &
+    session_pids=($!)
+    pipewire-pulse >>"$work/pipewire-pulse.log" 2>&1 &
+    session_pids+=($!)
+    pids+=("${session_pids[@]}")
+    wait_for pactl info
+    pactl load-module module-null-sink sink_name=test rate=48000 channels=2 >/dev/null || fail "no null sink"
+    wait_for pactl set-default-sink test
+}
+start_pipewire

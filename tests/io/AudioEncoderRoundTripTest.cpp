@@ -6,8 +6,10 @@
 #include "io/SndFileWriter.h"
 #include "support/TestAudio.h"
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <string_view>
 
 namespace harlune {
 namespace {
@@ -143,18 +145,51 @@ TEST_F(AudioEncoderRoundTrip, ARangeWritesOnlyThoseFramesAndProgressEndsAtOne) {
     EXPECT_DOUBLE_EQ(reports[3], 1.0);
 }
 
-TEST_F(AudioEncoderRoundTrip, ChannelLayoutsAreWrittenForSurroundFiles) {
+// The tag of the layout chunk of a CAF ("chan") or AIFF ("CHAN") file, which precedes the audio:
+// libsndfile reads back only the tags of its own table, and ffmpeg 5 names neither 6.1 nor 7.1.
+std::optional<uint32_t> layoutTag(const std::filesystem::path& file, bool caf) {
+    const std::vector<uint8_t> bytes = testing::readBytes(file);
+    const std::string_view id = caf ? "chan" : "CHAN";
+    const auto found = std::search(bytes.begin(), bytes.end(), id.begin(), id.end());
+    const auto at = static_cast<size_t>(found - bytes.begin()) + id.size() + (caf ? 8 : 4); // id, size
+    if (at + 4 > bytes.size())
+        return std::nullopt;
+    return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 |
+           bytes[at + 3];
+}
+
+TEST_F(AudioEncoderRoundTrip, SurroundFilesKeepTheirChannelLayout) {
     const ArraySource eight(testing::noisePlanes(8, 4800, 1), 48000);
     const auto wav = folder / "eight.wav";
     AudioEncoder::write(eight, std::nullopt, wav, settings(ExportFormat::wav, PCMBitDepth::int24));
     EXPECT_EQ(testing::probeStream(wav, "channel_layout"), "7.1");
-    const ArraySource six(testing::noisePlanes(6, 4800, 1), 48000);
-    const auto caf = folder / "six.caf";
-    AudioEncoder::write(six, std::nullopt, caf, settings(ExportFormat::caf, PCMBitDepth::int16));
-    EXPECT_EQ(testing::probeStream(caf, "channels"), "6");
-    const auto decoded = testing::decodeWithFFmpeg(caf, 6);
-    ASSERT_TRUE(decoded);
-    EXPECT_EQ((*decoded)[5].size(), 4800u);
+
+    // Apple's layout numbers: 121 is MPEG 5.1 A, 188 and 189 are WAVE 6.1 and 7.1.
+    struct Case {
+        ExportFormat format;
+        int channels;
+        unsigned layout;
+        const char* ffmpegName;
+    };
+    for (const Case test :
+         {Case{ExportFormat::caf, 6, 121, "5.1(side)"}, Case{ExportFormat::caf, 7, 188, "6.1"},
+          Case{ExportFormat::caf, 8, 189, "7.1"}, Case{ExportFormat::aiff, 7, 188, "6.1"},
+          Case{ExportFormat::aiff, 8, 189, "7.1"}}) {
+        const bool caf = test.format == ExportFormat::caf;
+        const auto path = folder / (std::to_string(test.channels) + (caf ? ".caf" : ".aiff"));
+        const auto planes = testing::noisePlanes(test.channels, 4800, 2);
+        AudioEncoder::write(ArraySource(planes, 48000), std::nullopt, path,
+                            settings(test.format, PCMBitDepth::int16));
+        EXPECT_EQ(layoutTag(path, caf), test.layout << 16 | static_cast<unsigned>(test.channels)) << path;
+        // ffmpeg as an independent reader, where it knows the tag.
+        const std::string named = testing::probeStream(path, "channel_layout");
+        if (named != "unknown") {
+            EXPECT_EQ(named, test.ffmpegName) << path;
+        }
+        const auto decoded = testing::decodeWithFFmpeg(path, test.channels);
+        ASSERT_TRUE(decoded) << path;
+        EXPECT_LE(largestError(planes, *decoded, 1.0 / 32768), 0.5 + 1e-9) << path;
+    }
 }
 
 TEST_F(AudioEncoderRoundTrip, AlacTakesTheChannelCountsWhoseDefaultLayoutItRefuses) {

@@ -1,6 +1,7 @@
 // A helper for the end-to-end playback tests, which run against real sound servers:
 //   play  - plays a generated tone through a chosen back end and waits for its end;
-//   check - reads what the server's sink recorded (WAV) and compares it with that tone.
+//   check - reads what the server's sink recorded (WAV) and compares it with that tone;
+//   silent-server - listens on a socket and never answers, as a server that hangs.
 #include "core/AudioContentBuilder.h"
 #include "engine/MainThreadQueue.h"
 #include "engine/PlaybackEngine.h"
@@ -11,12 +12,15 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <numbers>
 #include <optional>
+#include <sndfile.h>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -73,12 +77,25 @@ int play(const std::map<std::string, std::string>& all) {
     // With --expect-loss the script takes the server away mid-play: the engine must hear of it
     // as a configuration change, on this thread, and try to restart without failing.
     const bool expectLoss = all.count("--expect-loss") != 0;
+    // With --restart-after FILE the restart waits until the script made FILE (having put a
+    // server that does not answer in place); the restart call is timed, and the tool then waits
+    // for the sound to come back from the server the script starts after that.
+    const std::string restartAfter = all.count("--restart-after") ? all.at("--restart-after") : "";
     bool changed = false;
+    std::optional<int64_t> restartedAt;
     engine.device().setConfigurationChangeHandler([&] {
         changed = true;
         std::printf("configuration change\n");
         std::fflush(stdout);
+        if (!restartAfter.empty())
+            while (access(restartAfter.c_str(), F_OK) != 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const auto before = std::chrono::steady_clock::now();
         engine.handleConfigurationChange();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - before;
+        std::printf("restart call took %.3f s\n", took.count());
+        std::fflush(stdout);
+        restartedAt = engine.state().position.load();
     });
     engine.start(content, content.fullRange(), false, 1.0f);
     std::printf("playing %.0f Hz, %d channel(s) through %s\n", rate, channels,
@@ -91,6 +108,18 @@ int play(const std::map<std::string, std::string>& all) {
            std::chrono::steady_clock::now() < deadline) {
         mainThread.runFor(std::chrono::milliseconds(20));
         latency = std::max(latency, engine.device().presentationLatency());
+    }
+    if (expectLoss && !restartAfter.empty()) {
+        // Sound is back when half a second more has been rendered after the restart.
+        const auto resumeDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        bool resumed = false;
+        while (!resumed && std::chrono::steady_clock::now() < resumeDeadline) {
+            mainThread.runFor(std::chrono::milliseconds(20));
+            resumed = engine.device().isRunning() &&
+                      engine.state().position.load() > *restartedAt + static_cast<int64_t>(rate / 2);
+        }
+        std::printf("resumed: %s\n", resumed ? "yes" : "no");
+        return resumed ? 0 : 1;
     }
     if (expectLoss) {
         std::printf("running after the loss: %s\n", engine.device().isRunning() ? "yes" : "no");
@@ -116,63 +145,25 @@ struct Recording {
     std::vector<std::vector<float>> planes;
 };
 
-// WAV with 16- or 32-bit integer or 32-bit float samples: what pw-record and our JACK recorder write.
-std::optional<Recording> readWav(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 ||
-        std::memcmp(bytes.data() + 8, "WAVE", 4) != 0)
+// What the server's sink recorded, as planes.
+std::optional<Recording> readRecording(const std::string& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr)
         return std::nullopt;
-    auto u16 = [&](size_t at) {
-        return static_cast<uint32_t>(static_cast<uint8_t>(bytes[at]) | static_cast<uint8_t>(bytes[at + 1])
-                                                                           << 8);
-    };
-    auto u32 = [&](size_t at) {
-        return u16(at) | u16(at + 2) << 16;
-    };
-    uint32_t format = 0, channels = 0, rate = 0, bits = 0;
-    size_t at = 12;
-    while (at + 8 <= bytes.size()) {
-        const std::string id(bytes.data() + at, 4);
-        uint32_t size = u32(at + 4);
-        const size_t body = at + 8;
-        if (id == "fmt ") {
-            format = u16(body);
-            channels = u16(body + 2);
-            rate = u32(body + 4);
-            bits = u16(body + 14);
-            if (format == 0xFFFE)
-                format = u16(body + 24);
-        } else if (id == "data") {
-            if (size == 0 || size == 0xFFFFFFFF || body + size > bytes.size())
-                size = static_cast<uint32_t>(bytes.size() - body); // a header never finished
-            Recording recording;
-            recording.rate = rate;
-            recording.planes.assign(channels, {});
-            const size_t width = bits / 8;
-            const size_t frames = size / (width * channels);
-            for (size_t f = 0; f < frames; ++f) {
-                for (size_t c = 0; c < channels; ++c) {
-                    const size_t p = body + (f * channels + c) * width;
-                    float x = 0;
-                    if (format == 3 && bits == 32)
-                        std::memcpy(&x, bytes.data() + p, 4);
-                    else if (bits == 16)
-                        x = static_cast<float>(static_cast<int16_t>(u16(p))) / 32768.0f;
-                    else if (bits == 32)
-                        x = static_cast<float>(static_cast<int32_t>(u32(p)) / 2147483648.0);
-                    recording.planes[c].push_back(x);
-                }
-            }
-            return recording;
-        }
-        at = body + size + (size & 1);
-    }
-    return std::nullopt;
+    std::vector<float> interleaved(static_cast<size_t>(info.frames * info.channels));
+    const auto frames = static_cast<size_t>(sf_readf_float(file, interleaved.data(), info.frames));
+    sf_close(file);
+    Recording recording{static_cast<double>(info.samplerate), {}};
+    recording.planes.assign(static_cast<size_t>(info.channels), std::vector<float>(frames));
+    for (size_t f = 0; f < frames; ++f)
+        for (size_t c = 0; c < recording.planes.size(); ++c)
+            recording.planes[c][f] = interleaved[f * recording.planes.size() + c];
+    return recording;
 }
 
 int check(const std::string& path, const std::map<std::string, std::string>& all) {
-    const auto recording = readWav(path);
+    const auto recording = readRecording(path);
     if (!recording || recording->planes.empty()) {
         std::printf("FAIL: %s is no WAV file with audio\n", path.c_str());
         return 1;
@@ -238,9 +229,29 @@ int check(const std::string& path, const std::map<std::string, std::string>& all
     return ok ? 0 : 1;
 }
 
+// Binds a listening socket at `path` and never accepts: clients connect, then wait for an answer.
+int silentServer(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    unlink(path.c_str());
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 16) != 0) {
+        std::perror("silent-server");
+        return 1;
+    }
+    std::printf("listening\n");
+    std::fflush(stdout);
+    pause();
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc >= 3 && std::string(argv[1]) == "silent-server")
+        return silentServer(argv[2]);
     if (argc >= 2 && std::string(argv[1]) == "play")
         return play(options(argc, argv, 2));
     if (argc >= 3 && std::string(argv[1]) == "check")

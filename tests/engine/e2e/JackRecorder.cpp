@@ -9,6 +9,7 @@
 #include <cstring>
 #include <jack/jack.h>
 #include <set>
+#include <sndfile.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,35 +39,22 @@ int process(jack_nframes_t count, void* data) {
     return 0;
 }
 
-void put32(std::FILE* file, uint32_t value) {
-    std::fwrite(&value, 4, 1, file);
-}
-void put16(std::FILE* file, uint16_t value) {
-    std::fwrite(&value, 2, 1, file);
-}
-
 bool writeWav(const char* path, const Recorder& recorder, uint32_t rate) {
-    std::FILE* file = std::fopen(path, "wb");
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(rate);
+    info.channels = 2;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* file = sf_open(path, SFM_WRITE, &info);
     if (file == nullptr)
         return false;
-    const auto frames = static_cast<uint32_t>(recorder.frames.load());
-    const uint32_t bytes = frames * 2 * 4;
-    std::fwrite("RIFF", 1, 4, file);
-    put32(file, 36 + bytes);
-    std::fwrite("WAVEfmt ", 1, 8, file);
-    put32(file, 16);
-    put16(file, 3); // IEEE float
-    put16(file, 2);
-    put32(file, rate);
-    put32(file, rate * 8);
-    put16(file, 8);
-    put16(file, 32);
-    std::fwrite("data", 1, 4, file);
-    put32(file, bytes);
-    for (uint32_t f = 0; f < frames; ++f)
-        for (int c = 0; c < 2; ++c)
-            std::fwrite(&recorder.samples[c][f], 4, 1, file);
-    return std::fclose(file) == 0;
+    const size_t frames = recorder.frames.load();
+    std::vector<float> interleaved(frames * 2);
+    for (size_t f = 0; f < frames; ++f)
+        for (size_t c = 0; c < 2; ++c)
+            interleaved[f * 2 + c] = recorder.samples[c][f];
+    const bool written = sf_writef_float(file, interleaved.data(), static_cast<sf_count_t>(frames)) ==
+                         static_cast<sf_count_t>(frames);
+    return sf_close(file) == 0 && written;
 }
 
 } // namespace
