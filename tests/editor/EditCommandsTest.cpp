@@ -2,6 +2,7 @@
 #include "core/AudioBlock.h"
 #include "editor/EditorModel.h"
 #include "editor/EditorTestSupport.h"
+#include "support/TestAudio.h"
 
 #include <QCoreApplication>
 #include <QSignalSpy>
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace harlune {
 namespace {
@@ -293,6 +295,29 @@ TEST_F(EditCommandsTest, AConversionWhoseModelIsGoneCommitsNothing) {
     QThreadPool::globalInstance()->waitForDone(5000);
     QCoreApplication::processEvents();
     EXPECT_EQ(stack.count(), 0);
+}
+
+} // namespace
+} // namespace harlune
+
+namespace harlune {
+namespace {
+
+TEST_F(EditCommandsTest, DeleteWithNoActiveChannelSilencesNothingAndKeepsTheLength) {
+    const AudioContent before = model->content();
+    model->setSelection(FrameRange{100, 300}, ChannelSet{});
+    ASSERT_EQ(model->targetChannels(), ChannelSet{});
+    model->deleteNamed(QStringLiteral("Delete"));
+    EXPECT_EQ(model->content().frameCount(), 1000);
+    EXPECT_EQ(testing::planesOf(model->content()), testing::planesOf(before));
+    EXPECT_EQ(model->selection(), (FrameRange{100, 300}));
+}
+
+TEST(EnvelopeLookupDeathTest, aNegativeChannelIsAProgrammersError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EnvelopeSet set;
+    EXPECT_DEATH(set.edit(-1), "channel");
+    EXPECT_DEATH((void)std::as_const(set)[-1], "channel");
 }
 
 } // namespace

@@ -128,7 +128,7 @@ TEST_F(EditorModelProcessTest, EnvelopeProducerMakesTheNewSet) {
         });
     ASSERT_TRUE(waitUntilIdle());
     EXPECT_EQ(model->envelopes(), moved);
-    EXPECT_EQ(probe->setEnvelopes, 1);
+    EXPECT_EQ(probe->envelopes, moved);
     stack.undo();
     EXPECT_EQ(model->envelopes(), EnvelopeSet());
 }

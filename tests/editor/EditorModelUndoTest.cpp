@@ -248,13 +248,11 @@ TEST_F(EditorModelUndoTest, UndoWhilePlayingKeepsPlayUnlessTheFormatChanges) {
     stack.undo();
     EXPECT_TRUE(model->isPlaying());
     EXPECT_EQ(probe->pause, 0);
-    EXPECT_EQ(probe->replaceContent, 1);
-    EXPECT_EQ(probe->lastReplaceRange, (FrameRange{10, 50}));
+    EXPECT_EQ(probe->lastRange, (FrameRange{10, 50}));
 
     edit(*model, "Mix to Mono", [](EditState& s) { s.content = testing::rampContent(1000, 1); });
     EXPECT_FALSE(model->isPlaying());
     EXPECT_EQ(probe->pause, 1);
-    EXPECT_EQ(probe->replaceContent, 1);
 }
 
 // load and stop ------------------------------------------------------------------------------------
@@ -329,22 +327,23 @@ TEST_F(EditorModelUndoTest, EnvelopeChangesReachThePlayerAndTheMeasurements) {
     auto model = testing::probedModel(testing::rampContent(1000, 2), probe);
     QSignalSpy spy(model.get(), &EditorModel::envelopesChanged);
     model->setEnvelopes(model->envelopes());
+    const int handovers = probe->handovers;
     EXPECT_EQ(spy.count(), 0);
-    EXPECT_EQ(probe->setEnvelopes, 0);
+    EXPECT_EQ(probe->handovers, handovers);
     EXPECT_EQ(probe->scheduleEnvelopeAnalysis, 0);
 
     const int selectionAnalyses = probe->scheduleSelectionAnalysis;
     const EnvelopeSet louder(GainEnvelope({EnvelopePoint(0, 0), EnvelopePoint(500, 6)}));
     model->setEnvelopes(louder);
     EXPECT_EQ(spy.count(), 1);
-    EXPECT_EQ(probe->setEnvelopes, 1);
+    EXPECT_EQ(probe->handovers, handovers + 1);
     EXPECT_EQ(probe->scheduleEnvelopeAnalysis, 1);
     EXPECT_EQ(probe->scheduleSelectionAnalysis, selectionAnalyses); // no selection
 
     model->setSelection(FrameRange{0, 10});
     const int withSelection = probe->scheduleSelectionAnalysis;
     model->setEnvelopes(EnvelopeSet());
-    EXPECT_EQ(probe->setEnvelopes, 2);
+    EXPECT_EQ(probe->handovers, handovers + 2);
     EXPECT_EQ(probe->scheduleSelectionAnalysis, withSelection + 1);
 }
 
@@ -365,6 +364,37 @@ TEST_F(EditorModelUndoTest, RestoreFitsEnvelopesToTheChannelsAndUndoBringsThemBa
     EXPECT_EQ(model->envelopes(), fourChannels);
     stack.undo();
     EXPECT_EQ(model->envelopes(), EnvelopeSet());
+}
+
+} // namespace
+} // namespace harlune
+
+namespace harlune {
+namespace {
+
+TEST(PlaybackHandoverTest, EachEditUndoAndRedoHandsContentAndEnvelopesOverOnce) {
+    testing::clearPreferences();
+    auto log = std::make_shared<Probe>();
+    auto owned = testing::probedModel(testing::rampContent(1000), log);
+    EditorModel& model = *owned;
+    QUndoStack stack;
+    model.setUndoManager(&stack);
+    model.setEnvelopes(EnvelopeSet(GainEnvelope({EnvelopePoint(100, -6), EnvelopePoint(900, 0)})));
+    model.setIsPlaying(true);
+
+    const auto expectOneHandover = [&](const char* step, const std::function<void()>& action) {
+        const int before = log->handovers;
+        action();
+        EXPECT_EQ(log->handovers, before + 1) << step;
+        ASSERT_TRUE(log->content) << step;
+        EXPECT_EQ(log->content->frameCount(), model.content().frameCount()) << step;
+        EXPECT_EQ(log->envelopes, model.envelopes()) << step;
+    };
+    model.setSelection(FrameRange{200, 500});
+    expectOneHandover("delete", [&] { model.deleteNamed(QStringLiteral("Delete")); });
+    expectOneHandover("undo", [&] { stack.undo(); });
+    expectOneHandover("redo", [&] { stack.redo(); });
+    expectOneHandover("envelope", [&] { model.setEnvelopes(EnvelopeSet()); });
 }
 
 } // namespace

@@ -18,9 +18,11 @@ namespace harlune::testing {
 
 /// What the model told its collaborators, counted by the fakes below.
 struct Probe {
-    int setEnvelopes = 0;
-    int replaceContent = 0;
-    FrameRange lastReplaceRange;
+    /// Hand-overs of content and envelopes, and what the last one held.
+    int handovers = 0;
+    std::optional<AudioContent> content;
+    EnvelopeSet envelopes;
+    FrameRange lastRange;
     int setLooping = 0;
     bool lastLooping = false;
     int pause = 0;
@@ -38,10 +40,11 @@ struct Probe {
 class ProbePlayer final : public PlaybackControl {
 public:
     explicit ProbePlayer(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
-    void setEnvelopes(const EnvelopeSet&) override { ++probe_->setEnvelopes; }
-    void replaceContent(const AudioContent&, FrameRange range) override {
-        ++probe_->replaceContent;
-        probe_->lastReplaceRange = range;
+    void setAudio(const AudioContent& content, const EnvelopeSet& envelopes, FrameRange range) override {
+        ++probe_->handovers;
+        probe_->content = content;
+        probe_->envelopes = envelopes;
+        probe_->lastRange = range;
     }
     void setLooping(bool looping) override {
         ++probe_->setLooping;
@@ -117,7 +120,8 @@ struct AnalysisLog {
 /// A model with the real measurement scheduler reporting into `log`, and the probe's player.
 inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
                                                   const std::shared_ptr<AnalysisLog>& log,
-                                                  const std::shared_ptr<Probe>& probe) {
+                                                  const std::shared_ptr<Probe>& probe,
+                                                  LoudnessAnalysisScheduler** scheduler = nullptr) {
     LoudnessAnalysisScheduler::Observers observers;
     observers.measuring = [log](AnalysisKind kind) {
         log->measuring.emplace_back(kind, log->clock.elapsed());
@@ -128,7 +132,10 @@ inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
     EditorCollaborators collaborators;
     collaborators.player = std::make_unique<ProbePlayer>(probe);
     collaborators.rack = std::make_unique<ProbeRack>(probe);
-    collaborators.analysis = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
+    auto measurements = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
+    if (scheduler)
+        *scheduler = measurements.get();
+    collaborators.analysis = std::move(measurements);
     return std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
 }
 
@@ -178,13 +185,15 @@ protected:
 
     /// A model of `content`, past its first file measurement.
     void open(AudioContent content) {
-        model = measuredModel(std::move(content), log, probe);
+        model = measuredModel(std::move(content), log, probe, &scheduler);
         ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
     }
+    bool running(AnalysisKind kind) const { return scheduler->isRunning(kind); }
 
     std::shared_ptr<AnalysisLog> log = std::make_shared<AnalysisLog>();
     std::shared_ptr<Probe> probe = std::make_shared<Probe>();
     std::unique_ptr<EditorModel> model;
+    LoudnessAnalysisScheduler* scheduler = nullptr;
 };
 
 } // namespace harlune::testing

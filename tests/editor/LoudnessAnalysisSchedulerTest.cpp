@@ -50,7 +50,7 @@ TEST_F(LoudnessAnalysisSchedulerTest, aBurstOfEditsMeasuresOnceAfterTheLastEdit)
     ASSERT_EQ(log->measured(AnalysisKind::file), before + 1);
     EXPECT_GE(log->measuring.back().second - lastEdit, 140);
     EXPECT_EQ(log->publishedCount(AnalysisKind::file), 2);
-    EXPECT_FALSE(model->analysisTask());
+    EXPECT_FALSE(running(AnalysisKind::file));
     // What was published is the last content's figure.
     const LoudnessResult expected = LoudnessAnalyzer::analyze(noise(2, 29000, 0.25f, 5));
     ASSERT_TRUE(model->contentLoudness());
@@ -148,12 +148,12 @@ TEST_F(LoudnessAnalysisSchedulerTest, aSelectionMustBeLongerThan400ms) {
     // 19200 frames are exactly 400 ms at 48 kHz: cleared at once, nothing measured.
     model->setSelection(FrameRange{1000, 20200});
     EXPECT_FALSE(model->selectionLoudness());
-    EXPECT_FALSE(model->selectionAnalysisTask());
+    EXPECT_FALSE(running(AnalysisKind::selection));
     QTest::qWait(LoudnessAnalysisScheduler::selectionDelayMs + 150);
     EXPECT_EQ(log->measured(AnalysisKind::selection), 0);
 
     model->setSelection(FrameRange{1000, 20201});
-    EXPECT_TRUE(model->selectionAnalysisTask());
+    EXPECT_TRUE(running(AnalysisKind::selection));
     ASSERT_TRUE(log->waitForPublished(AnalysisKind::selection));
     ASSERT_TRUE(model->selectionLoudness());
     const LoudnessResult expected = LoudnessAnalyzer::analyze(noise(2, 48000), FrameRange{1000, 20201});
@@ -177,7 +177,7 @@ TEST_F(LoudnessAnalysisSchedulerTest, anEmptyContentClearsTheFiguresAtOnce) {
     EXPECT_FALSE(model->contentLoudness());
     EXPECT_TRUE(model->channelLoudness().empty());
     EXPECT_FALSE(model->isAnalyzing());
-    EXPECT_FALSE(model->analysisTask());
+    EXPECT_FALSE(running(AnalysisKind::file));
 }
 
 TEST_F(LoudnessAnalysisSchedulerTest, anEditDuringAMeasurementDiscardsIt) {
@@ -226,9 +226,9 @@ TEST_F(LoudnessAnalysisSchedulerTest, nothingIsMeasuredWhileSuspendedAndLoadingR
     model->setContent(noise(2, 30000));
     model->setEnvelopes(EnvelopeSet(GainEnvelope({EnvelopePoint(0, -3)})));
     model->setSelection(FrameRange{0, 30000});
-    EXPECT_FALSE(model->analysisTask());
-    EXPECT_FALSE(model->envelopeAnalysisTask());
-    EXPECT_FALSE(model->selectionAnalysisTask());
+    EXPECT_FALSE(running(AnalysisKind::file));
+    EXPECT_FALSE(running(AnalysisKind::envelope));
+    EXPECT_FALSE(running(AnalysisKind::selection));
     QTest::qWait(LoudnessAnalysisScheduler::envelopeDelayMs + 100);
     EXPECT_EQ(log->measuring.size(), 1u); // the first file measurement only
 
@@ -238,6 +238,60 @@ TEST_F(LoudnessAnalysisSchedulerTest, nothingIsMeasuredWhileSuspendedAndLoadingR
     EXPECT_TRUE(model->isAnalyzing());
     ASSERT_TRUE(log->waitForPublished(AnalysisKind::file, 2));
     EXPECT_EQ(model->contentLoudness()->integratedLUFS, LoudnessAnalyzer::analyze(loaded).integratedLUFS);
+}
+
+} // namespace
+} // namespace harlune
+
+namespace harlune {
+namespace {
+
+// Every figure the panel shows must belong to the state that stands when it lands: a result
+// measured on older content or older envelopes is dropped, never shown for a moment.
+class StaleFiguresTest : public testing::MeasuredModelTest {
+protected:
+    // Records each published whole-file figure, then waits until the last job is done.
+    std::vector<double> publishedAfter(const std::function<void()>& change) {
+        std::vector<double> figures;
+        QObject::connect(model.get(), &EditorModel::loudnessChanged, model.get(), [&] {
+            if (model->loudness())
+                figures.push_back(model->loudness()->integratedLUFS);
+        });
+        change();
+        EXPECT_TRUE(QTest::qWaitFor([this] { return !model->isAnalyzing(); }, 20000));
+        QTest::qWait(LoudnessAnalysisScheduler::envelopeDelayMs + 50);
+        testing::drainJobs();
+        QObject::disconnect(model.get(), &EditorModel::loudnessChanged, model.get(), nullptr);
+        return figures;
+    }
+};
+
+TEST_F(StaleFiguresTest, aFileLoadedAfterOneWithEnvelopesIsMeasuredBare) {
+    open(noise(2, 48000 * 2, 0.3f, 4));
+    model->setEnvelopes(EnvelopeSet(GainEnvelope({EnvelopePoint(0, -20)})));
+    ASSERT_TRUE(log->waitForPublished(AnalysisKind::envelope));
+
+    const AudioContent loaded = noise(2, 48000 * 2, 0.3f, 5);
+    const double bare = LoudnessAnalyzer::analyze(loaded).integratedLUFS;
+    const std::vector<double> figures = publishedAfter([&] { model->load(loaded, std::nullopt); });
+    ASSERT_FALSE(figures.empty());
+    for (const double figure : figures)
+        EXPECT_NEAR(figure, bare, 0.01);
+}
+
+TEST_F(StaleFiguresTest, envelopesChangedRightAfterAnEditAreMeasuredWithTheEdit) {
+    open(noise(2, 48000 * 2, 0.3f, 4));
+    const AudioContent edited = noise(2, 48000 * 3, 0.3f, 6);
+    const EnvelopeSet quieter(GainEnvelope({EnvelopePoint(0, -12)}));
+    const double expected = LoudnessAnalyzer::analyze(EnvelopedSource(edited, quieter)).integratedLUFS;
+    const std::vector<double> figures = publishedAfter([&] {
+        model->setContent(edited);
+        model->setEnvelopes(quieter);
+    });
+    ASSERT_FALSE(figures.empty());
+    for (const double figure : figures)
+        EXPECT_NEAR(figure, expected, 0.01);
+    EXPECT_EQ(model->contentLoudness()->integratedLUFS, LoudnessAnalyzer::analyze(edited).integratedLUFS);
 }
 
 } // namespace
