@@ -9,9 +9,11 @@
 #include <QSettings>
 #include <QTest>
 #include <QThreadPool>
+#include <QUndoStack>
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace harlune::testing {
@@ -171,6 +173,48 @@ inline void clearPreferences() {
     QSettings settings(QStringLiteral("Harlune"), QStringLiteral("Harlune"));
     settings.clear();
     settings.sync();
+}
+
+/// A fixture around a probed model of 1000 frames of stereo ramp with an undo stack; failures
+/// shown to the user land in `errors`, alert sounds in `alerts`. No job outlives a test.
+class ModelTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        clearPreferences();
+        use(rampContent(1000, 2));
+    }
+    void TearDown() override { drainJobs(); }
+
+    /// A fresh model of `content`; a given clipboard is shared instead of the model's own.
+    void use(AudioContent content, std::shared_ptr<AudioClipboard> clipboard = nullptr) {
+        EditorCollaborators collaborators;
+        collaborators.player = std::make_unique<ProbePlayer>(probe);
+        collaborators.rack = std::make_unique<ProbeRack>(probe);
+        collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
+        collaborators.clipboard = std::move(clipboard);
+        model = std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
+        model->setUndoManager(&stack);
+        model->setPresentError([this](const std::exception& error) { errors.emplace_back(error.what()); });
+        model->setAlertSound([this] { ++alerts; });
+    }
+
+    bool waitUntilIdle() {
+        return QTest::qWaitFor([this] { return !model->busy(); }, 20000);
+    }
+
+    std::shared_ptr<Probe> probe = std::make_shared<Probe>();
+    QUndoStack stack;
+    std::unique_ptr<EditorModel> model;
+    std::vector<std::string> errors;
+    int alerts = 0;
+};
+
+/// The frames of a marker list, in order.
+inline std::vector<int64_t> framesOf(const std::vector<Marker>& markers) {
+    std::vector<int64_t> frames;
+    for (const Marker& marker : markers)
+        frames.push_back(marker.frame);
+    return frames;
 }
 
 /// A fixture around a model measured by the real scheduler, which reports into `log`; every test
