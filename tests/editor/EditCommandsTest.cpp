@@ -41,55 +41,47 @@ class EditCommandsTest : public testing::ModelTest {};
 TEST_F(EditCommandsTest, EachCommandLeavesOneNamedUndoStep) {
     model->clipboard().setContent(AudioContent({{0.5f, 0.5f}, {1, 1}}, 48000));
     model->setMarkers({markerAt(10), markerAt(20)});
-    const auto select = [](EditorModel& m, FrameRange range, std::optional<ChannelSet> channels) {
-        m.setSelection(range, std::move(channels));
+    const auto cut = [](EditorModel& m) {
+        m.deleteNamed("Cut");
     };
+    const auto erase = [](EditorModel& m) {
+        m.deleteNamed("Delete");
+    };
+    const auto silence = [](EditorModel& m) {
+        m.insertSilence(10);
+    };
+    const auto add = [](EditorModel& m) {
+        m.addMarker(5);
+    };
+    const auto remove = [](EditorModel& m) {
+        m.removeMarker(m.markers().back().id);
+    };
+    const auto rename = [](EditorModel& m) {
+        m.renameMarker(m.markers().back().id, "Verse");
+    };
+    const auto move = [](EditorModel& m) {
+        m.moveMarker(m.markers().back().id, 90, true);
+    };
+    // Each command runs on the selection and channels of its row.
     const struct {
         const char* name;
+        std::optional<FrameRange> selection;
+        ChannelSet channels;
         std::function<void(EditorModel&)> command;
     } commands[] = {
-        {"Cut",
-         [&](EditorModel& m) {
-             select(m, {100, 200}, std::nullopt), m.deleteNamed("Cut");
-         }},
-        {"Delete",
-         [&](EditorModel& m) {
-             select(m, {100, 200}, ChannelSet{0}), m.deleteNamed("Delete");
-         }},
-        {"Trim",
-         [&](EditorModel& m) {
-             select(m, {0, 800}, ChannelSet{1}), m.trimToSelection();
-         }},
-        {"Paste",
-         [&](EditorModel& m) {
-             select(m, {10, 20}, ChannelSet{0}), m.paste();
-         }},
-        {"Paste Mix",
-         [](EditorModel& m) {
-             m.selectNone(), m.pasteMix();
-         }},
-        {"Insert Silence",
-         [](EditorModel& m) {
-             m.insertSilence(10);
-         }},
-        {"Add Marker",
-         [](EditorModel& m) {
-             m.addMarker(5);
-         }},
-        {"Remove Marker",
-         [](EditorModel& m) {
-             m.removeMarker(m.markers().back().id);
-         }},
-        {"Rename Marker",
-         [](EditorModel& m) {
-             m.renameMarker(m.markers().back().id, "Verse");
-         }},
-        {"Move Marker",
-         [](EditorModel& m) {
-             m.moveMarker(m.markers().back().id, 90, true);
-         }},
+        {"Cut", FrameRange{100, 200}, {0, 1}, cut},
+        {"Delete", FrameRange{100, 200}, {0}, erase},
+        {"Trim", FrameRange{0, 800}, {1}, &EditorModel::trimToSelection},
+        {"Paste", FrameRange{10, 20}, {0}, &EditorModel::paste},
+        {"Paste Mix", std::nullopt, {0, 1}, &EditorModel::pasteMix},
+        {"Insert Silence", std::nullopt, {0, 1}, silence},
+        {"Add Marker", std::nullopt, {0, 1}, add},
+        {"Remove Marker", std::nullopt, {0, 1}, remove},
+        {"Rename Marker", std::nullopt, {0, 1}, rename},
+        {"Move Marker", std::nullopt, {0, 1}, move},
     };
     for (const auto& c : commands) {
+        model->setSelection(c.selection, c.channels);
         const int before = stack.count();
         c.command(*model);
         EXPECT_EQ(stack.count(), before + 1) << c.name;
