@@ -19,8 +19,10 @@ build: deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DHARLUNE_WERROR=$(WERROR) $(LAUNCHER) $(CMAKE_FLAGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# The window on the demo sound where there is a display to show it, the command line's summary elsewhere.
 run: build
-	./$(BUILD_DIR)/bin/harlune-cli info --demo
+	@if [ -n "$$DISPLAY$$WAYLAND_DISPLAY" ]; then ./$(BUILD_DIR)/bin/harlune --demo; \
+	else ./$(BUILD_DIR)/bin/harlune-cli info --demo; fi
 
 test: build
 	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 600

@@ -1,6 +1,6 @@
 #include "CliSupport.h"
 #include "Commands.h"
-#include "DemoSound.h"
+#include "core/DemoSound.h"
 #include "OpenAudio.h"
 #include "base/Decibels.h"
 #include "base/HarluneError.h"

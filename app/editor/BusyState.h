@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/ProgressToken.h"
 #include "base/Uuid.h"
-#include "editor/ProgressToken.h"
 
 #include <QString>
 #include <memory>

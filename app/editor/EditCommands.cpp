@@ -5,11 +5,9 @@
 #include "core/AudioContentBuilder.h"
 #include "core/Processing.h"
 #include "dsp/Resampler.h"
+#include "editor/BackgroundJob.h"
 #include "editor/EditorModel.h"
 
-#include <QCoreApplication>
-#include <QPointer>
-#include <QThreadPool>
 #include <algorithm>
 #include <exception>
 #include <vector>
@@ -18,15 +16,21 @@ namespace harlune {
 
 namespace {
 
-// The active channels that exist in `content`, or absent when that is all of them.
-std::optional<ChannelSet> restrictedChannels(const std::optional<ChannelSet>& target,
-                                             const AudioContent& content) {
-    if (!target)
-        return std::nullopt;
+ChannelSet existingChannels(const ChannelSet& channels, const AudioContent& content) {
     ChannelSet valid;
-    for (const int channel : *target)
+    for (const int channel : channels)
         if (channel >= 0 && channel < content.channelCount())
             valid.insert(channel);
+    return valid;
+}
+
+// The active channels that exist in `content` for a copy, or absent when that is all of them (or
+// none: a clip of no channels is no clip).
+std::optional<ChannelSet> copiedChannels(const std::optional<ChannelSet>& target,
+                                         const AudioContent& content) {
+    if (!target)
+        return std::nullopt;
+    ChannelSet valid = existingChannels(*target, content);
     if (valid.empty() || valid == allChannels(content.channelCount()))
         return std::nullopt;
     return valid;
@@ -58,7 +62,7 @@ void EditorModel::copy() {
     if (!selection_)
         return;
     AudioContent clip = content_.slice(*selection_);
-    if (const auto channels = restrictedChannels(targetChannels(), content_)) {
+    if (const auto channels = copiedChannels(targetChannels(), content_)) {
         const std::vector<int> order(channels->begin(), channels->end());
         clip = rearrangingChannels(clip, order);
     }
@@ -70,9 +74,12 @@ void EditorModel::deleteNamed(const QString& name) {
         return;
     const FrameRange range = *selection_;
     EditState next = snapshot();
-    if (const auto channels = restrictedChannels(targetChannels(), content_)) {
-        // Some channels only: the length must not change, or the channels would fall out of step.
-        next.content = silenced(content_, range, channels);
+    if (const std::optional<ChannelSet> target = targetChannels()) {
+        // Some channels only, or none at all: the length must not change, or the channels would
+        // fall out of step.
+        const ChannelSet channels = existingChannels(*target, content_);
+        if (!channels.empty())
+            next.content = silenced(content_, range, channels);
     } else {
         next.content.deleteRange(range);
         next.markers = markers(range, 0);
@@ -178,48 +185,36 @@ void EditorModel::withConformed(AudioContent clip, ConformedContinuation then) {
     // Not through `process`: the undo step is the continuation's, under its own name.
     auto token = std::make_shared<ProgressToken>();
     beginExternalBusy(QStringLiteral("Converting clipboard sample rate"), token);
-    QPointer<EditorModel> weakModel(this);
-    auto job = [weakModel, token, clip = std::move(clip), rate, then = std::move(then)]() {
-        std::optional<AudioContent> result;
-        std::exception_ptr error;
-        try {
-            AudioContentBuilder builder(clip.channelCount(), rate);
-            auto progress = [&token](double fraction) {
-                token->setFraction(fraction);
-                return !token->isCancelled();
-            };
-            auto collect = [&builder](ChunkViews chunk) {
-                builder.append(chunk);
-            };
-            Resampler::resample(clip, std::nullopt, rate, Resampler::Progress(progress), collect);
-            result = builder.build();
-        } catch (...) {
-            error = std::current_exception();
-        }
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [weakModel, token, result = std::move(result), error, then]() {
-                if (!weakModel)
-                    return;
-                EditorModel& model = *weakModel;
-                model.endExternalBusy();
-                // A conversion that finished after Cancel is thrown away all the same.
-                if (token->isCancelled())
-                    return;
-                if (error) {
-                    model.presentFailure(error);
-                    return;
-                }
-                // The document's format cannot change behind the busy overlay; should it have,
-                // the clip no longer fits and the paste is dropped.
-                if (!result || result->channelCount() != model.content_.channelCount() ||
-                    result->sampleRate() != model.content_.sampleRate())
-                    return;
-                then(model, *result);
-            },
-            Qt::QueuedConnection);
+    auto convert = [token, clip = std::move(clip), rate]() {
+        AudioContentBuilder builder(clip.channelCount(), rate);
+        auto progress = [&token](double fraction) {
+            token->setFraction(fraction);
+            return !token->isCancelled();
+        };
+        auto collect = [&builder](ChunkViews chunk) {
+            builder.append(chunk);
+        };
+        Resampler::resample(clip, std::nullopt, rate, Resampler::Progress(progress), collect);
+        return builder.build();
     };
-    QThreadPool::globalInstance()->start(std::move(job));
+    auto finish = [this, token, then = std::move(then)](std::optional<AudioContent> result,
+                                                        std::exception_ptr error) {
+        endExternalBusy();
+        // A conversion that finished after Cancel is thrown away all the same.
+        if (token->isCancelled())
+            return;
+        if (error) {
+            presentFailure(error);
+            return;
+        }
+        // The document's format cannot change behind the busy overlay; should it have, the clip
+        // no longer fits and the paste is dropped.
+        if (!result || result->channelCount() != content_.channelCount() ||
+            result->sampleRate() != content_.sampleRate())
+            return;
+        then(*this, std::move(*result));
+    };
+    runInBackground<AudioContent>(*this, std::move(convert), std::move(finish));
 }
 
 } // namespace harlune

@@ -4,12 +4,11 @@
 #include "base/HarluneError.h"
 #include "base/Precondition.h"
 #include "core/Processing.h"
+#include "editor/BackgroundJob.h"
 #include "editor/LoudnessAnalysisScheduler.h"
 #include "editor/Preferences.h"
 
-#include <QCoreApplication>
 #include <QThread>
-#include <QThreadPool>
 #include <QTimer>
 #include <QUndoCommand>
 #include <QUndoStack>
@@ -39,10 +38,6 @@ bool sameContent(const AudioContent& a, const AudioContent& b) {
 
 template <class T> bool equalValues(const T& a, const T& b) {
     return a == b;
-}
-
-template <> bool equalValues(const AudioContent& a, const AudioContent& b) {
-    return sameContent(a, b);
 }
 
 // One undo step. Undo and redo do the same thing: bring back the stored state and keep the
@@ -115,12 +110,8 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
     recorder_->setModel(this);
 }
 
-EditorModel::~EditorModel() {
-    // Measurements still walking would publish nowhere: stop them early.
-    for (auto* task : {&analysisTask_, &envelopeAnalysisTask_, &selectionAnalysisTask_})
-        if (*task)
-            (*task)->cancel();
-}
+// The scheduler cancels the measurements still under way as it goes.
+EditorModel::~EditorModel() = default;
 
 template <class T> bool EditorModel::assign(T& field, T value, void (EditorModel::*changed)()) {
     const bool differs = !equalValues(field, value);
@@ -137,17 +128,40 @@ void EditorModel::setUndoManager(QUndoStack* stack) {
 // Fields with follow-ups -----------------------------------------------------------------------
 
 void EditorModel::setContent(AudioContent content) {
-    assign(content_, std::move(content), &EditorModel::contentChanged);
-    contentDidChange();
+    setAudio(std::move(content), envelopes_);
 }
 
 void EditorModel::setEnvelopes(EnvelopeSet envelopes) {
     if (!assign(envelopes_, std::move(envelopes), &EditorModel::envelopesChanged))
         return;
-    player_->setEnvelopes(envelopes_);
+    ++audioVersion_;
+    publishAudio();
     analysis_->scheduleEnvelopeAnalysis(*this);
     if (selection_)
         analysis_->scheduleSelectionAnalysis(*this);
+}
+
+void EditorModel::setAudio(AudioContent content, EnvelopeSet envelopes) {
+    installAudio(std::move(content), std::move(envelopes));
+    publishAudio();
+}
+
+void EditorModel::installAudio(AudioContent content, EnvelopeSet envelopes) {
+    // Both fields are stored before anyone is told, so no observer sees one without the other.
+    const bool contentDiffers = !sameContent(content_, content);
+    const bool envelopesDiffer = envelopes_ != envelopes;
+    content_ = std::move(content);
+    envelopes_ = std::move(envelopes);
+    if (contentDiffers)
+        emit contentChanged();
+    if (envelopesDiffer)
+        emit envelopesChanged();
+    // One measurement of the whole file covers the envelopes too.
+    contentDidChange();
+}
+
+void EditorModel::publishAudio() {
+    player_->setAudio(content_, envelopes_, playRange());
 }
 
 void EditorModel::setSelection(std::optional<FrameRange> selection) {
@@ -317,6 +331,7 @@ FrameRange EditorModel::playRange() const {
 
 void EditorModel::contentDidChange() {
     assign(contentVersion_, contentVersion_ + 1, &EditorModel::contentVersionChanged);
+    ++audioVersion_;
     if (analysisSuspended_)
         return;
     analysis_->scheduleAnalysis(*this);
@@ -332,14 +347,16 @@ void EditorModel::load(AudioContent content, std::optional<AudioFileInfo> fileIn
     stop(false);
     // A file read in after an interrupted take is measured like any other.
     analysisSuspended_ = false;
-    setContent(std::move(content));
+    // The new content comes without the old file's envelopes, in one step: measured or heard
+    // through them it would be a different sound.
+    installAudio(std::move(content), EnvelopeSet{});
     setFileInfo(std::move(fileInfo));
     setMarkers({});
-    setEnvelopes(EnvelopeSet{});
     setEnvelopeTarget(std::nullopt);
     setSelection(std::nullopt);
     setCursor(0);
     setActiveChannels(allChannels(content_.channelCount()));
+    publishAudio();
     resetMeter();
     zoomToFit();
 }
@@ -364,10 +381,12 @@ void EditorModel::restore(const EditState& state) {
         setGrid(grid_.scaled(ratio));
     }
 
-    setEnvelopes(state.envelope.fitted(channels));
+    // A change of format ends play before the new state is handed over.
+    if (isPlaying_ && formatChanged)
+        stop(false);
     if (envelopeTarget_ && (*envelopeTarget_ < 0 || *envelopeTarget_ >= channels))
         setEnvelopeTarget(std::nullopt);
-    setContent(next);
+    installAudio(next, state.envelope.fitted(channels));
 
     const int64_t frames = content_.frameCount();
     if (state.selection)
@@ -383,13 +402,8 @@ void EditorModel::restore(const EditState& state) {
 
     setCursor(std::min(state.cursor, frames));
     setMarkers(state.markers);
-
-    if (isPlaying_) {
-        if (formatChanged)
-            stop(false);
-        else
-            player_->replaceContent(content_, playRange());
-    }
+    // Once, with the selection in place: a loop over it plays on without a gap.
+    publishAudio();
 
     if (meter_.peakDB.size() != static_cast<size_t>(channels))
         resetMeter();
@@ -422,27 +436,13 @@ void EditorModel::process(const QString& name, Work work, std::optional<std::opt
     auto token = std::make_shared<ProgressToken>();
     beginExternalBusy(name, token);
 
-    // The job holds only value copies and a weak reference: a model closed meanwhile drops
-    // the result.
-    QPointer<EditorModel> weakModel(this);
-    auto job = [weakModel, name, token, copy = content_, work = std::move(work), selection,
-                markers = std::move(markers), envelope = std::move(envelope)]() {
-        std::optional<AudioContent> result;
-        std::exception_ptr error;
-        try {
-            result = work(copy, token);
-        } catch (...) {
-            error = std::current_exception();
-        }
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [weakModel, name, token, result = std::move(result), error, selection, markers, envelope]() {
-                if (weakModel)
-                    weakModel->finishProcess(name, token, result, error, selection, markers, envelope);
-            },
-            Qt::QueuedConnection);
-    };
-    QThreadPool::globalInstance()->start(std::move(job));
+    // The job holds only value copies; a model closed meanwhile drops the result.
+    runInBackground<AudioContent>(
+        *this, [token, copy = content_, work = std::move(work)] { return work(copy, token); },
+        [this, name, token, selection, markers = std::move(markers),
+         envelope = std::move(envelope)](std::optional<AudioContent> result, std::exception_ptr error) {
+            finishProcess(name, token, std::move(result), error, selection, markers, envelope);
+        });
 }
 
 void EditorModel::finishProcess(const QString& name, const std::shared_ptr<ProgressToken>& token,

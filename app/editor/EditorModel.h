@@ -3,6 +3,7 @@
 #include "base/AudioFormats.h"
 #include "base/ChannelSet.h"
 #include "base/FrameRange.h"
+#include "base/ProgressToken.h"
 #include "core/AudioContent.h"
 #include "core/GainEnvelope.h"
 #include "core/TempoGrid.h"
@@ -19,7 +20,6 @@
 #include "editor/Marker.h"
 #include "editor/MeterReading.h"
 #include "editor/PlaybackControl.h"
-#include "editor/ProgressToken.h"
 #include "editor/RecordMode.h"
 #include "editor/RecorderControl.h"
 #include "editor/TimeFormat.h"
@@ -65,7 +65,8 @@ struct EditorCollaborators {
 /// Long work goes through `process`, which runs on a thread pool with value copies and commits
 /// back on the main thread only while the model still exists. The loudness figures come the
 /// same way, from debounced measurements that the `AnalysisScheduler` starts after each change
-/// of content, envelopes or selection.
+/// of content, envelopes or selection. Content and envelopes change together (`setAudio`): the
+/// player and the measurements never see one without the other.
 class EditorModel : public QObject {
     Q_OBJECT
 
@@ -105,15 +106,22 @@ public:
     // Document -------------------------------------------------------------------------------
 
     const AudioContent& content() const { return content_; }
+    /// The content alone; the envelopes stay. See `setAudio`.
     void setContent(AudioContent content);
     /// Raised by every content change; views and waveform caches compare this, not the content.
     int64_t contentVersion() const { return contentVersion_; }
+    /// Raised once by every change of what is heard: the content, the envelopes, or both in one
+    /// step. Measurements are keyed by it, so a figure of an older state is never shown.
+    int64_t audioVersion() const { return audioVersion_; }
     const std::optional<AudioFileInfo>& fileInfo() const { return fileInfo_; }
     void setFileInfo(std::optional<AudioFileInfo> fileInfo);
     const std::vector<Marker>& markers() const { return markers_; }
     void setMarkers(std::vector<Marker> markers);
     const EnvelopeSet& envelopes() const { return envelopes_; }
     void setEnvelopes(EnvelopeSet envelopes);
+    /// Content and envelopes as one change: one version, one hand-over to the player, one round
+    /// of measurements (of the content's kind).
+    void setAudio(AudioContent content, EnvelopeSet envelopes);
     /// The envelope being edited: absent for the master, else a channel index.
     std::optional<int> envelopeTarget() const { return envelopeTarget_; }
     void setEnvelopeTarget(std::optional<int> target);
@@ -240,10 +248,6 @@ public:
     /// with the envelopes baked in first, as one undo step through `process`. Turns the preview
     /// off; nothing without a plan or while busy.
     void applyLoudness();
-    // Handles of the running measurement jobs, for their scheduler; absent when none runs.
-    std::shared_ptr<ProgressToken>& analysisTask() { return analysisTask_; }
-    std::shared_ptr<ProgressToken>& selectionAnalysisTask() { return selectionAnalysisTask_; }
-    std::shared_ptr<ProgressToken>& envelopeAnalysisTask() { return envelopeAnalysisTask_; }
 
     // Busy -----------------------------------------------------------------------------------
 
@@ -271,7 +275,7 @@ public:
     void restore(const EditState& state);
     /// Pushes an undo step that brings back `state`; nothing without an undo stack.
     void registerUndo(EditState state, const QString& name);
-    /// Raises the version and schedules the measurements of the new content.
+    /// Raises the versions and schedules the measurements of the new content.
     void contentDidChange();
 
     // Long operations ------------------------------------------------------------------------
@@ -414,6 +418,10 @@ private:
                        const std::optional<std::optional<FrameRange>>& selection,
                        const MarkersProducer& markers, const EnvelopeProducer& envelope);
     void resetMeter();
+    /// Stores content and envelopes and raises the versions once; the player is not told.
+    void installAudio(AudioContent content, EnvelopeSet envelopes);
+    /// Hands content, envelopes and play range to the player, in one call.
+    void publishAudio();
     /// Hands `previewGain` to the player; runs wherever the plan or the preview may change.
     void updatePreviewGain();
     /// Hands a job's failure to `presentError`, unless it is a cancellation.
@@ -437,6 +445,7 @@ private:
 
     AudioContent content_;
     int64_t contentVersion_ = 0;
+    int64_t audioVersion_ = 0;
     std::optional<AudioFileInfo> fileInfo_;
     std::vector<Marker> markers_;
     EnvelopeSet envelopes_;
@@ -494,9 +503,6 @@ private:
     double manualGainDB_ = 0;
     bool limitTruePeaks_ = true;
     bool previewLoudness_ = false;
-    std::shared_ptr<ProgressToken> analysisTask_;
-    std::shared_ptr<ProgressToken> selectionAnalysisTask_;
-    std::shared_ptr<ProgressToken> envelopeAnalysisTask_;
 
     std::optional<BusyState> busy_;
     std::unique_ptr<QTimer> busyTimer_;

@@ -4,10 +4,6 @@
 #include "dsp/LoudnessAnalyzer.h"
 #include "editor/EditorModel.h"
 
-#include <QCoreApplication>
-#include <QPointer>
-#include <QThreadPool>
-#include <QTimer>
 #include <cmath>
 #include <limits>
 
@@ -15,27 +11,21 @@ namespace harlune {
 
 namespace {
 
-using Token = std::shared_ptr<ProgressToken>;
-using Handle = Token& (EditorModel::*)();
-using Observers = LoudnessAnalysisScheduler::Observers;
-
 // Measurements queue behind the user's own long operations, which start at priority 0.
 constexpr int measurementPriority = -1;
 // A selection must be longer than one momentary window to have a loudness.
 constexpr double shortestSelectionSeconds = 0.4;
 
-void cancel(Token& handle) {
-    if (handle) {
-        handle->cancel();
-        handle.reset();
+int delayOf(AnalysisKind kind) {
+    switch (kind) {
+    case AnalysisKind::file:
+        return LoudnessAnalysisScheduler::fileDelayMs;
+    case AnalysisKind::envelope:
+        return LoudnessAnalysisScheduler::envelopeDelayMs;
+    case AnalysisKind::selection:
+        break;
     }
-}
-
-// Clears the model's handle of a kind once its job is over, unless a newer job holds it.
-void release(EditorModel& model, Handle handle, const Token& token) {
-    Token& current = (model.*handle)();
-    if (current == token)
-        current.reset();
+    return LoudnessAnalysisScheduler::selectionDelayMs;
 }
 
 // A measurement whose failure (or cancellation) gives none: a cancelled job publishes nothing
@@ -52,48 +42,11 @@ std::optional<LoudnessResult> analyzeOrNone(const AudioSource& source, const Pro
     }
 }
 
-// The common road of every kind: debounce on the main thread, measure on the pool, publish back
-// on the main thread, each step only while the job is still wanted and the model still exists.
-template <class Result>
-void startJob(EditorModel& model, Handle handle, AnalysisKind kind, int delayMs,
-              std::shared_ptr<const Observers> observers, std::function<Result(const ProgressToken&)> measure,
-              std::function<void(EditorModel&, Result)> publish) {
-    auto token = std::make_shared<ProgressToken>();
-    (model.*handle)() = token;
-    QPointer<EditorModel> weak(&model);
-
-    QTimer::singleShot(delayMs, Qt::PreciseTimer, &model, [=] {
-        if (token->isCancelled() || !weak)
-            return;
-        if (weak->analysisSuspended()) {
-            release(*weak, handle, token);
-            if (kind == AnalysisKind::file)
-                weak->setIsAnalyzing(false);
-            return;
-        }
-        if (observers->measuring)
-            observers->measuring(kind);
-
-        QThreadPool::globalInstance()->start(
-            [=] {
-                Result result = measure(*token);
-                QCoreApplication* application = QCoreApplication::instance();
-                if (!application)
-                    return;
-                QMetaObject::invokeMethod(
-                    application,
-                    [=, result = std::move(result)]() mutable {
-                        if (token->isCancelled() || !weak)
-                            return;
-                        release(*weak, handle, token);
-                        publish(*weak, std::move(result));
-                        if (observers->published)
-                            observers->published(kind);
-                    },
-                    Qt::QueuedConnection);
-            },
-            measurementPriority);
-    });
+std::vector<double> channelsOrNone(const AudioSource& source, const ProgressToken& token) {
+    const auto goOn = [&token](double) {
+        return !token.isCancelled();
+    };
+    return measureChannels(source, FunctionRef<bool(double)>(goOn));
 }
 
 struct FileFigures {
@@ -107,21 +60,52 @@ struct EnvelopeFigures {
     std::vector<double> channels;
 };
 
-std::vector<double> measureChannelsUntilCancelled(const AudioSource& source, const ProgressToken& token) {
-    const auto goOn = [&token](double) {
-        return !token.isCancelled();
-    };
-    return measureChannels(source, FunctionRef<bool(double)>(goOn));
-}
-
 } // namespace
 
 LoudnessAnalysisScheduler::LoudnessAnalysisScheduler(Observers observers)
     : observers_(std::make_shared<const Observers>(std::move(observers))) {}
 
+bool LoudnessAnalysisScheduler::isRunning(AnalysisKind kind) const {
+    const auto& job = jobs_[static_cast<int>(kind)];
+    return job && job->isRunning();
+}
+
+BackgroundJob& LoudnessAnalysisScheduler::job(EditorModel& model, AnalysisKind kind) {
+    auto& job = jobs_[static_cast<int>(kind)];
+    if (!job) {
+        const BackgroundJob::Timing timing{delayOf(kind), measurementPriority};
+        job = std::make_unique<BackgroundJob>(model, timing, [&model] { return model.audioVersion(); });
+    }
+    return *job;
+}
+
+template <class Result>
+void LoudnessAnalysisScheduler::start(EditorModel& model, AnalysisKind kind,
+                                      std::function<Result(const ProgressToken&)> measure,
+                                      std::function<void(EditorModel&, Result)> publish) {
+    auto observers = observers_;
+    // The model owns this scheduler, so it exists whenever a job's main-thread step runs.
+    auto commit = [&model, kind, observers, publish = std::move(publish)](Result result) {
+        publish(model, std::move(result));
+        if (observers->published)
+            observers->published(kind);
+    };
+    auto ready = [&model, kind, observers] {
+        if (model.analysisSuspended()) {
+            if (kind == AnalysisKind::file)
+                model.setIsAnalyzing(false);
+            return false;
+        }
+        if (observers->measuring)
+            observers->measuring(kind);
+        return true;
+    };
+    job(model, kind).start<Result>(std::move(measure), std::move(commit), std::move(ready));
+}
+
 void LoudnessAnalysisScheduler::scheduleAnalysis(EditorModel& model) {
-    cancel(model.analysisTask());
-    cancel(model.envelopeAnalysisTask());
+    job(model, AnalysisKind::file).cancel();
+    job(model, AnalysisKind::envelope).cancel();
     if (model.analysisSuspended())
         return;
     if (model.content().frameCount() == 0) {
@@ -139,7 +123,7 @@ void LoudnessAnalysisScheduler::scheduleAnalysis(EditorModel& model) {
             figures.content = analyzeOrNone(content, token);
             const EnvelopedSource source(content, envelopes);
             figures.enveloped = envelopes.isFlat() ? figures.content : analyzeOrNone(source, token);
-            figures.channels = measureChannelsUntilCancelled(source, token);
+            figures.channels = channelsOrNone(source, token);
             return figures;
         };
     std::function<void(EditorModel&, FileFigures)> publish = [](EditorModel& target, FileFigures figures) {
@@ -148,34 +132,34 @@ void LoudnessAnalysisScheduler::scheduleAnalysis(EditorModel& model) {
         target.setChannelLoudness(std::move(figures.channels));
         target.setIsAnalyzing(false);
     };
-    startJob(model, &EditorModel::analysisTask, AnalysisKind::file, fileDelayMs, observers_,
-             std::move(measure), std::move(publish));
+    start(model, AnalysisKind::file, std::move(measure), std::move(publish));
 }
 
 void LoudnessAnalysisScheduler::scheduleEnvelopeAnalysis(EditorModel& model) {
-    cancel(model.envelopeAnalysisTask());
-    if (model.analysisSuspended())
+    if (isRunning(AnalysisKind::file)) {
+        scheduleAnalysis(model);
         return;
-    // An empty content has no figures; the file measurement has cleared them already.
-    if (model.content().frameCount() == 0)
+    }
+    job(model, AnalysisKind::envelope).cancel();
+    // Nothing while suspended; an empty content has no figures, and its file measurement has
+    // cleared them already.
+    if (model.analysisSuspended() || model.content().frameCount() == 0)
         return;
 
-    std::function<EnvelopeFigures(const ProgressToken&)> measure = [source = EnvelopedSource(
-                                                                        model.content(), model.envelopes())](
-                                                                       const ProgressToken& token) {
-        return EnvelopeFigures{analyzeOrNone(source, token), measureChannelsUntilCancelled(source, token)};
-    };
+    std::function<EnvelopeFigures(const ProgressToken&)> measure =
+        [source = EnvelopedSource(model.content(), model.envelopes())](const ProgressToken& token) {
+            return EnvelopeFigures{analyzeOrNone(source, token), channelsOrNone(source, token)};
+        };
     std::function<void(EditorModel&, EnvelopeFigures)> publish = [](EditorModel& target,
                                                                     EnvelopeFigures figures) {
         target.setLoudness(std::move(figures.enveloped));
         target.setChannelLoudness(std::move(figures.channels));
     };
-    startJob(model, &EditorModel::envelopeAnalysisTask, AnalysisKind::envelope, envelopeDelayMs, observers_,
-             std::move(measure), std::move(publish));
+    start(model, AnalysisKind::envelope, std::move(measure), std::move(publish));
 }
 
 void LoudnessAnalysisScheduler::scheduleSelectionAnalysis(EditorModel& model) {
-    cancel(model.selectionAnalysisTask());
+    job(model, AnalysisKind::selection).cancel();
     if (model.analysisSuspended())
         return;
     const std::optional<FrameRange>& selection = model.selection();
@@ -195,8 +179,7 @@ void LoudnessAnalysisScheduler::scheduleSelectionAnalysis(EditorModel& model) {
         [](EditorModel& target, std::optional<LoudnessResult> result) {
             target.setSelectionLoudness(std::move(result));
         };
-    startJob(model, &EditorModel::selectionAnalysisTask, AnalysisKind::selection, selectionDelayMs,
-             observers_, std::move(measure), std::move(publish));
+    start(model, AnalysisKind::selection, std::move(measure), std::move(publish));
 }
 
 std::vector<double> measureChannels(const AudioSource& source,

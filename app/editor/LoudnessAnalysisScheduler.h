@@ -3,6 +3,7 @@
 #include "base/AudioSource.h"
 #include "base/FunctionRef.h"
 #include "editor/AnalysisScheduler.h"
+#include "editor/BackgroundJob.h"
 
 #include <functional>
 #include <memory>
@@ -21,15 +22,14 @@ enum class AnalysisKind {
     selection,
 };
 
-/// The measurements behind the loudness panel, kept current after each edit.
+/// The measurements behind the loudness panel, kept current after each edit, for one model.
 ///
-/// Each schedule call cancels the older job of its kind, copies the content and envelopes (values
-/// sharing immutable blocks), and arms a timer on the main thread: the debounce, so a burst of
-/// edits or an envelope drag measures once, after it ends. When the timer fires and the job is
-/// still wanted and the model still exists, the measuring runs on the thread pool; its result
-/// comes back to the main thread, where it is published only if the job was not cancelled in
-/// the meantime. Jobs hold the model weakly: closing a document drops what they measured.
-/// While the model's `analysisSuspended` is set (a take is being recorded) nothing is measured.
+/// Each kind is a `BackgroundJob`: a schedule call cancels the older job of its kind, copies the
+/// content and envelopes (values sharing immutable blocks) and debounces on the main thread, so a
+/// burst of edits or an envelope drag measures once, after it ends. Every result is keyed by the
+/// model's `audioVersion`, which content and envelopes raise together: a figure measured on an
+/// older state is dropped, never shown. While the model's `analysisSuspended` is set (a take is
+/// being recorded) nothing is measured.
 class LoudnessAnalysisScheduler final : public AnalysisScheduler {
 public:
     /// The debounce of each kind, milliseconds. Envelope edits wait longest since they come in drags.
@@ -48,11 +48,22 @@ public:
     explicit LoudnessAnalysisScheduler(Observers observers);
 
     void scheduleAnalysis(EditorModel& model) override;
-    void scheduleSelectionAnalysis(EditorModel& model) override;
+    /// While a file measurement is pending it is started again instead: the envelopes it would
+    /// measure through are no longer current.
     void scheduleEnvelopeAnalysis(EditorModel& model) override;
+    void scheduleSelectionAnalysis(EditorModel& model) override;
+
+    /// A job of `kind` is scheduled or measuring.
+    bool isRunning(AnalysisKind kind) const;
 
 private:
+    BackgroundJob& job(EditorModel& model, AnalysisKind kind);
+    template <class Result>
+    void start(EditorModel& model, AnalysisKind kind, std::function<Result(const ProgressToken&)> measure,
+               std::function<void(EditorModel&, Result)> publish);
+
     std::shared_ptr<const Observers> observers_ = std::make_shared<Observers>();
+    std::unique_ptr<BackgroundJob> jobs_[3];
 };
 
 /// Integrated loudness of each channel alone (weight 1 for it, 0 for the others), LUFS; negative

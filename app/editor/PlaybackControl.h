@@ -14,11 +14,10 @@ class PlaybackControl {
 public:
     virtual ~PlaybackControl() = default;
 
-    /// Store the gain envelopes the callback applies.
-    virtual void setEnvelopes(const EnvelopeSet& envelopes) = 0;
-    /// While playing: swap in new content and range, touching nothing else, so play goes on
-    /// without a gap.
-    virtual void replaceContent(const AudioContent& content, FrameRange range) = 0;
+    /// The content the callback reads and the gain envelopes it applies, swapped in as one, with
+    /// the range to play: no callback renders one without the other. While playing, play goes
+    /// on without a gap. Made once for every change of either.
+    virtual void setAudio(const AudioContent& content, const EnvelopeSet& envelopes, FrameRange range) = 0;
     /// Whether play wraps at the end of its range; works with or without a play in progress.
     virtual void setLooping(bool looping) = 0;
     /// Silence the output and pause the device.
@@ -32,8 +31,7 @@ public:
 /// Stands in until the playback engine exists: plays nothing.
 class NullPlaybackControl final : public PlaybackControl {
 public:
-    void setEnvelopes(const EnvelopeSet&) override {}
-    void replaceContent(const AudioContent&, FrameRange) override {}
+    void setAudio(const AudioContent&, const EnvelopeSet&, FrameRange) override {}
     void setLooping(bool) override {}
     void pause() override {}
     void setPosition(int64_t) override {}

@@ -1,6 +1,7 @@
 #include "core/GainEnvelope.h"
 
 #include "base/Clamped.h"
+#include "base/Precondition.h"
 #include "dsp/VectorMath.h"
 
 #include <algorithm>
@@ -189,7 +190,8 @@ const GainEnvelope& EnvelopeSet::operator[](std::optional<int> target) const {
     static const GainEnvelope none;
     if (!target)
         return master;
-    if (*target >= 0 && static_cast<size_t>(*target) < channels.size())
+    HARLUNE_PRECONDITION(*target >= 0, "envelope target: negative channel index");
+    if (static_cast<size_t>(*target) < channels.size())
         return channels[static_cast<size_t>(*target)];
     return none;
 }
@@ -197,7 +199,8 @@ const GainEnvelope& EnvelopeSet::operator[](std::optional<int> target) const {
 GainEnvelope& EnvelopeSet::edit(std::optional<int> target) {
     if (!target)
         return master;
-    const auto index = static_cast<size_t>(std::max(*target, 0));
+    HARLUNE_PRECONDITION(*target >= 0, "envelope target: negative channel index");
+    const auto index = static_cast<size_t>(*target);
     if (index >= channels.size())
         channels.resize(index + 1);
     return channels[index];

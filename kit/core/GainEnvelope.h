@@ -99,6 +99,7 @@ struct EnvelopeSet {
     bool isEmpty() const;
 
     /// The master for an absent target, a channel's own curve, or an empty curve past the end.
+    /// A negative channel is a programmer's error.
     const GainEnvelope& operator[](std::optional<int> target) const;
     /// Replaces the master (absent target) or a channel's curve, adding empty curves up to it.
     void set(std::optional<int> target, GainEnvelope envelope);

@@ -1,5 +1,5 @@
+// The view arithmetic, selection commands, names and summaries of the model.
 #include "core/Processing.h"
-#include "editor/EditorModel.h"
 #include "editor/EditorTestSupport.h"
 
 #include <cmath>
@@ -7,8 +7,6 @@
 
 namespace harlune {
 namespace {
-
-using testing::Probe;
 
 class EditorModelViewTest : public ::testing::Test {
 protected:
@@ -19,107 +17,86 @@ protected:
         return testing::probedModel(AudioContent::silence(frames, channels, rate), probe, std::move(info));
     }
 
-    std::shared_ptr<Probe> probe = std::make_shared<Probe>();
+    std::shared_ptr<testing::Probe> probe = std::make_shared<testing::Probe>();
 };
 
-// Zoom and scroll ----------------------------------------------------------------------------------
+TEST_F(EditorModelViewTest, ZoomLimitsCountEmptyContentAsOneFrameAndTheViewAsAtLeast100Points) {
+    auto empty = makeModel(0);
+    EXPECT_DOUBLE_EQ(empty->maxFramesPerPoint(), 0.0625);
+    empty->setFramesPerPoint(1000);
+    empty->setScrollFrame(50);
+    empty->clampScroll();
+    EXPECT_DOUBLE_EQ(empty->framesPerPoint(), 0.0625);
+    EXPECT_DOUBLE_EQ(empty->scrollFrame(), 0);
+    empty->setFramesPerPoint(0.001);
+    empty->clampScroll();
+    EXPECT_DOUBLE_EQ(empty->framesPerPoint(), EditorModel::minFramesPerPoint);
 
-TEST_F(EditorModelViewTest, EmptyContentCountsAsOneFrame) {
-    auto model = makeModel(0);
-    EXPECT_DOUBLE_EQ(model->maxFramesPerPoint(), 0.0625);
-    model->setFramesPerPoint(1000);
-    model->setScrollFrame(50);
-    model->clampScroll();
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), 0.0625);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
-
-    model->setFramesPerPoint(0.001);
-    model->clampScroll();
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), EditorModel::minFramesPerPoint);
-}
-
-TEST_F(EditorModelViewTest, MaxZoomUsesAWidthOfAtLeastOneHundredPoints) {
     auto model = makeModel(100000);
     EXPECT_DOUBLE_EQ(model->maxFramesPerPoint(), 100000.0 / 800 * 1.02);
-    model->setViewWidth(40);
-    EXPECT_DOUBLE_EQ(model->maxFramesPerPoint(), 100000.0 / 100 * 1.02);
-}
-
-TEST_F(EditorModelViewTest, ZoomToFitShowsTheWholeContent) {
-    auto model = makeModel(123456);
     model->setScrollFrame(999);
     model->zoomToFit();
-    EXPECT_NEAR(model->framesPerPoint(), 123456.0 / 800, 1e-9);
+    EXPECT_NEAR(model->framesPerPoint(), 100000.0 / 800, 1e-9);
     EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
+    model->setViewWidth(40);
+    EXPECT_DOUBLE_EQ(model->maxFramesPerPoint(), 100000.0 / 100 * 1.02);
 }
 
 TEST_F(EditorModelViewTest, ScrollIsLimitedToTheContent) {
     auto model = makeModel(100000);
     model->setFramesPerPoint(10); // 8000 frames on screen
-    model->scroll(-5);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
-    model->scroll(250.5);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 2505);
-    model->scroll(1e9);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 100000 - 8000);
-    // A view wider than the content cannot scroll.
-    model->setFramesPerPoint(125);
+    const std::pair<double, double> steps[] = {{-5, 0}, {250.5, 2505}, {1e9, 92000}};
+    for (const auto& [points, expected] : steps) {
+        model->scroll(points);
+        EXPECT_DOUBLE_EQ(model->scrollFrame(), expected) << points;
+    }
+    model->setFramesPerPoint(125); // wider than the content: no scrolling
     model->scroll(10);
     EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
 }
 
-TEST_F(EditorModelViewTest, ZoomKeepsAnOnScreenAnchorInPlace) {
-    auto model = makeModel(1000000);
-    model->setFramesPerPoint(100);
-    model->setScrollFrame(10000);
-    const double anchor = 30000; // at point 200
-    model->zoom(0.5, 30000);
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), 50);
-    EXPECT_DOUBLE_EQ((anchor - model->scrollFrame()) / model->framesPerPoint(), 200);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 20000);
-}
-
-TEST_F(EditorModelViewTest, ZoomCentresAnOffScreenAnchor) {
-    auto model = makeModel(1000000);
-    model->setFramesPerPoint(100);
-    model->setScrollFrame(10000);
-    model->zoom(2, 500000); // far right of the 80000 frames on screen
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), 200);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 500000 - 400 * 200);
-
-    model->zoom(1, 0); // left of the view: centred, then clamped at the start
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
+TEST_F(EditorModelViewTest, ZoomKeepsAnOnScreenAnchorAndCentresAnOffScreenOne) {
+    // Each case starts at 100 frames per point, scrolled to 10000 (80000 frames on screen).
+    const struct {
+        double factor;
+        int64_t anchor;
+        double framesPerPoint;
+        double scrollFrame;
+    } cases[] = {
+        {0.5, 30000, 50, 20000},              // at point 200, stays at point 200
+        {2, 500000, 200, 500000 - 400 * 200}, // far right: to the middle
+        {1, 0, 100, 0},                       // left of the view: middle, then clamped at the start
+        {1e-9, 30000, EditorModel::minFramesPerPoint, 30000 - 200 * EditorModel::minFramesPerPoint},
+        {1e9, 30000, 1000000.0 / 800 * 1.02, 0},
+    };
+    for (const auto& c : cases) {
+        auto model = makeModel(1000000);
+        model->setFramesPerPoint(100);
+        model->setScrollFrame(10000);
+        model->zoom(c.factor, c.anchor);
+        EXPECT_DOUBLE_EQ(model->framesPerPoint(), c.framesPerPoint) << c.factor;
+        EXPECT_DOUBLE_EQ(model->scrollFrame(), c.scrollFrame) << c.factor;
+    }
 }
 
 TEST_F(EditorModelViewTest, ZoomAnchorDefaultsToPlayheadThenSelectionThenCursor) {
     auto model = makeModel(1000000);
     model->setFramesPerPoint(100);
-    model->setScrollFrame(0);
-    model->setCursor(8000); // point 80
+    const auto pointOf = [&](int64_t frame) {
+        return (static_cast<double>(frame) - model->scrollFrame()) / model->framesPerPoint();
+    };
+    model->setCursor(8000);
     model->zoom(0.5);
-    EXPECT_DOUBLE_EQ((8000 - model->scrollFrame()) / model->framesPerPoint(), 80);
-
+    EXPECT_DOUBLE_EQ(pointOf(8000), 80);
     model->setSelection(FrameRange{12000, 20000});
-    const double selectionPoint = (12000 - model->scrollFrame()) / model->framesPerPoint();
+    double before = pointOf(12000);
     model->zoom(0.5);
-    EXPECT_NEAR((12000 - model->scrollFrame()) / model->framesPerPoint(), selectionPoint, 1e-9);
-
+    EXPECT_NEAR(pointOf(12000), before, 1e-9);
     model->setIsPlaying(true);
-    model->setPlayhead(model->selection()->lower + 400);
-    const double playheadPoint =
-        (static_cast<double>(model->playhead()) - model->scrollFrame()) / model->framesPerPoint();
+    model->setPlayhead(12400);
+    before = pointOf(12400);
     model->zoom(2);
-    EXPECT_NEAR((static_cast<double>(model->playhead()) - model->scrollFrame()) / model->framesPerPoint(),
-                playheadPoint, 1e-9);
-}
-
-TEST_F(EditorModelViewTest, ZoomIsClampedAtBothEnds) {
-    auto model = makeModel(48000);
-    model->zoom(1e-9, 100);
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), EditorModel::minFramesPerPoint);
-    model->zoom(1e9, 100);
-    EXPECT_DOUBLE_EQ(model->framesPerPoint(), model->maxFramesPerPoint());
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
+    EXPECT_NEAR(pointOf(12400), before, 1e-9);
 }
 
 TEST_F(EditorModelViewTest, ZoomToSelectionCentresIt) {
@@ -131,9 +108,7 @@ TEST_F(EditorModelViewTest, ZoomToSelectionCentresIt) {
     model->zoomToSelection();
     const double fpp = 80000.0 / 800 * 1.05;
     EXPECT_DOUBLE_EQ(model->framesPerPoint(), fpp);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 400000 - (800 * fpp - 80000) / 2);
-    const double middle = model->scrollFrame() + 400 * model->framesPerPoint();
-    EXPECT_NEAR(middle, 440000, 1e-6);
+    EXPECT_NEAR(model->scrollFrame() + 400 * fpp, 440000, 1e-6);
 
     // A tiny selection at the start: the zoom bottoms out and the scroll clamps at 0.
     model->setSelection(FrameRange{0, 3});
@@ -146,21 +121,15 @@ TEST_F(EditorModelViewTest, EnsureVisibleLeavesATenthBeforeTheFrame) {
     auto model = makeModel(1000000);
     model->setFramesPerPoint(100); // 80000 frames on screen
     model->setScrollFrame(10000);
-    model->ensureVisible(10000);
-    model->ensureVisible(90000);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 10000);
-
-    model->ensureVisible(90001);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 90001 - 8000);
-    model->ensureVisible(5000);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 0);
-    model->ensureVisible(999999);
-    EXPECT_DOUBLE_EQ(model->scrollFrame(), 1000000 - 80000);
+    const std::pair<int64_t, double> cases[] = {
+        {10000, 10000}, {90000, 10000}, {90001, 90001 - 8000}, {5000, 0}, {999999, 1000000 - 80000}};
+    for (const auto& [frame, scroll] : cases) {
+        model->ensureVisible(frame);
+        EXPECT_DOUBLE_EQ(model->scrollFrame(), scroll) << frame;
+    }
 }
 
-// Selection ----------------------------------------------------------------------------------------
-
-TEST_F(EditorModelViewTest, SelectAllAndNone) {
+TEST_F(EditorModelViewTest, SelectionCommands) {
     auto empty = makeModel(0);
     empty->selectAll();
     EXPECT_FALSE(empty->selection());
@@ -170,43 +139,29 @@ TEST_F(EditorModelViewTest, SelectAllAndNone) {
     model->selectAll();
     EXPECT_EQ(model->selection(), (FrameRange{0, 500}));
     EXPECT_EQ(model->activeChannels(), (ChannelSet{0, 1, 2}));
-
     model->setActiveChannels({0});
     model->selectNone();
     EXPECT_FALSE(model->selection());
     EXPECT_EQ(model->activeChannels(), (ChannelSet{0, 1, 2}));
-}
 
-TEST_F(EditorModelViewTest, SetSelectionClampsAndMovesTheCursor) {
-    auto model = makeModel(500);
     model->setCursor(77);
     model->setSelection(FrameRange{-50, 900}, std::nullopt);
     EXPECT_EQ(model->selection(), (FrameRange{0, 500}));
     EXPECT_EQ(model->cursor(), 0);
-
     model->setSelection(FrameRange{100, 200}, ChannelSet{1});
     EXPECT_EQ(model->cursor(), 100);
-    EXPECT_EQ(model->activeChannels(), (ChannelSet{1}));
-    EXPECT_EQ(model->targetChannels(), (ChannelSet{1}));
-
+    EXPECT_EQ(model->targetChannels(), ChannelSet{1});
     model->setCursor(300);
-    model->setSelection(std::nullopt, ChannelSet{0, 1});
-    EXPECT_FALSE(model->selection());
+    model->setSelection(std::nullopt, ChannelSet{0, 1, 2});
     EXPECT_EQ(model->cursor(), 300);
     EXPECT_FALSE(model->targetChannels());
-
     model->setSelection(FrameRange{600, 700}, std::nullopt); // past the end: empty, so absent
     EXPECT_FALSE(model->selection());
-}
 
-TEST_F(EditorModelViewTest, PlayRangeIsTheSelectionOnlyWhenLooping) {
-    auto model = makeModel(500);
     model->setSelection(FrameRange{10, 20});
     EXPECT_EQ(model->playRange(), (FrameRange{0, 500}));
     model->setIsLooping(true);
     EXPECT_EQ(model->playRange(), (FrameRange{10, 20}));
-    model->setSelection(std::optional<FrameRange>());
-    EXPECT_EQ(model->playRange(), (FrameRange{0, 500}));
 }
 
 TEST_F(EditorModelViewTest, SnappedFindsZeroCrossingsWithinAZoomDependentRadius) {
@@ -215,63 +170,56 @@ TEST_F(EditorModelViewTest, SnappedFindsZeroCrossingsWithinAZoomDependentRadius)
     std::fill(plane.begin() + 1000, plane.end(), 0.5f);
     auto model = testing::probedModel(AudioContent({plane}, 48000), probe);
     model->setFramesPerPoint(1);
-
     EXPECT_EQ(model->snapped(900), 900); // snapping is off
     model->setSnapToZeroCrossings(true);
-    EXPECT_EQ(model->snapped(0), 0);
-    EXPECT_EQ(model->snapped(4000), 4000);
-    EXPECT_EQ(model->snapped(-10), 0);
-    EXPECT_EQ(model->snapped(99999), 4000);
 
-    // Radius 64 at one frame per point: 940 reaches the step, 900 does not.
-    EXPECT_EQ(model->snapped(940), 1000);
-    EXPECT_EQ(model->snapped(900), 900);
-    // At 20 frames per point the radius is 120.
-    model->setFramesPerPoint(20);
-    EXPECT_EQ(model->snapped(900), 1000);
-    EXPECT_EQ(model->snapped(1100), 1000);
-    EXPECT_EQ(model->snapped(1121), 1121);
-    // A fractional radius truncates: 10.9 * 6 = 65.4 reaches 65 frames.
-    model->setFramesPerPoint(10.9);
-    EXPECT_EQ(model->snapped(935), 1000);
-    EXPECT_EQ(model->snapped(934), 934);
-    EXPECT_EQ(model->snapped(934), nearestZeroCrossing(model->content(), 934, 65));
+    // The radius is six points but at least 64 frames, truncated (10.9 * 6 = 65.4 reaches 65).
+    const struct {
+        double framesPerPoint;
+        int64_t frame;
+        int64_t snapped;
+    } cases[] = {
+        {1, 0, 0},        {1, 4000, 4000},   {1, -10, 0},      {1, 99999, 4000},
+        {1, 940, 1000},   {1, 900, 900},     {20, 900, 1000},  {20, 1100, 1000},
+        {20, 1121, 1121}, {10.9, 935, 1000}, {10.9, 934, 934},
+    };
+    for (const auto& c : cases) {
+        model->setFramesPerPoint(c.framesPerPoint);
+        EXPECT_EQ(model->snapped(c.frame), c.snapped) << c.framesPerPoint << " " << c.frame;
+    }
 }
 
-// Names and summaries ----------------------------------------------------------------------------
-
-TEST_F(EditorModelViewTest, ChannelNames) {
-    EXPECT_EQ(makeModel(10, 1)->channelName(0), "Mono");
-    auto stereo = makeModel(10, 2);
-    EXPECT_EQ(stereo->channelName(0), "L");
-    EXPECT_EQ(stereo->channelName(1), "R");
-    EXPECT_EQ(stereo->channelName(5), "R");
-    auto surround = makeModel(10, 6);
-    const char* expected[] = {"L", "R", "C", "LFE", "Ls", "Rs"};
+TEST_F(EditorModelViewTest, ChannelNamesAndFormatSummary) {
+    const char* surround[] = {"L", "R", "C", "LFE", "Ls", "Rs"};
     for (int c = 0; c < 6; ++c)
-        EXPECT_EQ(surround->channelName(c), expected[c]);
+        EXPECT_EQ(makeModel(10, 6)->channelName(c), surround[c]);
+    EXPECT_EQ(makeModel(10, 1)->channelName(0), "Mono");
+    EXPECT_EQ(makeModel(10, 2)->channelName(5), "R");
     EXPECT_EQ(makeModel(10, 3)->channelName(1), "2");
-    EXPECT_EQ(makeModel(10, 8)->channelName(7), "8");
-}
 
-TEST_F(EditorModelViewTest, FormatSummary) {
-    EXPECT_EQ(makeModel(10, 2, 48000)->formatSummary(), "48 kHz \u00B7 Stereo");
-    EXPECT_EQ(makeModel(10, 1, 44100)->formatSummary(), "44.1 kHz \u00B7 Mono");
-    EXPECT_EQ(makeModel(10, 5, 22050)->formatSummary(), "22.1 kHz \u00B7 5 ch");
-
-    AudioFileInfo info;
-    info.codecName = "FLAC";
-    info.bitDepth = 24;
-    EXPECT_EQ(makeModel(10, 2, 96000, info)->formatSummary(),
-              "FLAC \u00B7 96 kHz \u00B7 24-bit \u00B7 Stereo");
-    info.codecName = "Linear PCM";
-    info.bitDepth = 32;
-    info.isFloat = true;
-    EXPECT_EQ(makeModel(10, 1, 8000, info)->formatSummary(),
-              "Linear PCM \u00B7 8 kHz \u00B7 32-bit float \u00B7 Mono");
-    info.codecName = "MP3";
-    info.bitDepth.reset();
-    EXPECT_EQ(makeModel(10, 2, 44100, info)->formatSummary(), "MP3 \u00B7 44.1 kHz \u00B7 Stereo");
+    AudioFileInfo flac;
+    flac.codecName = "FLAC";
+    flac.bitDepth = 24;
+    AudioFileInfo floatPCM;
+    floatPCM.codecName = "Linear PCM";
+    floatPCM.bitDepth = 32;
+    floatPCM.isFloat = true;
+    AudioFileInfo mp3;
+    mp3.codecName = "MP3";
+    const struct {
+        int channels;
+        double rate;
+        std::optional<AudioFileInfo> info;
+        const char* summary;
+    } cases[] = {
+        {2, 48000, std::nullopt, "48 kHz \u00B7 Stereo"},
+        {5, 22050, std::nullopt, "22.1 kHz \u00B7 5 ch"},
+        {2, 96000, flac, "FLAC \u00B7 96 kHz \u00B7 24-bit \u00B7 Stereo"},
+        {1, 8000, floatPCM, "Linear PCM \u00B7 8 kHz \u00B7 32-bit float \u00B7 Mono"},
+        {2, 44100, mp3, "MP3 \u00B7 44.1 kHz \u00B7 Stereo"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(makeModel(10, c.channels, c.rate, c.info)->formatSummary(), c.summary);
 }
 
 } // namespace

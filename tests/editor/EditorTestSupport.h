@@ -9,18 +9,22 @@
 #include <QSettings>
 #include <QTest>
 #include <QThreadPool>
+#include <QUndoStack>
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace harlune::testing {
 
 /// What the model told its collaborators, counted by the fakes below.
 struct Probe {
-    int setEnvelopes = 0;
-    int replaceContent = 0;
-    FrameRange lastReplaceRange;
+    /// Hand-overs of content and envelopes, and what the last one held.
+    int handovers = 0;
+    std::optional<AudioContent> content;
+    EnvelopeSet envelopes;
+    FrameRange lastRange;
     int setLooping = 0;
     bool lastLooping = false;
     int pause = 0;
@@ -38,10 +42,11 @@ struct Probe {
 class ProbePlayer final : public PlaybackControl {
 public:
     explicit ProbePlayer(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
-    void setEnvelopes(const EnvelopeSet&) override { ++probe_->setEnvelopes; }
-    void replaceContent(const AudioContent&, FrameRange range) override {
-        ++probe_->replaceContent;
-        probe_->lastReplaceRange = range;
+    void setAudio(const AudioContent& content, const EnvelopeSet& envelopes, FrameRange range) override {
+        ++probe_->handovers;
+        probe_->content = content;
+        probe_->envelopes = envelopes;
+        probe_->lastRange = range;
     }
     void setLooping(bool looping) override {
         ++probe_->setLooping;
@@ -117,7 +122,8 @@ struct AnalysisLog {
 /// A model with the real measurement scheduler reporting into `log`, and the probe's player.
 inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
                                                   const std::shared_ptr<AnalysisLog>& log,
-                                                  const std::shared_ptr<Probe>& probe) {
+                                                  const std::shared_ptr<Probe>& probe,
+                                                  LoudnessAnalysisScheduler** scheduler = nullptr) {
     LoudnessAnalysisScheduler::Observers observers;
     observers.measuring = [log](AnalysisKind kind) {
         log->measuring.emplace_back(kind, log->clock.elapsed());
@@ -128,7 +134,10 @@ inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
     EditorCollaborators collaborators;
     collaborators.player = std::make_unique<ProbePlayer>(probe);
     collaborators.rack = std::make_unique<ProbeRack>(probe);
-    collaborators.analysis = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
+    auto measurements = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
+    if (scheduler)
+        *scheduler = measurements.get();
+    collaborators.analysis = std::move(measurements);
     return std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
 }
 
@@ -166,6 +175,48 @@ inline void clearPreferences() {
     settings.sync();
 }
 
+/// A fixture around a probed model of 1000 frames of stereo ramp with an undo stack; failures
+/// shown to the user land in `errors`, alert sounds in `alerts`. No job outlives a test.
+class ModelTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        clearPreferences();
+        use(rampContent(1000, 2));
+    }
+    void TearDown() override { drainJobs(); }
+
+    /// A fresh model of `content`; a given clipboard is shared instead of the model's own.
+    void use(AudioContent content, std::shared_ptr<AudioClipboard> clipboard = nullptr) {
+        EditorCollaborators collaborators;
+        collaborators.player = std::make_unique<ProbePlayer>(probe);
+        collaborators.rack = std::make_unique<ProbeRack>(probe);
+        collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
+        collaborators.clipboard = std::move(clipboard);
+        model = std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
+        model->setUndoManager(&stack);
+        model->setPresentError([this](const std::exception& error) { errors.emplace_back(error.what()); });
+        model->setAlertSound([this] { ++alerts; });
+    }
+
+    bool waitUntilIdle() {
+        return QTest::qWaitFor([this] { return !model->busy(); }, 20000);
+    }
+
+    std::shared_ptr<Probe> probe = std::make_shared<Probe>();
+    QUndoStack stack;
+    std::unique_ptr<EditorModel> model;
+    std::vector<std::string> errors;
+    int alerts = 0;
+};
+
+/// The frames of a marker list, in order.
+inline std::vector<int64_t> framesOf(const std::vector<Marker>& markers) {
+    std::vector<int64_t> frames;
+    for (const Marker& marker : markers)
+        frames.push_back(marker.frame);
+    return frames;
+}
+
 /// A fixture around a model measured by the real scheduler, which reports into `log`; every test
 /// starts from the default preferences and leaves no job running.
 class MeasuredModelTest : public ::testing::Test {
@@ -178,13 +229,15 @@ protected:
 
     /// A model of `content`, past its first file measurement.
     void open(AudioContent content) {
-        model = measuredModel(std::move(content), log, probe);
+        model = measuredModel(std::move(content), log, probe, &scheduler);
         ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
     }
+    bool running(AnalysisKind kind) const { return scheduler->isRunning(kind); }
 
     std::shared_ptr<AnalysisLog> log = std::make_shared<AnalysisLog>();
     std::shared_ptr<Probe> probe = std::make_shared<Probe>();
     std::unique_ptr<EditorModel> model;
+    LoudnessAnalysisScheduler* scheduler = nullptr;
 };
 
 } // namespace harlune::testing

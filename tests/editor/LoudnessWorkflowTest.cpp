@@ -26,44 +26,42 @@ protected:
     std::unique_ptr<EditorModel> model = testing::probedModel(AudioContent::silence(96000, 2, 48000), probe);
 };
 
-TEST_F(LoudnessWorkflowTest, theSelectionCountsOnlyInSelectionScopeWithASelection) {
+TEST_F(LoudnessWorkflowTest, thePlanComesFromTheActiveFigureInEitherMode) {
+    EXPECT_FALSE(model->loudnessPlan());
     model->setLoudness(measured(-20, -5));
     model->setSelectionLoudness(measured(-10, -2));
-    EXPECT_EQ(model->activeLoudness()->integratedLUFS, -20);
-    model->setAnalysisScope(AnalysisScope::selection);
-    EXPECT_EQ(model->activeLoudness()->integratedLUFS, -20); // no selection yet
-    model->setSelection(FrameRange{0, 48000});
-    EXPECT_EQ(model->activeLoudness()->integratedLUFS, -10);
-    model->setAnalysisScope(AnalysisScope::file);
-    EXPECT_EQ(model->activeLoudness()->integratedLUFS, -20);
-}
-
-TEST_F(LoudnessWorkflowTest, thePlanInTargetAndManualModes) {
-    EXPECT_FALSE(model->loudnessPlan());
-    model->setLoudness(measured(-20, -5));
     model->setTargetLUFS(-14);
     model->setCeilingDBTP(-1);
-    auto plan = model->loudnessPlan();
-    ASSERT_TRUE(plan);
-    EXPECT_DOUBLE_EQ(plan->gainDB, 6);
-    EXPECT_DOUBLE_EQ(plan->predictedIntegratedLUFS, -14);
-    EXPECT_DOUBLE_EQ(plan->predictedTruePeakDBTP, 1);
-    EXPECT_TRUE(plan->needsLimiting);
-
-    model->setAdjustMode(LoudnessAdjustMode::manual);
-    model->setManualGainDB(4);
-    plan = model->loudnessPlan();
-    ASSERT_TRUE(plan);
-    EXPECT_DOUBLE_EQ(plan->gainDB, 4);
-    EXPECT_DOUBLE_EQ(plan->predictedIntegratedLUFS, -16);
-    EXPECT_DOUBLE_EQ(plan->predictedTruePeakDBTP, -1);
-    EXPECT_FALSE(plan->needsLimiting); // exactly at the ceiling passes
-}
-
-TEST_F(LoudnessWorkflowTest, aSilentMeasurementHasNoPlan) {
+    // gain, predicted loudness, predicted true peak, limiting; exactly at the ceiling passes.
+    const struct {
+        AnalysisScope scope;
+        bool selected;
+        LoudnessAdjustMode mode;
+        double gain, lufs, peak;
+        bool limits;
+    } cases[] = {
+        {AnalysisScope::file, true, LoudnessAdjustMode::target, 6, -14, 1, true},
+        {AnalysisScope::selection, false, LoudnessAdjustMode::target, 6, -14, 1, true},
+        {AnalysisScope::selection, true, LoudnessAdjustMode::target, -4, -14, -6, false},
+        {AnalysisScope::file, false, LoudnessAdjustMode::manual, 4, -16, -1, false},
+        {AnalysisScope::selection, true, LoudnessAdjustMode::manual, 4, -6, 2, true},
+    };
+    for (const auto& c : cases) {
+        model->setAnalysisScope(c.scope);
+        model->setSelection(c.selected ? std::optional(FrameRange{0, 48000}) : std::nullopt);
+        model->setAdjustMode(c.mode);
+        model->setManualGainDB(4);
+        const auto plan = model->loudnessPlan();
+        ASSERT_TRUE(plan);
+        EXPECT_DOUBLE_EQ(plan->gainDB, c.gain);
+        EXPECT_DOUBLE_EQ(plan->predictedIntegratedLUFS, c.lufs);
+        EXPECT_DOUBLE_EQ(plan->predictedTruePeakDBTP, c.peak);
+        EXPECT_EQ(plan->needsLimiting, c.limits);
+    }
     model->setLoudness(
         measured(-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()));
-    EXPECT_FALSE(model->loudnessPlan());
+    model->setSelection(std::optional<FrameRange>());
+    EXPECT_FALSE(model->loudnessPlan()); // silence has none
 }
 
 TEST_F(LoudnessWorkflowTest, thePresetsInTheirOrder) {

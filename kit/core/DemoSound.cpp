@@ -1,10 +1,10 @@
-#include "DemoSound.h"
+#include "core/DemoSound.h"
 
 #include <cmath>
 #include <numbers>
 #include <vector>
 
-namespace harlune::cli {
+namespace harlune {
 
 AudioContent makeDemoSound() {
     constexpr double rate = 48000;
@@ -23,4 +23,4 @@ AudioContent makeDemoSound() {
     return AudioContent(std::move(channels), rate);
 }
 
-} // namespace harlune::cli
+} // namespace harlune

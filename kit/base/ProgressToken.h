@@ -6,8 +6,8 @@
 
 namespace harlune {
 
-/// Shared between the main thread and one background job, with no lock and no callback: the
-/// worker stores the fraction done (0...1) and reads the flag; the main thread reads the
+/// Shared between the thread that starts a long job and the job itself, with no lock and no
+/// callback: the worker stores the fraction done (0...1) and polls the flag; the starter reads the
 /// fraction and sets the flag. The fraction is kept as the bit pattern of a double.
 struct ProgressToken {
     std::atomic<uint64_t> bits{0};
