@@ -6,36 +6,38 @@
 
 namespace harlune {
 
-PreviewRuntime::PreviewRuntime(std::vector<std::shared_ptr<PreviewProcessor>> processors,
+PreviewRuntime::PreviewRuntime(std::vector<std::shared_ptr<EffectProcessor>> processors,
                                std::vector<bool> enabledFlags, int channelCount, int maxFrames)
     : appliedVersions(processors.size(), 0), enabled(enabledFlags.begin(), enabledFlags.end()),
-      processMask(static_cast<size_t>(channelCount), 1), processors_(std::move(processors)),
-      channelCount_(channelCount), maxFrames_(maxFrames),
-      dry_(static_cast<size_t>(channelCount), std::vector<float>(static_cast<size_t>(maxFrames))) {
+      processMask(static_cast<size_t>(std::max(channelCount, 0)), 1), processors_(std::move(processors)),
+      channelCount_(channelCount), maxFrames_(maxFrames), dry_(std::max(channelCount, 0), maxFrames) {
     HARLUNE_PRECONDITION(enabled.size() == processors_.size(), "one enabled flag per processor");
     HARLUNE_PRECONDITION(channelCount >= 1 && maxFrames >= 1, "a runtime needs channels and frames");
+    for (const auto& processor : processors_) {
+        HARLUNE_PRECONDITION(processor != nullptr && processor->isPrepared(),
+                             "a runtime runs prepared processors only");
+        configurables_.push_back(dynamic_cast<ConfigurableEffect*>(processor.get()));
+    }
 }
 
-void PreviewRuntime::process(std::span<float* const> channels, int channelCount, int frames) noexcept {
-    if (channelCount != channelCount_ || frames > maxFrames_ ||
-        static_cast<int>(channels.size()) < channelCount)
+void PreviewRuntime::process(ChannelSpan channels) noexcept {
+    if (channels.channelCount() != channelCount_ || channels.frameCount() > maxFrames_)
         return;
-    const auto count = static_cast<size_t>(frames);
+    const auto count = static_cast<size_t>(channels.frameCount());
     bool anyDry = false;
-    for (size_t c = 0; c < static_cast<size_t>(channelCount); ++c) {
-        if (!processMask[c]) {
-            std::copy_n(channels[c], count, dry_[c].data());
+    for (int c = 0; c < channelCount_; ++c) {
+        if (!processMask[static_cast<size_t>(c)]) {
+            std::copy_n(channels.channel(c), count, dry_.channel(c));
             anyDry = true;
         }
     }
-    const std::span<float* const> active = channels.first(static_cast<size_t>(channelCount));
     for (size_t p = 0; p < processors_.size(); ++p)
         if (enabled[p])
-            processors_[p]->process(active, frames);
+            processors_[p]->process(channels);
     if (anyDry)
-        for (size_t c = 0; c < static_cast<size_t>(channelCount); ++c)
-            if (!processMask[c])
-                std::copy_n(dry_[c].data(), count, channels[c]);
+        for (int c = 0; c < channelCount_; ++c)
+            if (!processMask[static_cast<size_t>(c)])
+                std::copy_n(dry_.channel(c), count, channels.channel(c));
 }
 
 void PreviewEffectsState::syncRuntime() noexcept {
@@ -46,6 +48,9 @@ void PreviewEffectsState::syncRuntime() noexcept {
     for (size_t i = 0; i < count; ++i) {
         if (target.appliedVersions[i] == versions[i])
             continue;
+        ConfigurableEffect* const effect = target.configurable(i);
+        if (effect != nullptr && i < settings.size() && settings[i])
+            effect->apply(*settings[i]);
         target.enabled[i] = enabled[i];
         target.appliedVersions[i] = versions[i];
     }

@@ -71,11 +71,16 @@ void RenderState::render(int frameCount, std::span<float* const> outputs,
     const int outputCount = static_cast<int>(outputs.size());
 
     if (effectsLock.tryLock()) {
-        if (effects.isActive) {
+        if (effects.isActive)
             effects.syncRuntime();
-            cachedRuntime_ = effects.runtime;
-        } else {
-            cachedRuntime_.reset();
+        const PreviewRuntime* const wanted = effects.isActive ? effects.runtime.get() : nullptr;
+        // Moving on hands the old runtime back rather than dropping it, which could free it here.
+        // `handedBack` is empty unless the main thread has stored nothing since the last move; then
+        // the old runtime runs on until it has.
+        if (cachedRuntime_.get() != wanted && !effects.handedBack) {
+            effects.handedBack = std::move(cachedRuntime_);
+            if (wanted != nullptr)
+                cachedRuntime_ = effects.runtime;
         }
         effectsLock.unlock();
     }
@@ -108,7 +113,7 @@ void RenderState::render(int frameCount, std::span<float* const> outputs,
             }
         }
         if (runtime != nullptr)
-            runtime->process(planes, channels, static_cast<int>(n));
+            runtime->process(ChannelSpan(planes, static_cast<int>(n)));
 
         if (outputCount < channels) {
             for (int c = 0; outputCount > 0 && c < channels; ++c) {

@@ -22,9 +22,10 @@ namespace harlune {
 /// one silent callback. The effects rack publishes its state the same way under a second lock,
 /// where a busy lock keeps the previous runtime running. `position` and `finished` are relaxed
 /// atomics: a seek that races a callback may be overwritten by it, and the next seek or tick puts
-/// things right. All scratch memory is made here, so the callback allocates nothing; and the
-/// main thread keeps every replaced object alive for a while (retired envelope sets and
-/// contents, retired runtimes), so that the callback never drops the last reference to one.
+/// things right. All scratch memory is made here, so the callback allocates nothing; and it never
+/// drops the last reference to anything: the main thread keeps replaced envelope sets and
+/// contents alive for a while, and the callback hands the runtime it stops running back to the
+/// main thread (`PreviewEffectsState::handedBack`).
 class RenderState final : public RenderSource {
 public:
     /// Frames per inner pass: the size of every scratch buffer.
@@ -52,6 +53,21 @@ public:
     /// Guards `effects`, separately from the program so that a rack rebuild never silences playback.
     SpinTryLock effectsLock;
     PreviewEffectsState effects;
+
+    /// Main thread: runs `change(effects)` under the effects lock, then lets go, off the lock and
+    /// on this thread, of the runtime the callback handed back and of any runtime `change`
+    /// replaced. Every store into `effects` goes through here, so that the callback always finds
+    /// `handedBack` empty when it moves on to another runtime.
+    template <class Change> void updateEffects(Change&& change) {
+        std::shared_ptr<PreviewRuntime> previous;
+        std::shared_ptr<PreviewRuntime> handedBack;
+        {
+            const SpinLockGuard lock(effectsLock);
+            previous = effects.runtime;
+            change(effects);
+            handedBack = std::move(effects.handedBack);
+        }
+    }
     /// Odd while a callback runs, one more at each entry and exit. The main thread reads it to
     /// know when no callback can still hold an object it replaced.
     std::atomic<uint64_t> callbackEpoch{0};
@@ -65,8 +81,9 @@ public:
 private:
     std::vector<float> scratch_; ///< maxChannels planes of kMaxChunk floats, one after another
     std::array<float*, maxChannels> scratchPointers_{};
-    std::shared_ptr<PreviewRuntime>
-        cachedRuntime_; ///< the runtime of the last callback with the effects lock
+    /// The runtime of the last callback that got the effects lock. Its reference is never
+    /// dropped here: it goes back through `effects.handedBack`.
+    std::shared_ptr<PreviewRuntime> cachedRuntime_;
     std::vector<float> envelopeGains_;
     std::vector<float> envelopeScratch_;
 };

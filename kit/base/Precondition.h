@@ -18,3 +18,11 @@ namespace harlune {
         if (!(condition)) [[unlikely]]                                                                       \
             ::harlune::preconditionFailure(message);                                                         \
     } while (false)
+
+// The same check for the audio path, where even a compare per call is weighed: on in debug
+// builds only. For conditions that the always-on checks around it make unlikely to be broken.
+#ifdef NDEBUG
+#define HARLUNE_DEBUG_PRECONDITION(condition, message) ((void)0)
+#else
+#define HARLUNE_DEBUG_PRECONDITION(condition, message) HARLUNE_PRECONDITION(condition, message)
+#endif

@@ -3,6 +3,7 @@
 #include "base/HarluneError.h"
 #include "dsp/effects/EffectFactory.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -89,13 +90,9 @@ TEST(EffectSettingsJSONTest, MalformedFormsFail) {
     const auto fails = [](const char* text) {
         EXPECT_THROW(json::parse(text).get<EffectSettings>(), json::exception) << text;
     };
-    try {
-        json::parse(R"({"gate":{"_0":{}}, "delay":{"_0":{}}})").get<EffectSettings>();
-        FAIL();
-    } catch (const json::exception& error) {
-        EXPECT_NE(std::string(error.what()).find("Invalid number of keys found, expected one."),
-                  std::string::npos);
-    }
+    EXPECT_THAT([] { json::parse(R"({"gate":{"_0":{}}, "delay":{"_0":{}}})").get<EffectSettings>(); },
+                ::testing::ThrowsMessage<json::exception>(
+                    ::testing::HasSubstr("Invalid number of keys found, expected one.")));
     fails("{}");
     fails("[]");
     fails(R"({"flanger":{"_0":{}}})");
@@ -110,13 +107,11 @@ TEST(EffectSettingsJSONTest, MalformedFormsFail) {
 }
 
 TEST(EffectFactoryTest, AKindWithoutAProcessorFailsClearly) {
-    try {
-        EffectFactory::makeProcessor(ReverbSettings{});
-        FAIL();
-    } catch (const HarluneError& error) {
-        EXPECT_EQ(error.kind(), HarluneError::Kind::codecUnavailable);
-        EXPECT_NE(error.detail().find("Reverb"), std::string::npos);
-    }
+    EXPECT_THAT([] { EffectFactory::makeProcessor(ReverbSettings{}); },
+                ::testing::Throws<HarluneError>(::testing::Truly([](const HarluneError& error) {
+                    return error.kind() == HarluneError::Kind::codecUnavailable &&
+                           error.detail().find("Reverb") != std::string::npos;
+                })));
 }
 
 } // namespace

@@ -1,12 +1,14 @@
 // The callback allocates nothing and never frees, however hard the main thread replaces content,
-// envelopes, effects and the program meanwhile. Built with RealtimeSanitizer, the same run also
-// proves that no lock, system call or free happens inside the callback.
+// envelopes, effects and the program meanwhile. Built with RealtimeSanitizer, the same runs also
+// prove that no lock, system call or free happens inside the callback.
 #include "engine/EngineTestSupport.h"
 #include "engine/Realtime.h"
 #include "support/AllocationCounter.h"
 #include "support/TestAudio.h"
+#include "support/TestProcessors.h"
 
 #include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -16,10 +18,23 @@ namespace {
 using testing::EngineOnTestDevice;
 using testing::noisePlanes;
 
-class PassThrough final : public PreviewProcessor {
-public:
-    void process(std::span<float* const>, int) noexcept override {}
-};
+// A runtime of one processor prepared for up to six channels.
+std::shared_ptr<PreviewRuntime> runtimeFor(int channels) {
+    auto processor = std::make_shared<testing::ScaleProcessor>();
+    processor->prepare(48000, 6, PreviewRuntime::defaultMaxFrames);
+    return std::make_shared<PreviewRuntime>(std::vector<std::shared_ptr<EffectProcessor>>{processor},
+                                            std::vector<bool>{true}, channels);
+}
+
+void publish(RenderState& state, std::shared_ptr<PreviewRuntime> runtime, int version, bool active) {
+    state.updateEffects([&](PreviewEffectsState& effects) {
+        effects.runtime = std::move(runtime);
+        effects.versions = {version};
+        effects.enabled = {1};
+        effects.settings = {DistortionSettings{}};
+        effects.isActive = active;
+    });
+}
 
 TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverything) {
     EngineOnTestDevice fixture;
@@ -30,6 +45,7 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
 
     std::atomic<bool> stop{false};
     int64_t allocations = -1;
+    int64_t releases = -1;
     int64_t callbacks = 0;
     std::thread audio([&] {
         fixture.device->pullAndDiscard(2056, 2056); // sizes the device's own buffers for the largest callback
@@ -39,9 +55,9 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
             fixture.device->pullAndDiscard(frames, frames);
         }
         allocations = counter.count();
+        releases = counter.releases();
     });
 
-    auto processor = std::make_shared<PassThrough>();
     GainEnvelope ramp;
     ramp.insert(1000, -20.0);
     ramp.insert(60000, 6.0);
@@ -67,24 +83,10 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
         case 4:
             engine.start(stereo.slice({0, 120000}), {round % 5000, 100000}, round % 2 == 0, 0.9f);
             break;
-        case 5: {
-            auto runtime =
-                std::make_shared<PreviewRuntime>(std::vector<std::shared_ptr<PreviewProcessor>>{processor},
-                                                 std::vector<bool>{true}, round % 2 == 0 ? 2 : 6);
-            std::shared_ptr<PreviewRuntime> replaced;
-            {
-                const SpinLockGuard lock(engine.state().effectsLock);
-                replaced = std::exchange(engine.state().effects.runtime, runtime);
-                engine.state().effects.versions = {static_cast<int>(round)};
-                engine.state().effects.enabled = {1};
-                engine.state().effects.isActive = round % 3 != 0;
-            }
-            // The rack keeps replaced runtimes for two seconds; a test this short keeps them all.
-            static std::vector<std::shared_ptr<PreviewRuntime>> retired;
-            if (replaced)
-                retired.push_back(std::move(replaced));
+        case 5:
+            publish(engine.state(), runtimeFor(round % 2 == 0 ? 2 : 6), static_cast<int>(round),
+                    round % 3 != 0);
             break;
-        }
         }
         if (round % 64 == 0)
             std::this_thread::yield();
@@ -92,7 +94,39 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
     stop = true;
     audio.join();
     EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(releases, 0);
     EXPECT_GT(callbacks, 100);
+}
+
+// The rack keeps a replaced runtime for 2 s. A pause longer than that used to leave the callback
+// with the last reference, which it then dropped on resuming: a free on the audio thread.
+TEST(RealtimeSafety, ARuntimeRetiredDuringALongPauseIsNotFreedByTheCallback) {
+    using Clock = std::chrono::steady_clock;
+    EngineOnTestDevice fixture;
+    PlaybackEngine& engine = *fixture.engine;
+    const AudioContent content(noisePlanes(2, 48000, 3), 48000);
+    publish(engine.state(), runtimeFor(2), 1, true);
+    engine.start(content, {0, 48000}, true, 1.0f);
+    fixture.device->pullAndDiscard(256, 256);
+
+    std::shared_ptr<PreviewRuntime> retired;
+    engine.state().updateEffects(
+        [&](PreviewEffectsState& effects) { retired = std::exchange(effects.runtime, runtimeFor(2)); });
+    const std::weak_ptr<PreviewRuntime> first = retired;
+    const Clock::time_point retiredAt = Clock::now();
+    engine.pause();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    if (Clock::now() - retiredAt > std::chrono::seconds(2))
+        retired.reset();
+
+    engine.start(content, {0, 48000}, true, 1.0f);
+    const testing::AllocationCounter counter;
+    fixture.device->pullAndDiscard(256, 256);
+    EXPECT_EQ(counter.releases(), 0);
+    EXPECT_EQ(counter.count(), 0);
+    EXPECT_FALSE(first.expired()) << "the callback kept it until the main thread takes it back";
+    engine.state().updateEffects([](PreviewEffectsState&) {});
+    EXPECT_TRUE(first.expired());
 }
 
 } // namespace

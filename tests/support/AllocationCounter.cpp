@@ -10,6 +10,7 @@ namespace {
 // Per thread, so that another thread's work never shows up in a test's count.
 thread_local bool counting = false;
 thread_local int64_t allocations = 0;
+thread_local int64_t releaseCount = 0;
 
 void* allocate(std::size_t size, std::size_t alignment) {
     if (counting)
@@ -23,19 +24,42 @@ void* allocate(std::size_t size, std::size_t alignment) {
         throw std::bad_alloc();
     return pointer;
 }
+
+void release(void* pointer) noexcept {
+    if (counting && pointer != nullptr)
+        ++releaseCount;
+    std::free(pointer);
+}
 } // namespace
 
-AllocationCounter::AllocationCounter() : start_(allocations), wasCounting_(counting) { counting = true; }
-AllocationCounter::~AllocationCounter() { counting = wasCounting_; }
-int64_t AllocationCounter::count() const { return allocations - start_; }
-int64_t allocationsOnThisThread() { return allocations; }
+AllocationCounter::AllocationCounter()
+    : start_(allocations), releaseStart_(releaseCount), wasCounting_(counting) {
+    counting = true;
+}
+AllocationCounter::~AllocationCounter() {
+    counting = wasCounting_;
+}
+int64_t AllocationCounter::count() const {
+    return allocations - start_;
+}
+int64_t AllocationCounter::releases() const {
+    return releaseCount - releaseStart_;
+}
+int64_t allocationsOnThisThread() {
+    return allocations;
+}
 
 } // namespace harlune::testing
 
 using harlune::testing::allocate;
+using harlune::testing::release;
 
-void* operator new(std::size_t size) { return allocate(size, alignof(std::max_align_t)); }
-void* operator new[](std::size_t size) { return allocate(size, alignof(std::max_align_t)); }
+void* operator new(std::size_t size) {
+    return allocate(size, alignof(std::max_align_t));
+}
+void* operator new[](std::size_t size) {
+    return allocate(size, alignof(std::max_align_t));
+}
 void* operator new(std::size_t size, std::align_val_t alignment) {
     return allocate(size, static_cast<std::size_t>(alignment));
 }
@@ -49,11 +73,27 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
-void operator delete(void* pointer) noexcept { std::free(pointer); }
-void operator delete[](void* pointer) noexcept { std::free(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { std::free(pointer); }
-void operator delete[](void* pointer, std::size_t) noexcept { std::free(pointer); }
-void operator delete(void* pointer, std::align_val_t) noexcept { std::free(pointer); }
-void operator delete[](void* pointer, std::align_val_t) noexcept { std::free(pointer); }
-void operator delete(void* pointer, std::size_t, std::align_val_t) noexcept { std::free(pointer); }
-void operator delete[](void* pointer, std::size_t, std::align_val_t) noexcept { std::free(pointer); }
+void operator delete(void* pointer) noexcept {
+    release(pointer);
+}
+void operator delete[](void* pointer) noexcept {
+    release(pointer);
+}
+void operator delete(void* pointer, std::size_t) noexcept {
+    release(pointer);
+}
+void operator delete[](void* pointer, std::size_t) noexcept {
+    release(pointer);
+}
+void operator delete(void* pointer, std::align_val_t) noexcept {
+    release(pointer);
+}
+void operator delete[](void* pointer, std::align_val_t) noexcept {
+    release(pointer);
+}
+void operator delete(void* pointer, std::size_t, std::align_val_t) noexcept {
+    release(pointer);
+}
+void operator delete[](void* pointer, std::size_t, std::align_val_t) noexcept {
+    release(pointer);
+}

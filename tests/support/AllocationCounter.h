@@ -4,9 +4,9 @@
 
 namespace harlune::testing {
 
-/// Counts heap allocations made on the calling thread while alive. The counting replaces the
-/// global operator new, so it sees every C++ allocation (std::vector growth, make_shared,
-/// std::function) but not raw malloc.
+/// Counts heap allocations and releases made on the calling thread while alive. The counting
+/// replaces the global operator new and delete, so it sees every C++ allocation and release
+/// (std::vector growth, make_shared, the last reference of a shared_ptr) but not raw malloc.
 class AllocationCounter {
 public:
     AllocationCounter();
@@ -16,9 +16,12 @@ public:
 
     /// Allocations on this thread since construction.
     int64_t count() const;
+    /// Releases of memory (non-null deletes) on this thread since construction.
+    int64_t releases() const;
 
 private:
     int64_t start_;
+    int64_t releaseStart_;
     bool wasCounting_;
 };
 

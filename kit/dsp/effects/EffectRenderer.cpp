@@ -15,10 +15,8 @@ int64_t render(const AudioSource& source, FrameRange range,
                double maxTailSeconds, const Progress& progress, Emit emit) {
     const int channels = source.channelCount();
     const double rate = source.sampleRate();
-    for (const auto& processor : chain) {
-        processor->prepare(rate, channels, blockSize);
-        processor->reset();
-    }
+    for (const auto& processor : chain)
+        processor->prepare(rate, channels, blockSize); // which also resets
 
     int64_t latency = 0;
     int64_t tail = 0;
@@ -51,7 +49,7 @@ int64_t render(const AudioSource& source, FrameRange range,
             std::memset(channel + fromSource, 0, static_cast<size_t>(n - fromSource) * sizeof(float));
 
         for (const auto& processor : chain)
-            processor->process(pointers, static_cast<int>(n));
+            processor->process(ChannelSpan(pointers, static_cast<int>(n)));
 
         const int64_t skip = std::clamp<int64_t>(latency - p, 0, n);
         const int64_t count = std::min(n - skip, toEmit - emitted);
