@@ -70,15 +70,20 @@ void PlaybackEngine::start(AudioContent content, FrameRange range, bool loop, fl
         device_->start();
 }
 
-void PlaybackEngine::replaceContent(AudioContent content, FrameRange range) {
+void PlaybackEngine::setAudio(AudioContent content, EnvelopeSet envelopes, FrameRange range) {
     checkRange(content, range);
     std::optional<AudioContent> previous(std::move(content));
+    auto incoming = std::make_shared<const EnvelopeSet>(std::move(envelopes));
+    const bool active = !incoming->isFlat();
     {
         const SpinLockGuard lock(state_->programLock);
         std::swap(state_->program.content, previous);
+        std::swap(state_->program.envelope, incoming);
+        state_->program.envelopeActive = active;
         state_->program.range = range;
     }
     retireContent(std::move(previous));
+    retireEnvelopes(std::move(incoming));
 }
 
 void PlaybackEngine::setGain(float gain) {
@@ -99,15 +104,7 @@ void PlaybackEngine::setEnvelopes(EnvelopeSet envelopes) {
         std::swap(state_->program.envelope, incoming);
         state_->program.envelopeActive = active;
     }
-    if (incoming == nullptr)
-        return;
-    retiredEnvelopes_.push_back(std::move(incoming));
-    retiredEnvelopeEpochs_.push_back(state_->callbackEpoch.load());
-    while (retiredEnvelopes_.size() > retiredLimit) {
-        waitForCallbackSince(retiredEnvelopeEpochs_.front());
-        retiredEnvelopes_.pop_front();
-        retiredEnvelopeEpochs_.pop_front();
-    }
+    retireEnvelopes(std::move(incoming));
 }
 
 void PlaybackEngine::pause() {
@@ -156,6 +153,18 @@ void PlaybackEngine::retireContent(std::optional<AudioContent> content) {
         waitForCallbackSince(retiredContentEpochs_.front());
         retiredContents_.pop_front();
         retiredContentEpochs_.pop_front();
+    }
+}
+
+void PlaybackEngine::retireEnvelopes(std::shared_ptr<const EnvelopeSet> envelopes) {
+    if (envelopes == nullptr)
+        return;
+    retiredEnvelopes_.push_back(std::move(envelopes));
+    retiredEnvelopeEpochs_.push_back(state_->callbackEpoch.load());
+    while (retiredEnvelopes_.size() > retiredLimit) {
+        waitForCallbackSince(retiredEnvelopeEpochs_.front());
+        retiredEnvelopes_.pop_front();
+        retiredEnvelopeEpochs_.pop_front();
     }
 }
 

@@ -11,7 +11,7 @@
 namespace harlune {
 
 /// Turns a document's in-memory content into sound through one output device. The main thread
-/// describes what to play (`start`, `replaceContent`, `setGain`, `setLooping`, `setEnvelopes`,
+/// describes what to play (`start`, `setAudio`, `setGain`, `setLooping`, `setEnvelopes`,
 /// `pause`); the device's callback renders it from the shared `RenderState`. Every operation is
 /// for the main thread.
 class PlaybackEngine {
@@ -31,11 +31,13 @@ public:
     /// A new play of `range` from its start (the stream is built and started as needed). Keeps
     /// the envelope set. Throws what `ensureGraph` or the device's start throws.
     void start(AudioContent content, FrameRange range, bool loop, float gain);
-    /// Swaps content and range in while playing, touching nothing else.
-    void replaceContent(AudioContent content, FrameRange range);
+    /// Swaps content, envelopes and range in as one, under one lock, so that no callback renders
+    /// the new content through the old envelopes or the reverse; position and settings stay.
+    /// Every edit, undo and redo comes through here once.
+    void setAudio(AudioContent content, EnvelopeSet envelopes, FrameRange range);
     void setGain(float gain);
     void setLooping(bool loop);
-    /// Stores the set and retires the previous one.
+    /// Stores the set alone and retires the previous one (a change of the envelopes only).
     void setEnvelopes(EnvelopeSet envelopes);
     /// Silences the program, then pauses the device; graph and program stay.
     void pause();
@@ -58,6 +60,7 @@ public:
 
 private:
     void retireContent(std::optional<AudioContent> content);
+    void retireEnvelopes(std::shared_ptr<const EnvelopeSet> envelopes);
     /// Main thread: waits for a callback still running since `epoch` (one callback at most).
     void waitForCallbackSince(uint64_t epoch) const;
 

@@ -3,8 +3,10 @@
 #include "engine/EngineTestSupport.h"
 #include "support/TestAudio.h"
 
+#include <atomic>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace harlune {
 namespace {
@@ -82,6 +84,43 @@ TEST(EnvelopePlayback, NewSetTakesEffectAtTheNextCallback) {
     // The start of a play keeps the set and recomputes whether it is active.
     fixture.engine->start(AudioContent(planes, 48000), {0, 4000}, false, 1.0f);
     EXPECT_TRUE(fixture.engine->state().program.envelopeActive);
+}
+
+// Content and envelopes are one state: each pair below renders at 0.01, so a callback that saw
+// the content of one pair with the envelopes of the other would hear 0.1 or 0.001.
+TEST(EnvelopePlayback, ContentAndEnvelopesSwapInTogetherWhilePlaying) {
+    const auto constantPlanes = [](float value) {
+        return std::vector<std::vector<float>>(1, std::vector<float>(48000, value));
+    };
+    const AudioContent loud(constantPlanes(0.1f), 48000);
+    const AudioContent quiet(constantPlanes(0.01f), 48000);
+    GainEnvelope minus20;
+    minus20.insert(0, -20.0);
+    const EnvelopeSet down(minus20);
+
+    EngineOnTestDevice fixture;
+    fixture.engine->setEnvelopes(down);
+    fixture.engine->start(loud, {0, 48000}, true, 1.0f);
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::thread listener([&] {
+        while (!done.load()) {
+            const auto capture = fixture.device->pull(64, 64);
+            // A callback that found the program lock busy is silent by design.
+            for (const float sample : capture.planes[0])
+                if (sample != 0.0f && std::abs(sample - 0.01f) > 1e-4f)
+                    wrong.fetch_add(1);
+        }
+    });
+    for (int round = 0; round < 4000; ++round) {
+        if (round % 2 == 0)
+            fixture.engine->setAudio(quiet, EnvelopeSet{}, {0, 48000});
+        else
+            fixture.engine->setAudio(loud, down, {0, 48000});
+    }
+    done.store(true);
+    listener.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 } // namespace

@@ -82,7 +82,7 @@ TEST(PlaybackEngine, ReplaceContentKeepsThePlayAndPauseSilencesIt) {
     const auto second = noisePlanes(1, 2000, 2);
     fixture.engine->start(AudioContent(first, 48000), {0, 1000}, true, 0.5f);
     fixture.device->pull(300, 300);
-    fixture.engine->replaceContent(AudioContent(second, 48000), {0, 2000});
+    fixture.engine->setAudio(AudioContent(second, 48000), EnvelopeSet{}, {0, 2000});
     EXPECT_EQ(fixture.device->pull(10, 10).planes[0][0], second[0][300] * 0.5f);
     EXPECT_TRUE(fixture.engine->state().program.loop);
 

@@ -68,10 +68,10 @@ TEST(RealtimeSafety, CallbackAllocatesNothingWhileTheMainThreadReplacesEverythin
         // Fresh segment lists each time, so that every replaced content is the last of its kind.
         switch (round % 6) {
         case 0:
-            engine.replaceContent(stereo.slice({round % 1000, 150000}), {0, 140000});
+            engine.setAudio(stereo.slice({round % 1000, 150000}), curved, {0, 140000});
             break;
         case 1:
-            engine.replaceContent(surround.slice({0, 40000 + round % 100}), {100, 30000});
+            engine.setAudio(surround.slice({0, 40000 + round % 100}), EnvelopeSet{}, {100, 30000});
             break;
         case 2:
             engine.setEnvelopes(round % 4 == 0 ? EnvelopeSet{} : curved);
