@@ -6,6 +6,7 @@
 #include "engine/MainThreadQueue.h"
 #include "engine/PlaybackEngine.h"
 #include "engine/devices/DefaultAudioDevice.h"
+#include "engine/devices/JackDevice.h"
 #include "engine/devices/PipeWireDevice.h"
 #include "engine/devices/PortAudioDevice.h"
 
@@ -63,6 +64,7 @@ AudioContent toneContent(double rate, int channels, double lead, double seconds,
 int play(const std::map<std::string, std::string>& all) {
     const std::string backendName = all.count("--backend") ? all.at("--backend") : "automatic";
     const OutputBackend backend = backendName == "pipewire"    ? OutputBackend::pipeWire
+                                  : backendName == "jack"      ? OutputBackend::jack
                                   : backendName == "portaudio" ? OutputBackend::portAudio
                                                                : OutputBackend::automatic;
     const double rate = number(all, "--rate", 48000);
@@ -136,6 +138,8 @@ int play(const std::map<std::string, std::string>& all) {
                     static_cast<long long>(pipeWire->lateCallbacks()));
     if (auto* portAudio = dynamic_cast<PortAudioDevice*>(&engine.device()))
         std::printf("host API %s at %.0f Hz\n", portAudio->hostApiName().c_str(), portAudio->deviceRate());
+    if (auto* jack = dynamic_cast<JackDevice*>(&engine.device()))
+        std::printf("JACK server at %.0f Hz\n", jack->deviceRate());
     engine.pause();
     return finished ? 0 : 1;
 }
@@ -256,10 +260,10 @@ int main(int argc, char** argv) {
         return play(options(argc, argv, 2));
     if (argc >= 3 && std::string(argv[1]) == "check")
         return check(argv[2], options(argc, argv, 3));
-    std::fprintf(stderr,
-                 "usage: harlune-e2e-tool play [--backend pipewire|portaudio] [--rate R] [--channels C]\n"
-                 "           [--seconds S] [--lead S] [--frequency F] [--amplitude A] [--right-amplitude A]\n"
-                 "       harlune-e2e-tool check FILE.wav [--seconds S] [--frequency F] [--amplitude A]\n"
-                 "           [--right-amplitude A]\n");
+    std::fprintf(
+        stderr, "usage: harlune-e2e-tool play [--backend pipewire|jack|portaudio] [--rate R] [--channels C]\n"
+                "           [--seconds S] [--lead S] [--frequency F] [--amplitude A] [--right-amplitude A]\n"
+                "       harlune-e2e-tool check FILE.wav [--seconds S] [--frequency F] [--amplitude A]\n"
+                "           [--right-amplitude A]\n");
     return 2;
 }
