@@ -240,6 +240,9 @@ JackDevice::~JackDevice() {
     }
     impl_->wake.notify_all();
     impl_->reconnector.join();
+    // The clients go before the flag and the condition their callbacks use.
+    impl_->connection.reset();
+    impl_->dead.clear();
 }
 
 bool JackDevice::isServerAvailable() {
