@@ -48,8 +48,10 @@ play_and_check() {
     "$tool" check "$out" "${check[@]}" || fail "$name: JACK did not receive the tone"
 }
 
-play_and_check stereo48k jack --rate 48000 --channels 2 --seconds 2 --amplitude 0.5 --right-amplitude 0.25 \
+# With no PipeWire daemon but a JACK server, the default choice is the JACK back end.
+play_and_check stereo48k automatic --rate 48000 --channels 2 --seconds 2 --amplitude 0.5 --right-amplitude 0.25 \
     -- --seconds 2 --amplitude 0.5 --right-amplitude 0.25
+grep -q "through JACK" "$work/play-stereo48k.log" || fail "the JACK back end was not chosen"
 play_and_check stereo44k jack --rate 44100 --channels 2 --seconds 2 --amplitude 0.4 \
     -- --seconds 2 --amplitude 0.4
 play_and_check mono32k portaudio --rate 32000 --channels 1 --seconds 1.5 --amplitude 0.5 \
