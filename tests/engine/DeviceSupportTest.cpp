@@ -1,11 +1,17 @@
 // The back ends' own arithmetic, which real servers do not exercise in tests: PipeWire's latency
-// figure (a null sink reports 0) and the PortAudio back end's rate conversion.
+// figure (a null sink reports 0) and the rate conversion of the PortAudio and JACK back ends;
+// and the JACK back end without a server.
+#include "engine/AudioDeviceError.h"
+#include "engine/devices/JackDevice.h"
 #include "engine/devices/PipeWireLatency.h"
 #include "engine/devices/StreamResampler.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <numbers>
+#include <unistd.h>
 
 namespace harlune {
 namespace {
@@ -70,6 +76,26 @@ TEST(StreamResampler, ConvertsASineToTheDeviceRateInCallbacksOfAnySize) {
         // It pulls only what it needs: the frames played and one block of look-ahead.
         EXPECT_NEAR(static_cast<double>(source.rendered), 48000 * test.from / test.to, 260.0);
     }
+}
+
+// With no server a first connection fails at once with the reason for the user, instead of
+// leaving a play that never sounds; the device's own thread ends with the device.
+TEST(JackDevice, WithoutAServerTheFirstConnectionReportsWhy) {
+    const std::string server = "harlune-absent-" + std::to_string(getpid());
+    setenv("JACK_DEFAULT_SERVER", server.c_str(), 1);
+    EXPECT_FALSE(JackDevice::isServerAvailable());
+    {
+        JackDevice device([](std::function<void()> task) { task(); });
+        try {
+            device.configure(makeStreamFormat(44100, 2), std::make_shared<SineSource>(440.0, 44100, 2));
+            ADD_FAILURE() << "configure succeeded without a server";
+        } catch (const AudioDeviceError& error) {
+            EXPECT_THAT(error.what(), testing::HasSubstr("no JACK server is running"));
+        }
+        EXPECT_FALSE(device.isRunning());
+        EXPECT_EQ(device.presentationLatency(), 0.0);
+    }
+    unsetenv("JACK_DEFAULT_SERVER");
 }
 
 } // namespace

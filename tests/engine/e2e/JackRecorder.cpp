@@ -3,6 +3,7 @@
 // every client but the server's own to its two inputs, in port order, and writes a float WAV
 // when it gets SIGINT or SIGTERM, or after the longest recording it holds.
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -102,9 +103,14 @@ int main(int argc, char** argv) {
         }
         if (ports != nullptr)
             jack_free(ports);
+        // A player's ports appear before its client is active, when they cannot be connected
+        // yet: such a port is tried again on the next round.
         for (size_t i = 0; i < players.size() && i < 2; ++i) {
-            if (connected.insert(players[i]).second)
-                jack_connect(client, players[i].c_str(), jack_port_name(recorder.inputs[i]));
+            if (connected.count(players[i]) != 0)
+                continue;
+            const int result = jack_connect(client, players[i].c_str(), jack_port_name(recorder.inputs[i]));
+            if (result == 0 || result == EEXIST)
+                connected.insert(players[i]);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
