@@ -7,6 +7,8 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <system_error>
+#include <thread>
 
 namespace harlune {
 
@@ -66,7 +68,8 @@ LengthEnforcer::LengthEnforcer(int64_t expected, int channels, std::unique_ptr<C
 void LengthEnforcer::consume(ChunkViews chunk) {
     if (chunk.empty())
         return;
-    const int64_t take = std::min<int64_t>(static_cast<int64_t>(chunk.front().size()), expected_ - passed_);
+    const int64_t expected = expected_.load(std::memory_order_relaxed);
+    const int64_t take = std::min<int64_t>(static_cast<int64_t>(chunk.front().size()), expected - passed_);
     if (take < 1)
         return;
     for (size_t c = 0; c < views_.size(); ++c)
@@ -76,12 +79,13 @@ void LengthEnforcer::consume(ChunkViews chunk) {
 }
 
 void LengthEnforcer::finish() {
-    if (passed_ < expected_) {
-        const std::vector<float> silence(static_cast<size_t>(std::min<int64_t>(expected_ - passed_, 8192)),
+    const int64_t expected = expected_.load(std::memory_order_relaxed);
+    if (passed_ < expected) {
+        const std::vector<float> silence(static_cast<size_t>(std::min<int64_t>(expected - passed_, 8192)),
                                          0.0f);
-        while (passed_ < expected_) {
+        while (passed_ < expected) {
             const auto n = static_cast<size_t>(
-                std::min<int64_t>(expected_ - passed_, static_cast<int64_t>(silence.size())));
+                std::min<int64_t>(expected - passed_, static_cast<int64_t>(silence.size())));
             for (auto& view : views_)
                 view = std::span<const float>(silence.data(), n);
             passed_ += static_cast<int64_t>(n);
@@ -214,23 +218,50 @@ void Quantizer::quantize(ChunkViews chunk, std::span<int32_t> into) {
     const size_t frames = chunk.front().size();
     HARLUNE_PRECONDITION(into.size() >= frames * channels, "Quantizer output too small");
     HARLUNE_PRECONDITION(bits == 16 || bits == 24 || bits == 32, "Quantizer bits must be 16, 24 or 32");
-    const bool useDither = dither && bits < 32;
     const SampleCoder coder(bits);
-    for (size_t c = 0; c < channels; ++c) {
-        if (useDither)
-            quantizeDithered(coder, rng, chunk[c].data(), frames, into.data() + c, channels);
-        else
+    if (!dither || bits >= 32) {
+        for (size_t c = 0; c < channels; ++c)
             quantizePlain(coder, chunk[c].data(), frames, into.data() + c, channels);
+        return;
     }
+    // Channel c's noise starts 2 × frames draws after channel c − 1's: with the start states known
+    // ahead, the channels can be quantized at once and still draw exactly the sequence of one
+    // generator walking them in order. The dither is most of a writer's work, and the thread that
+    // feeds the writer usually has time to spare.
+    static const XorshiftJump jump;
+    std::vector<uint64_t> states(channels + 1);
+    states[0] = rng;
+    for (size_t c = 1; c <= channels; ++c)
+        states[c] = jump.advance(states[c - 1], 2 * frames);
+    const auto quantizeChannels = [&](size_t first, size_t end) {
+        for (size_t c = first; c < end; ++c) {
+            uint64_t state = states[c];
+            quantizeDithered(coder, state, chunk[c].data(), frames, into.data() + c, channels);
+        }
+    };
+    constexpr size_t worthAThread = 16384; // samples
+    const size_t half = channels / 2;
+    std::thread helper;
+    if (half > 0 && frames * channels >= worthAThread) {
+        try {
+            helper = std::thread(quantizeChannels, half, channels);
+        } catch (const std::system_error&) {
+            // no thread to be had: all on this one
+        }
+    }
+    quantizeChannels(0, helper.joinable() ? half : channels);
+    if (helper.joinable())
+        helper.join();
+    rng = states[channels];
 }
 
 // ResamplerStage ------------------------------------------------------------------------------
 
 namespace {
 
-SampleRateConverter makeConverter(int channels, double fromRate, double toRate) {
+SampleRateConverter makeConverter(int channels, double fromRate, double toRate, int threads) {
     try {
-        return SampleRateConverter(channels, fromRate, toRate);
+        return SampleRateConverter(channels, fromRate, toRate, threads);
     } catch (const HarluneError&) {
         throw HarluneError::encodeFailed("can\u2019t convert " +
                                          std::to_string(static_cast<int64_t>(fromRate)) + " Hz to " +
@@ -243,8 +274,9 @@ SampleRateConverter makeConverter(int channels, double fromRate, double toRate) 
 // The converter takes chunks of any length and hands its output on in pieces as they come, so
 // `maxChunk` sizes nothing here.
 ResamplerStage::ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
-                               std::unique_ptr<ChunkSink> next)
-    : converter_(makeConverter(channels, fromRate, toRate)), channels_(channels), next_(std::move(next)) {
+                               std::unique_ptr<ChunkSink> next, int threads)
+    : converter_(makeConverter(channels, fromRate, toRate, threads)), channels_(channels),
+      next_(std::move(next)) {
     HARLUNE_PRECONDITION(next_ != nullptr && maxChunk > 0, "ResamplerStage needs a next stage");
 }
 

@@ -4,6 +4,7 @@
 #include "dsp/SampleRateConverter.h"
 #include "io/ChunkSink.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -42,9 +43,13 @@ public:
     void abort() noexcept override;
 
     int64_t passed() const { return passed_; }
+    /// Sets the length, for a stream whose length is known only at its end: such a stream starts
+    /// with no limit, and gets its length before `finish`, while chunks may still be passing on
+    /// another thread (the converter delivers no more than the true length before its flush).
+    void setExpected(int64_t expected) { expected_.store(expected, std::memory_order_relaxed); }
 
 private:
-    int64_t expected_;
+    std::atomic<int64_t> expected_;
     int64_t passed_ = 0;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
@@ -79,9 +84,10 @@ struct Quantizer {
 class ResamplerStage final : public ChunkSink {
 public:
     /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
-    /// made for the two rates. `maxChunk`: the most frames one `consume` gets.
+    /// made for the two rates. `maxChunk`: the most frames one `consume` gets. `threads` above 1
+    /// converts the channels in parallel.
     ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
-                   std::unique_ptr<ChunkSink> next);
+                   std::unique_ptr<ChunkSink> next, int threads = 1);
 
     void consume(ChunkViews chunk) override;
     void finish() override;

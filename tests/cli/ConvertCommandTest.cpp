@@ -2,7 +2,11 @@
 #include "cli/CliTestSupport.h"
 #include "io/IoTestSupport.h"
 
+#include <csignal>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace harlune {
 namespace {
@@ -84,6 +88,75 @@ TEST_F(ConvertCommand, BadCommandLinesPrintTheUsageAndFailuresTheError) {
     EXPECT_EQ(missing.status, 1);
     EXPECT_TRUE(missing.err.starts_with("harlune-cli: Couldn\u2019t read the audio: ")) << missing.err;
     EXPECT_FALSE(std::filesystem::exists(file("o.wav")));
+}
+
+// The files in `folder` that stand open in process `pid` (readlink of its descriptors), with their
+// sizes: the temporary being written, named or not.
+std::vector<std::pair<std::string, int64_t>> openFilesIn(pid_t pid, const std::filesystem::path& folder) {
+    std::vector<std::pair<std::string, int64_t>> files;
+    std::error_code error;
+    const std::filesystem::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(descriptors, error)) {
+        const auto target = std::filesystem::read_symlink(entry.path(), error).string();
+        struct stat info {};
+        if (!error && target.starts_with(folder.string() + "/") && ::stat(entry.path().c_str(), &info) == 0)
+            files.emplace_back(target, info.st_size);
+    }
+    return files;
+}
+
+std::vector<std::string> hiddenFiles(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (entry.path().filename().string().starts_with("."))
+            names.push_back(entry.path().filename().string());
+    return names;
+}
+
+// A writer killed at any moment: the old file stays, and what it leaves (nothing with unnamed
+// temporaries; at most one named temporary carrying its process id otherwise) goes at the next
+// write into the folder.
+TEST_F(ConvertCommand, AKilledWriteLeavesTheOldFileAndNoLastingTrace) {
+    auto longTone = testing::stereoSource(120.0);
+    longTone.insert(longTone.end(), {"-c:a", "pcm_s24le", file("long.wav")});
+    testing::ffmpeg(longTone);
+    for (const bool named : {false, true}) {
+        SCOPED_TRACE(named ? "named temporaries" : "unnamed temporaries");
+        const std::string old = "the old file";
+        testing::writeFile(file("out.flac"), old);
+        if (named)
+            ::setenv("HARLUNE_TEMPORARY_FILES", "named", 1);
+        Subprocess writer(HARLUNE_CLI_PATH, {"convert", file("long.wav"), file("out.flac")});
+        writer.start();
+        ::unsetenv("HARLUNE_TEMPORARY_FILES");
+        const pid_t pid = writer.processIdentifier();
+        // Kill once the temporary holds data, well before the end.
+        bool underWay = false;
+        for (int i = 0; i < 200000 && !underWay; ++i) {
+            for (const auto& [path, size] : openFilesIn(pid, folder.path()))
+                underWay = underWay || (path.find("long.wav") == std::string::npos && size > (1 << 20));
+            if (!underWay)
+                ::usleep(100);
+        }
+        ASSERT_TRUE(underWay) << "the write never got under way";
+        ASSERT_EQ(::kill(pid, SIGKILL), 0);
+        writer.waitForExit();
+
+        EXPECT_EQ(testing::readFile(file("out.flac")), old);
+        std::string mark = ".";
+        mark.append(std::to_string(pid)).append(".tmp.flac");
+        const auto left = hiddenFiles(folder.path());
+        if (named) {
+            ASSERT_EQ(left.size(), 1u); // it was seen under way
+            for (const auto& name : left)
+                EXPECT_NE(name.find(mark), std::string::npos) << name;
+        } else {
+            EXPECT_TRUE(left.empty()) << left.front();
+        }
+        const CliResult next = cli({"convert", file("tone.wav"), file("next.wav")});
+        ASSERT_EQ(next.status, 0) << next.err;
+        EXPECT_TRUE(hiddenFiles(folder.path()).empty());
+    }
 }
 
 } // namespace

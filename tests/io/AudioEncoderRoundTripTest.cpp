@@ -2,6 +2,7 @@
 #include "EncodeTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
+#include "io/EncodeStream.h"
 #include "io/M4aWriter.h"
 #include "io/SndFileWriter.h"
 #include "support/TestAudio.h"
@@ -113,15 +114,61 @@ TEST_F(AudioEncoderRoundTrip, DitheredFilesStayWithinOneAndAHalfSteps) {
     }
 }
 
-TEST_F(AudioEncoderRoundTrip, TwoExportsOfTheSameMaterialAreTheSameBytes) {
-    const ArraySource source(testing::noisePlanes(2, 5000, 2), 48000);
-    const auto a = folder / "a.wav";
-    const auto b = folder / "b.wav";
-    AudioEncoder::write(source, std::nullopt, a,
-                        settings(ExportFormat::wav, PCMBitDepth::int16, DitherMode::tpdf));
-    AudioEncoder::write(source, std::nullopt, b,
-                        settings(ExportFormat::wav, PCMBitDepth::int16, DitherMode::tpdf));
-    EXPECT_EQ(testing::readBytes(a), testing::readBytes(b));
+// The same material gives the same bytes: in two writes from memory, and streamed in pieces of
+// any length as from a decoder (dither on and off, with and without a change of rate).
+TEST_F(AudioEncoderRoundTrip, ExportsAndStreamsOfTheSameMaterialAreTheSameBytes) {
+    const Planes planes = testing::noisePlanes(2, 100003, 2);
+    const ArraySource source(planes, 48000);
+    struct Case {
+        const char* name;
+        EncodeSettings settings;
+    };
+    EncodeSettings resampled = settings(ExportFormat::wav, PCMBitDepth::int16);
+    resampled.sampleRate = 44100;
+    const Case cases[] = {
+        {"copy.wav", settings(ExportFormat::wav, PCMBitDepth::int24, DitherMode::tpdf)},
+        {"copy.flac", settings(ExportFormat::flac, PCMBitDepth::int16, DitherMode::tpdf)},
+        {"resampled.wav", resampled},
+        {"copy.m4a", settings(ExportFormat::alac, PCMBitDepth::int24)},
+    };
+    for (const Case& c : cases) {
+        const auto whole = folder / (std::string("whole-") + c.name);
+        const auto again = folder / (std::string("again-") + c.name);
+        const auto streamed = folder / (std::string("streamed-") + c.name);
+        AudioEncoder::write(source, std::nullopt, whole, c.settings);
+        AudioEncoder::write(source, std::nullopt, again, c.settings);
+        EXPECT_EQ(testing::readFile(whole), testing::readFile(again)) << c.name;
+        // Announced a little short, as a decoder's estimate may be.
+        EncodeStream stream(streamed, c.settings, 48000, 2, 90000);
+        const int64_t pieces[] = {7919, 32768, 1, 40000};
+        for (int64_t start = 0, i = 0; start < source.frameCount(); ++i) {
+            const int64_t end = std::min(source.frameCount(), start + pieces[i % 4]);
+            const std::span<const float> views[] = {
+                std::span<const float>(planes[0]).subspan(static_cast<size_t>(start),
+                                                          static_cast<size_t>(end - start)),
+                std::span<const float>(planes[1]).subspan(static_cast<size_t>(start),
+                                                          static_cast<size_t>(end - start))};
+            stream.consume(views);
+            start = end;
+        }
+        stream.finish();
+        EXPECT_EQ(testing::readFile(whole), testing::readFile(streamed)) << c.name;
+    }
+}
+
+// A stream given up before its end leaves the old file and nothing else.
+TEST_F(AudioEncoderRoundTrip, AnAbandonedStreamLeavesTheOldFile) {
+    const auto destination = folder / "old.flac";
+    testing::writeFile(destination, "old");
+    for (const auto naming : {FileReplacement::Naming::automatic, FileReplacement::Naming::named}) {
+        EncodeStream stream(destination, EncodeSettings::defaults(ExportFormat::flac), 48000, 1, 48000,
+                            naming);
+        const Planes planes = testing::noisePlanes(1, 48000);
+        const std::span<const float> views[] = {planes[0]};
+        stream.consume(views);
+    }
+    EXPECT_EQ(testing::readFile(destination), "old");
+    EXPECT_EQ(folder.entries(), std::vector<std::string>{"old.flac"});
 }
 
 TEST_F(AudioEncoderRoundTrip, ARangeWritesOnlyThoseFramesAndProgressEndsAtOne) {

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
+#include <unistd.h>
 
 namespace harlune {
 namespace {
@@ -285,25 +286,26 @@ TEST(Quantizer, MatchesAReferenceForEveryDepthWithAndWithoutDither) {
         }
 }
 
+// (The longest piece is quantized channel by channel on two threads.)
 TEST(Quantizer, TheNoiseRunsOnAcrossChunksOfAnyLength) {
-    const Planes planes = testing::noisePlanes(2, 5000, 12);
-    std::vector<int32_t> whole(10000);
+    const Planes planes = testing::noisePlanes(2, 14000, 12);
+    std::vector<int32_t> whole(28000);
     Quantizer(24, true).quantize(viewsOf(planes), whole);
     Quantizer pieces(24, true);
     std::vector<int32_t> joined;
     size_t from = 0;
-    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u}) {
+    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u, 9000u}) {
         std::vector<int32_t> part(length * 2);
         pieces.quantize(viewsOf(planes, from, length), part);
         joined.insert(joined.end(), part.begin(), part.end());
         from += length;
     }
-    ASSERT_EQ(from, 5000u);
+    ASSERT_EQ(from, 14000u);
     // Chunked, the draws come channel by channel within each chunk: compare with a reference.
     ReferenceQuantizer reference{24, true};
     from = 0;
     size_t at = 0;
-    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u}) {
+    for (const size_t length : {300u, 1001u, 7u, 255u, 256u, 3181u, 9000u}) {
         std::vector<int64_t> expected(length * 2);
         for (size_t c = 0; c < 2; ++c)
             for (size_t f = 0; f < length; ++f)
@@ -436,7 +438,8 @@ TEST(FileReplacement, TemporaryNamesAreHiddenBesideTheDestination) {
     EXPECT_EQ(a.parent_path(), "/music");
     const std::string name = a.filename().string();
     const std::string prefix = ".song.final-";
-    const std::string suffix = ".tmp.flac";
+    std::string suffix = ".";
+    suffix.append(std::to_string(::getpid())).append(".tmp.flac");
     ASSERT_EQ(name.size(), prefix.size() + 36 + suffix.size()) << name;
     EXPECT_TRUE(name.starts_with(prefix)) << name;
     EXPECT_TRUE(name.ends_with(suffix)) << name;
