@@ -27,8 +27,7 @@ void write(const AudioSource& source, std::optional<FrameRange> range,
     const EncodePlan plan = EncodePlan::make(source, range, settings);
     FileReplacement::TemporaryFile temporary(destination, plan.settings.format);
 
-    std::unique_ptr<ChunkSink> head =
-        makeEncodeChain(plan, plan.makeWriter(temporary.writePath()), false).head;
+    std::unique_ptr<ChunkSink> head = makeEncodeChain(plan, temporary.writePath(), false).head;
     try {
         const double length = static_cast<double>(std::max<int64_t>(plan.range.length(), 1));
         source.forEachChunk(plan.range, chunkFrames, [&](ChunkViews chunk, int64_t start) {

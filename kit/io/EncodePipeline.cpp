@@ -7,8 +7,6 @@
 #include <array>
 #include <cstring>
 #include <string>
-#include <system_error>
-#include <thread>
 
 namespace harlune {
 
@@ -218,41 +216,52 @@ void Quantizer::quantize(ChunkViews chunk, std::span<int32_t> into) {
     const size_t frames = chunk.front().size();
     HARLUNE_PRECONDITION(into.size() >= frames * channels, "Quantizer output too small");
     HARLUNE_PRECONDITION(bits == 16 || bits == 24 || bits == 32, "Quantizer bits must be 16, 24 or 32");
+    const bool useDither = dither && bits < 32;
     const SampleCoder coder(bits);
-    if (!dither || bits >= 32) {
-        for (size_t c = 0; c < channels; ++c)
+    for (size_t c = 0; c < channels; ++c) {
+        if (useDither)
+            quantizeDithered(coder, rng, chunk[c].data(), frames, into.data() + c, channels);
+        else
             quantizePlain(coder, chunk[c].data(), frames, into.data() + c, channels);
+    }
+}
+
+// GridQuantizer -------------------------------------------------------------------------------
+
+GridQuantizer::GridQuantizer(int bits, int channels, std::unique_ptr<ChunkSink> next)
+    : quantizer_(bits, true), next_(std::move(next)), planes_(static_cast<size_t>(channels)),
+      views_(static_cast<size_t>(channels)) {
+    HARLUNE_PRECONDITION(next_ != nullptr && channels > 0 && (bits == 16 || bits == 24),
+                         "GridQuantizer needs 16 or 24 bits, channels and a next stage");
+}
+
+void GridQuantizer::consume(ChunkViews chunk) {
+    if (chunk.empty() || chunk.front().empty())
         return;
+    const size_t channels = planes_.size();
+    const size_t frames = chunk.front().size();
+    codes_.resize(frames * channels);
+    quantizer_.quantize(chunk, codes_);
+    // A code c stands in the top bits of a 32-bit integer: c × 2^(32 − bits) ÷ 2^31 is exact in a
+    // float (at most 24 significant bits), and the writer's scale of 2^(bits − 1) gives back c.
+    constexpr float unit = 0x1.0p-31f;
+    for (size_t c = 0; c < channels; ++c) {
+        planes_[c].resize(frames);
+        float* plane = planes_[c].data();
+        const int32_t* code = codes_.data() + c;
+        for (size_t f = 0; f < frames; ++f)
+            plane[f] = static_cast<float>(code[f * channels]) * unit;
+        views_[c] = std::span<const float>(plane, frames);
     }
-    // Channel c's noise starts 2 × frames draws after channel c − 1's: with the start states known
-    // ahead, the channels can be quantized at once and still draw exactly the sequence of one
-    // generator walking them in order. The dither is most of a writer's work, and the thread that
-    // feeds the writer usually has time to spare.
-    static const XorshiftJump jump;
-    std::vector<uint64_t> states(channels + 1);
-    states[0] = rng;
-    for (size_t c = 1; c <= channels; ++c)
-        states[c] = jump.advance(states[c - 1], 2 * frames);
-    const auto quantizeChannels = [&](size_t first, size_t end) {
-        for (size_t c = first; c < end; ++c) {
-            uint64_t state = states[c];
-            quantizeDithered(coder, state, chunk[c].data(), frames, into.data() + c, channels);
-        }
-    };
-    constexpr size_t worthAThread = 16384; // samples
-    const size_t half = channels / 2;
-    std::thread helper;
-    if (half > 0 && frames * channels >= worthAThread) {
-        try {
-            helper = std::thread(quantizeChannels, half, channels);
-        } catch (const std::system_error&) {
-            // no thread to be had: all on this one
-        }
-    }
-    quantizeChannels(0, helper.joinable() ? half : channels);
-    if (helper.joinable())
-        helper.join();
-    rng = states[channels];
+    next_->consume(views_);
+}
+
+void GridQuantizer::finish() {
+    next_->finish();
+}
+
+void GridQuantizer::abort() noexcept {
+    next_->abort();
 }
 
 // ResamplerStage ------------------------------------------------------------------------------

@@ -78,6 +78,25 @@ struct Quantizer {
     void quantize(ChunkViews chunk, std::span<int32_t> into);
 };
 
+/// Dithers and rounds the samples onto the integer grid of a 16- or 24-bit file, ahead of the
+/// writer: exactly the `Quantizer` of the writer, but on another thread. A writer without dither
+/// then finds every sample on its grid and writes the same codes that its own dither would have.
+class GridQuantizer final : public ChunkSink {
+public:
+    GridQuantizer(int bits, int channels, std::unique_ptr<ChunkSink> next);
+
+    void consume(ChunkViews chunk) override;
+    void finish() override;
+    void abort() noexcept override;
+
+private:
+    Quantizer quantizer_;
+    std::unique_ptr<ChunkSink> next_;
+    std::vector<int32_t> codes_;
+    std::vector<std::vector<float>> planes_;
+    std::vector<std::span<const float>> views_;
+};
+
 /// The sample-rate conversion stage: converts every chunk from one rate to another and passes
 /// the converted frames on, in pieces as the converter delivers them. (The dsp module's
 /// `Resampler` converts whole sources; this is its streaming counterpart for the encode chain.)

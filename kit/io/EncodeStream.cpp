@@ -18,15 +18,46 @@ int converterThreads(int channels) {
     return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, channels);
 }
 
+// The depth whose dither the writer of `plan` draws, if any: integer PCM, FLAC and ALAC files
+// of 16 or 24 bits with TPDF dither (ALAC carries every depth above 16 as 24).
+std::optional<int> ditheredBits(const EncodePlan& plan) {
+    const EncodeSettings& settings = plan.settings;
+    if (settings.dither != DitherMode::tpdf)
+        return std::nullopt;
+    switch (settings.format) {
+    case ExportFormat::alac:
+        return settings.bitDepth == PCMBitDepth::int16 ? 16 : 24;
+    case ExportFormat::wav:
+    case ExportFormat::aiff:
+    case ExportFormat::caf:
+    case ExportFormat::flac:
+        if (settings.bitDepth == PCMBitDepth::int16)
+            return 16;
+        if (settings.bitDepth == PCMBitDepth::int24)
+            return 24;
+        return std::nullopt;
+    default:
+        return std::nullopt;
+    }
+}
+
 } // namespace
 
-EncodeChain makeEncodeChain(const EncodePlan& plan, std::unique_ptr<ChunkSink> writer, bool threaded) {
+EncodeChain makeEncodeChain(const EncodePlan& plan, const std::filesystem::path& path, bool threaded) {
+    // Threaded, the dither is drawn on the thread ahead of the writer's, which then only rounds.
+    const std::optional<int> gridBits = threaded ? ditheredBits(plan) : std::nullopt;
+    EncodePlan writerPlan = plan;
+    if (gridBits)
+        writerPlan.settings.dither = DitherMode::none;
     EncodeChain chain;
-    chain.head = std::move(writer);
+    chain.head = writerPlan.makeWriter(path);
     const bool converts = plan.outputRate != plan.sourceRate;
+    const bool mixes = plan.outputChannels != plan.sourceChannels;
+    if (threaded && (gridBits || converts || mixes))
+        chain.head = std::make_unique<ChunkHandoff>(plan.outputChannels, std::move(chain.head));
+    if (gridBits)
+        chain.head = std::make_unique<GridQuantizer>(*gridBits, plan.outputChannels, std::move(chain.head));
     if (converts) {
-        if (threaded)
-            chain.head = std::make_unique<ChunkHandoff>(plan.outputChannels, std::move(chain.head));
         auto enforcer =
             std::make_unique<LengthEnforcer>(plan.outputFrames, plan.outputChannels, std::move(chain.head));
         chain.enforcer = enforcer.get();
@@ -34,7 +65,7 @@ EncodeChain makeEncodeChain(const EncodePlan& plan, std::unique_ptr<ChunkSink> w
                                                       chunkFrames, std::move(enforcer),
                                                       threaded ? converterThreads(plan.outputChannels) : 1);
     }
-    if (plan.outputChannels != plan.sourceChannels)
+    if (mixes)
         chain.head = std::make_unique<ChannelMixer>(
             ChannelLayouts::downmixMatrix(plan.sourceChannels, plan.outputChannels), std::move(chain.head));
     if (threaded)
@@ -48,7 +79,7 @@ EncodeStream::EncodeStream(const std::filesystem::path& destination, const Encod
     : plan_(EncodePlan::make(sourceRate, sourceChannels, std::max<int64_t>(estimatedFrames, 1), std::nullopt,
                              settings)),
       temporary_(destination, plan_.settings.format, naming) {
-    chain_ = makeEncodeChain(plan_, plan_.makeWriter(temporary_.writePath()), true);
+    chain_ = makeEncodeChain(plan_, temporary_.writePath(), true);
     // The length is known only at the end: no cut until then.
     if (chain_.enforcer != nullptr)
         chain_.enforcer->setExpected(std::numeric_limits<int64_t>::max());

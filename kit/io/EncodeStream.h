@@ -18,10 +18,10 @@ struct EncodeChain {
     LengthEnforcer* enforcer = nullptr; ///< inside `head`'s chain, when the rate changes
 };
 
-/// Builds the chain of `plan` ahead of `writer`. `threaded` runs the converter and the writer
-/// each on a thread of their own behind hand-offs, converting channels in parallel; the bytes
-/// written are the same either way.
-EncodeChain makeEncodeChain(const EncodePlan& plan, std::unique_ptr<ChunkSink> writer, bool threaded);
+/// Builds the chain of `plan` with its writer on a new file at `path`. `threaded` runs the
+/// conversion (with the dither) and the writer each on a thread of their own behind hand-offs,
+/// converting channels in parallel; the bytes written are the same either way.
+EncodeChain makeEncodeChain(const EncodePlan& plan, const std::filesystem::path& path, bool threaded);
 
 /// Writes a file from audio that arrives in pieces and whose length is known only at its end,
 /// such as a file being decoded: nothing of it is held but a few chunks, whatever its length.
