@@ -102,7 +102,12 @@ void EncodeStream::consume(ChunkViews chunk) {
         chain_.head->abort();
         throw;
     }
+    // Every few megabytes, the disk gets what is written so far while the rest is encoded.
+    constexpr int64_t writebackFrames = 1 << 20;
+    const int64_t before = frames_;
     frames_ += static_cast<int64_t>(chunk.front().size());
+    if (before / writebackFrames != frames_ / writebackFrames)
+        temporary_.startWriteback();
 }
 
 void EncodeStream::finish() {

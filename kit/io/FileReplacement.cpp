@@ -216,6 +216,15 @@ TemporaryFile::~TemporaryFile() {
     }
 }
 
+void TemporaryFile::startWriteback() const {
+    const int fd = unnamedFd_ >= 0 ? unnamedFd_ : ::open(namedPath_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    if (fd != unnamedFd_)
+        ::close(fd);
+}
+
 void TemporaryFile::commit() {
     if (unnamedFd_ >= 0) {
         prepareForMove(unnamedFd_, destination_);

@@ -47,6 +47,10 @@ public:
     /// Whether the temporary has a name in the folder while it is written.
     bool isNamed() const { return unnamedFd_ < 0; }
 
+    /// Starts writing what is in the file so far to disk, without waiting: the flush before the
+    /// final move then has less left to wait for. Failures are ignored.
+    void startWriteback() const;
+
     /// Moves the finished file over the destination atomically, with the old file's mode and
     /// owner, flushed to disk before the move and the folder after it. Throws
     /// `HarluneError.encodeFailed` "couldn’t move the finished file into place: REASON".
