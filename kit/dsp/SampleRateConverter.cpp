@@ -21,7 +21,7 @@ void check(soxr_error_t error) {
 
 } // namespace
 
-SampleRateConverter::SampleRateConverter(int channelCount, double inputRate, double outputRate, int threads)
+SampleRateConverter::SampleRateConverter(int channelCount, double inputRate, double outputRate)
     : channelCount_(channelCount), inputRate_(inputRate), outputRate_(outputRate) {
     if (channelCount < 1)
         throw HarluneError::unsupportedFormat(std::to_string(channelCount) + " channels");
@@ -34,8 +34,7 @@ SampleRateConverter::SampleRateConverter(int channelCount, double inputRate, dou
 
     const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_S, SOXR_FLOAT32_S);
     const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_VHQ, 0);
-    const soxr_runtime_spec_t runtime =
-        soxr_runtime_spec(static_cast<unsigned>(std::clamp(threads, 1, channelCount)));
+    const soxr_runtime_spec_t runtime = soxr_runtime_spec(1); // parallelism is the segment plan's job
     soxr_error_t error = nullptr;
     converter_ = soxr_create(inputRate, outputRate, static_cast<unsigned>(channelCount), &error, &io,
                              &quality, &runtime);

@@ -26,9 +26,8 @@ public:
     static constexpr int64_t maxOutputChunk = 16384;
 
     /// Both rates in Hz. A channel count below 1 throws `unsupportedFormat` with "N channels";
-    /// rates the converter refuses throw it with "44100.0 Hz -> 48000.0 Hz". `threads` above 1
-    /// converts the channels on that many threads at once (the output is the same).
-    SampleRateConverter(int channelCount, double inputRate, double outputRate, int threads = 1);
+    /// rates the converter refuses throw it with "44100.0 Hz -> 48000.0 Hz".
+    SampleRateConverter(int channelCount, double inputRate, double outputRate);
     ~SampleRateConverter();
     SampleRateConverter(SampleRateConverter&& other) noexcept;
     SampleRateConverter& operator=(SampleRateConverter&& other) noexcept;

@@ -5,9 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <immintrin.h>
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace harlune {
 
@@ -332,9 +336,9 @@ void GridQuantizer::abort() noexcept {
 
 namespace {
 
-SampleRateConverter makeConverter(int channels, double fromRate, double toRate, int threads) {
+SampleRateConverter makeConverter(int channels, double fromRate, double toRate) {
     try {
-        return SampleRateConverter(channels, fromRate, toRate, threads);
+        return SampleRateConverter(channels, fromRate, toRate);
     } catch (const HarluneError&) {
         throw HarluneError::encodeFailed("can\u2019t convert " +
                                          std::to_string(static_cast<int64_t>(fromRate)) + " Hz to " +
@@ -344,43 +348,173 @@ SampleRateConverter makeConverter(int channels, double fromRate, double toRate, 
 
 } // namespace
 
+// Persistent threads for lanes 1 and up; lane 0 runs on the calling thread.
+class ResamplerStage::LaneThreads {
+public:
+    explicit LaneThreads(size_t extra) {
+        for (size_t k = 1; k <= extra; ++k)
+            threads_.emplace_back([this, k] { work(k); });
+    }
+    ~LaneThreads() {
+        {
+            std::lock_guard lock(mutex_);
+            quit_ = true;
+        }
+        changed_.notify_all();
+        for (auto& thread : threads_)
+            thread.join();
+    }
+    LaneThreads(const LaneThreads&) = delete;
+    LaneThreads& operator=(const LaneThreads&) = delete;
+
+    /// Runs body(0) here and body(1...) on the threads; returns when all are done. `body` must
+    /// not throw.
+    void run(const std::function<void(size_t)>& body) {
+        {
+            std::lock_guard lock(mutex_);
+            body_ = &body;
+            pending_ = threads_.size();
+            ++generation_;
+        }
+        changed_.notify_all();
+        body(0);
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return pending_ == 0; });
+        body_ = nullptr;
+    }
+
+private:
+    void work(size_t lane) {
+        uint64_t seen = 0;
+        while (true) {
+            const std::function<void(size_t)>* body = nullptr;
+            {
+                std::unique_lock lock(mutex_);
+                changed_.wait(lock, [&] { return quit_ || generation_ != seen; });
+                if (quit_)
+                    return;
+                seen = generation_;
+                body = body_;
+            }
+            (*body)(lane);
+            {
+                std::lock_guard lock(mutex_);
+                --pending_;
+            }
+            changed_.notify_all();
+        }
+    }
+
+    std::vector<std::thread> threads_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    const std::function<void(size_t)>* body_ = nullptr;
+    uint64_t generation_ = 0;
+    size_t pending_ = 0;
+    bool quit_ = false;
+};
+
 // The converter takes chunks of any length and hands its output on in pieces as they come, so
 // `maxChunk` sizes nothing here.
 ResamplerStage::ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                                std::unique_ptr<ChunkSink> next, int threads)
-    : converter_(makeConverter(channels, fromRate, toRate, threads)), channels_(channels),
-      next_(std::move(next)) {
+    : channels_(channels), next_(std::move(next)), views_(static_cast<size_t>(std::max(channels, 0))) {
     HARLUNE_PRECONDITION(next_ != nullptr && maxChunk > 0, "ResamplerStage needs a next stage");
+    const int laneCount = std::clamp(threads, 1, std::max(channels, 1));
+    for (int k = 0; k < laneCount; ++k) {
+        const int first = channels * k / laneCount;
+        const int end = channels * (k + 1) / laneCount;
+        lanes_.push_back(Lane{makeConverter(std::max(end - first, channels > 0 ? 1 : 0), fromRate, toRate),
+                              static_cast<size_t>(first),
+                              std::vector<std::vector<float>>(static_cast<size_t>(end - first)),
+                              {},
+                              nullptr});
+    }
+    if (lanes_.size() > 1)
+        threads_ = std::make_unique<LaneThreads>(lanes_.size() - 1);
 }
+
+ResamplerStage::~ResamplerStage() = default;
 
 void ResamplerStage::consume(ChunkViews chunk) {
     if (chunk.empty() || chunk.front().empty())
         return;
     HARLUNE_PRECONDITION(static_cast<int>(chunk.size()) == channels_,
                          "ResamplerStage got the wrong channel count");
-    convert([&](SampleRateConverter::Output output) { converter_.process(chunk, output); });
+    convert([](SampleRateConverter& converter, ChunkViews input,
+               SampleRateConverter::Output output) { converter.process(input, output); },
+            chunk);
 }
 
 void ResamplerStage::finish() {
-    convert([&](SampleRateConverter::Output output) { converter_.finish(output); });
+    convert([](SampleRateConverter& converter, ChunkViews,
+               SampleRateConverter::Output output) { converter.finish(output); },
+            {});
     next_->finish();
 }
 
 // The converter's own failures read "sample-rate conversion failed: REASON"; what the stages
 // behind it throw passes on unchanged.
-void ResamplerStage::convert(FunctionRef<void(SampleRateConverter::Output)> run) {
+void ResamplerStage::convert(
+    FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run, ChunkViews chunk) {
     bool inNext = false;
-    auto output = [&](ChunkViews out) {
-        inNext = true;
-        next_->consume(out);
-        inNext = false;
-    };
     try {
-        run(output);
+        if (lanes_.size() > 1) {
+            convertInLanes(run, chunk);
+            // The lanes gave pieces of the same lengths; together they are the pieces of one
+            // converter over all channels.
+            std::vector<size_t> offsets(lanes_.size(), 0);
+            for (size_t p = 0; p < lanes_.front().pieces.size(); ++p) {
+                const size_t length = lanes_.front().pieces[p];
+                for (const Lane& lane : lanes_)
+                    for (size_t c = 0; c < lane.output.size(); ++c)
+                        views_[lane.firstChannel + c] =
+                            std::span<const float>(lane.output[c].data() + offsets.front(), length);
+                offsets.front() += length;
+                inNext = true;
+                next_->consume(views_);
+                inNext = false;
+            }
+            return;
+        }
+        auto output = [&](ChunkViews out) {
+            inNext = true;
+            next_->consume(out);
+            inNext = false;
+        };
+        run(lanes_.front().converter, chunk, output);
     } catch (const HarluneError& error) {
         if (inNext || error.kind() != HarluneError::Kind::encodeFailed)
             throw;
         throw HarluneError::encodeFailed("sample-rate conversion failed: " + error.detail());
+    }
+}
+
+void ResamplerStage::convertInLanes(
+    FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run, ChunkViews chunk) {
+    const std::function<void(size_t)> body = [&](size_t k) {
+        Lane& lane = lanes_[k];
+        lane.error = nullptr;
+        lane.pieces.clear();
+        for (auto& channel : lane.output)
+            channel.clear();
+        try {
+            const ChunkViews input =
+                chunk.empty() ? chunk : chunk.subspan(lane.firstChannel, lane.output.size());
+            run(lane.converter, input, [&](ChunkViews out) {
+                lane.pieces.push_back(out.front().size());
+                for (size_t c = 0; c < out.size(); ++c)
+                    lane.output[c].insert(lane.output[c].end(), out[c].begin(), out[c].end());
+            });
+        } catch (...) {
+            lane.error = std::current_exception();
+        }
+    };
+    threads_->run(body);
+    for (const Lane& lane : lanes_) {
+        if (lane.error)
+            std::rethrow_exception(lane.error);
+        HARLUNE_PRECONDITION(lane.pieces == lanes_.front().pieces, "converter lanes gave different pieces");
     }
 }
 

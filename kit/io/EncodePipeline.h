@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <span>
 #include <vector>
@@ -104,20 +105,37 @@ class ResamplerStage final : public ChunkSink {
 public:
     /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
     /// made for the two rates. `maxChunk`: the most frames one `consume` gets. `threads` above 1
-    /// converts the channels in parallel.
+    /// converts groups of channels on that many threads at once; the pieces passed on, and their
+    /// samples, are the same.
     ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
                    std::unique_ptr<ChunkSink> next, int threads = 1);
+    ~ResamplerStage() override;
 
     void consume(ChunkViews chunk) override;
     void finish() override;
     void abort() noexcept override;
 
 private:
-    void convert(FunctionRef<void(SampleRateConverter::Output)> run);
+    /// One converter over a group of neighbouring channels, with what it gave in the last call.
+    struct Lane {
+        SampleRateConverter converter;
+        size_t firstChannel;
+        std::vector<std::vector<float>> output; ///< one per channel of the group
+        std::vector<size_t> pieces;             ///< the lengths, in order, the converter gave
+        std::exception_ptr error;
+    };
+    class LaneThreads;
 
-    SampleRateConverter converter_;
+    void convert(FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run,
+                 ChunkViews chunk);
+    void convertInLanes(FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run,
+                        ChunkViews chunk);
+
+    std::vector<Lane> lanes_;
+    std::unique_ptr<LaneThreads> threads_;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
+    std::vector<std::span<const float>> views_;
 };
 
 } // namespace harlune
