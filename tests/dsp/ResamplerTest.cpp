@@ -234,63 +234,35 @@ TEST(ResamplerTest, ProgressRisesToOneAndEmitErrorsPassOn) {
                  Full);
 }
 
-// Chunks of any length give the one-pass output; a stream after `reset`, and one converter per
-// channel, give exactly the same samples again.
-TEST(SampleRateConverterTest, StreamingInAnyChunksMatchesOnePassAndChannelsStandAlone) {
+TEST(SampleRateConverterTest, StreamingInAnyChunksMatchesOnePass) {
     const auto planes = noisePlanes(2, 70001, 9);
     const ArraySource source(planes, 48000);
     const auto reference = resampled(source, 44100, 0);
-    std::mt19937 random(4);
-    std::vector<int64_t> lengths;
-    for (int64_t position = 0; position < source.frameCount(); position += lengths.back())
-        lengths.push_back(std::min<int64_t>(std::uniform_int_distribution<int64_t>(0, 40000)(random),
-                                            source.frameCount() - position));
 
     SampleRateConverter converter(2, 48000, 44100);
-    Planes first;
-    for (int round = 0; round < 3; ++round) {
-        // The third round converts each channel on its own.
-        SampleRateConverter left(1, 48000, 44100), right(1, 48000, 44100);
+    std::mt19937 random(4);
+    for (int round = 0; round < 2; ++round) { // the second round after reset is a fresh stream
         Planes out(2);
         const auto collect = [&](ChunkViews chunk) {
             EXPECT_LE(chunk[0].size(), static_cast<size_t>(SampleRateConverter::maxOutputChunk));
             for (size_t c = 0; c < 2; ++c)
                 out[c].insert(out[c].end(), chunk[c].begin(), chunk[c].end());
         };
-        int64_t position = 0;
-        for (const int64_t n : lengths) {
+        for (int64_t position = 0; position < source.frameCount();) {
+            const int64_t n = std::min<int64_t>(std::uniform_int_distribution<int64_t>(0, 40000)(random),
+                                                source.frameCount() - position);
             std::vector<std::span<const float>> views;
             for (const auto& plane : planes)
                 views.emplace_back(plane.data() + position, static_cast<size_t>(n));
-            if (round < 2) {
-                converter.process(views, collect);
-            } else {
-                left.process(std::span(views).first(1), [&](ChunkViews chunk) {
-                    out[0].insert(out[0].end(), chunk[0].begin(), chunk[0].end());
-                });
-                right.process(std::span(views).last(1), [&](ChunkViews chunk) {
-                    out[1].insert(out[1].end(), chunk[0].begin(), chunk[0].end());
-                });
-            }
+            converter.process(views, collect);
             position += n;
         }
-        if (round < 2) {
-            converter.finish(collect);
-            EXPECT_EQ(converter.inputFrames(), source.frameCount());
-            EXPECT_EQ(converter.outputFrames(), static_cast<int64_t>(reference[0].size()));
-            converter.reset();
-        } else {
-            left.finish(
-                [&](ChunkViews chunk) { out[0].insert(out[0].end(), chunk[0].begin(), chunk[0].end()); });
-            right.finish(
-                [&](ChunkViews chunk) { out[1].insert(out[1].end(), chunk[0].begin(), chunk[0].end()); });
-        }
+        converter.finish(collect);
+        EXPECT_EQ(converter.inputFrames(), source.frameCount());
+        EXPECT_EQ(converter.outputFrames(), static_cast<int64_t>(reference[0].size()));
         ASSERT_EQ(out[0].size(), reference[0].size());
         EXPECT_LT(differenceDB(reference, out), -140.0);
-        if (first.empty())
-            first = out;
-        else
-            EXPECT_EQ(out, first) << "round " << round;
+        converter.reset();
     }
 }
 
