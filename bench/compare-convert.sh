@@ -54,6 +54,10 @@ median "sox in.wav out.wav" sox "$work/in.wav" "$work/sox.wav"; t_sox=$(wall)
 median "harlune-cli convert in.wav out.wav" "$cli" convert "$work/in.wav" "$work/h.wav"; t_h=$(wall)
 rss_copy=$(cut -d' ' -f3 "$work/last")
 ratio "$t_h" "$t_sox" "harlune / sox, target <= 1.3"
+# harlune-cli flushes the file to disk before it replaces the old one; sox does not.
+median "sox in.wav out.wav && sync out.wav (the same flush)" \
+    sh -c "sox '$work/in.wav' '$work/sox.wav' && sync '$work/sox.wav'"
+ratio "$t_h" "$(wall)" "harlune / sox with the flush"
 
 median "flac -5 -f -o out.flac in.wav" flac -5 -s -f -o "$work/ref.flac" "$work/in.wav"; t_flac=$(wall)
 median "harlune-cli convert in.wav out.flac" "$cli" convert "$work/in.wav" "$work/h.flac"; t_h=$(wall)
