@@ -1,7 +1,6 @@
 #include "CliSupport.h"
 #include "Commands.h"
 #include "EncodeOptions.h"
-#include "OpenAudio.h"
 #include "io/AudioEncoder.h"
 #include "io/EncodePlan.h"
 #include "io/FormatCatalog.h"
@@ -45,9 +44,7 @@ ConvertRequest parse(std::span<const std::string> arguments) {
 int runConvert(std::span<const std::string> arguments) {
     const ConvertRequest request = parse(arguments);
 
-    OpenedAudio opened = openAudioShowingProgress(request.input);
-    writeAudio(opened.content, request.output, request.encode);
-    keepUntilExit(std::move(opened.content));
+    convertAudio(request.input, request.output, request.encode);
     return exitSuccess;
 }
 

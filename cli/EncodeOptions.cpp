@@ -1,7 +1,10 @@
 #include "EncodeOptions.h"
 
 #include "CliSupport.h"
+#include "base/HarluneError.h"
+#include "io/AudioDecoder.h"
 #include "io/AudioEncoder.h"
+#include "io/EncodeStream.h"
 #include "io/FormatCatalog.h"
 
 #include <charconv>
@@ -115,6 +118,27 @@ void writeAudio(const AudioContent& content, const std::string& output, const En
     ProgressBar bar("writing ");
     AudioEncoder::write(content, std::nullopt, output, settings,
                         [&](double fraction) { return bar.update(fraction); });
+}
+
+void convertAudio(const std::string& input, const std::string& output, const EncodeOptions& options) {
+    const EncodeSettings settings = options.settings();
+    std::optional<EncodeStream> stream;
+    ProgressBar bar("converting ");
+    auto update = [&](double fraction) {
+        return bar.update(fraction);
+    };
+    auto onFormat = [&](const AudioFileInfo& info) {
+        stream.emplace(output, settings, info.sampleRate, info.channelCount, info.frameCount);
+        options.reportDifferences(stream->plan());
+        std::fflush(stdout);
+    };
+    auto onChunk = [&](ChunkViews chunk) {
+        stream->consume(chunk);
+    };
+    AudioDecoder::decode(input, FunctionRef<bool(double)>(update), onFormat, onChunk);
+    if (!stream)
+        throw HarluneError::encodeFailed("the source has no audio");
+    stream->finish();
 }
 
 } // namespace harlune::cli

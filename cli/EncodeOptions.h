@@ -40,6 +40,11 @@ struct EncodeOptions {
 /// asked, then writes through the encoder with a progress bar on a terminal.
 void writeAudio(const AudioContent& content, const std::string& output, const EncodeOptions& options);
 
+/// Converts the file `input` to `output` with `options`' settings as a stream: decoding,
+/// conversion and writing run at once, with memory bounded whatever the length. The file is the
+/// one `writeAudio` gives for the same audio read whole.
+void convertAudio(const std::string& input, const std::string& output, const EncodeOptions& options);
+
 /// A number above 0 made of the whole text, or `UsageError` naming `option`.
 double parsePositiveNumber(const std::string& text, const std::string& option);
 int parsePositiveInteger(const std::string& text, const std::string& option);

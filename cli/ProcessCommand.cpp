@@ -66,6 +66,7 @@ struct Operation {
     /// Gets a progress bar when `showsProgress`, null otherwise.
     std::function<void(Document&, ProgressBar*)> run;
     bool showsProgress = false;
+    std::optional<double> resampleRate = std::nullopt; ///< Hz, for a change of rate
 };
 
 struct ProcessRequest {
@@ -187,7 +188,7 @@ Operation resampleOperation(double rate) {
                         static_cast<int64_t>(static_cast<double>(document.selection->upper) * ratio)};
                 document.content = builder.build();
             },
-            true};
+            true, rate};
 }
 
 Operation timePitchOperation(double rate, double cents, TimePitch::Engine engine) {
@@ -358,6 +359,19 @@ ProcessRequest parse(std::span<const std::string> arguments) {
 
 int runProcess(std::span<const std::string> arguments) {
     const ProcessRequest request = parse(arguments);
+    // A lone change of rate needs neither the whole file nor an edit: it streams as convert does,
+    // converting the channels in parallel (where the format would change the rate again, the
+    // two steps stay apart).
+    if (request.operations.size() == 1 && request.operations.front().resampleRate &&
+        !request.encode.sampleRate) {
+        const double rate = *request.operations.front().resampleRate;
+        if (EncodePlan::resolveRate(*request.encode.format, rate) == rate) {
+            EncodeOptions options = request.encode;
+            options.sampleRate = rate;
+            convertAudio(request.input, request.output, options);
+            return exitSuccess;
+        }
+    }
     Document document{openAudioShowingProgress(request.input).content, std::nullopt};
     refuseNonFiniteSamples(document.content);
     for (const Operation& operation : request.operations) {

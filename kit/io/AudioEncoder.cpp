@@ -4,6 +4,7 @@
 #include "io/ChannelLayouts.h"
 #include "io/EncodePipeline.h"
 #include "io/EncodePlan.h"
+#include "io/EncodeStream.h"
 #include "io/FileReplacement.h"
 #include "io/LameLibrary.h"
 #include "io/M4aWriter.h"
@@ -18,49 +19,15 @@ namespace {
 
 constexpr int64_t chunkFrames = 32768;
 
-// Removes the temporary file on every way out but the successful move.
-class TemporaryFileGuard {
-public:
-    explicit TemporaryFileGuard(std::filesystem::path path) : path_(std::move(path)) {}
-    ~TemporaryFileGuard() {
-        if (!moved_) {
-            std::error_code ignored;
-            std::filesystem::remove(path_, ignored);
-        }
-    }
-    TemporaryFileGuard(const TemporaryFileGuard&) = delete;
-    TemporaryFileGuard& operator=(const TemporaryFileGuard&) = delete;
-    void markMoved() { moved_ = true; }
-
-private:
-    std::filesystem::path path_;
-    bool moved_ = false;
-};
-
-std::unique_ptr<ChunkSink> makeChain(const EncodePlan& plan, std::unique_ptr<ChunkSink> writer) {
-    std::unique_ptr<ChunkSink> head = std::move(writer);
-    if (plan.outputRate != plan.sourceRate) {
-        head = std::make_unique<LengthEnforcer>(plan.outputFrames, plan.outputChannels, std::move(head));
-        head = std::make_unique<ResamplerStage>(plan.sourceRate, plan.outputRate, plan.outputChannels,
-                                                chunkFrames, std::move(head));
-    }
-    if (plan.outputChannels != plan.sourceChannels)
-        head = std::make_unique<ChannelMixer>(
-            ChannelLayouts::downmixMatrix(plan.sourceChannels, plan.outputChannels), std::move(head));
-    return head;
-}
-
 } // namespace
 
 void write(const AudioSource& source, std::optional<FrameRange> range,
            const std::filesystem::path& destination, const EncodeSettings& settings,
            const Progress& progress) {
     const EncodePlan plan = EncodePlan::make(source, range, settings);
-    const std::filesystem::path temporary = FileReplacement::temporaryPath(destination, plan.settings.format);
-    FileReplacement::createExclusive(temporary);
-    TemporaryFileGuard guard(temporary);
+    FileReplacement::TemporaryFile temporary(destination, plan.settings.format);
 
-    std::unique_ptr<ChunkSink> head = makeChain(plan, plan.makeWriter(temporary));
+    std::unique_ptr<ChunkSink> head = makeEncodeChain(plan, temporary.writePath(), false).head;
     try {
         const double length = static_cast<double>(std::max<int64_t>(plan.range.length(), 1));
         source.forEachChunk(plan.range, chunkFrames, [&](ChunkViews chunk, int64_t start) {
@@ -77,8 +44,7 @@ void write(const AudioSource& source, std::optional<FrameRange> range,
         throw;
     }
     head.reset();
-    FileReplacement::replace(destination, temporary);
-    guard.markMoved();
+    temporary.commit();
     if (progress)
         progress(1.0);
 }

@@ -4,7 +4,9 @@
 #include "dsp/SampleRateConverter.h"
 #include "io/ChunkSink.h"
 
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <span>
 #include <vector>
@@ -42,9 +44,13 @@ public:
     void abort() noexcept override;
 
     int64_t passed() const { return passed_; }
+    /// Sets the length, for a stream whose length is known only at its end: such a stream starts
+    /// with no limit, and gets its length before `finish`, while chunks may still be passing on
+    /// another thread (the converter delivers no more than the true length before its flush).
+    void setExpected(int64_t expected) { expected_.store(expected, std::memory_order_relaxed); }
 
 private:
-    int64_t expected_;
+    std::atomic<int64_t> expected_;
     int64_t passed_ = 0;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
@@ -73,26 +79,63 @@ struct Quantizer {
     void quantize(ChunkViews chunk, std::span<int32_t> into);
 };
 
-/// The sample-rate conversion stage: converts every chunk from one rate to another and passes
-/// the converted frames on, in pieces as the converter delivers them. (The dsp module's
-/// `Resampler` converts whole sources; this is its streaming counterpart for the encode chain.)
-class ResamplerStage final : public ChunkSink {
+/// Dithers and rounds the samples onto the integer grid of a 16- or 24-bit file, ahead of the
+/// writer: exactly the `Quantizer` of the writer, but on another thread. A writer without dither
+/// then finds every sample on its grid and writes the same codes that its own dither would have.
+class GridQuantizer final : public ChunkSink {
 public:
-    /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
-    /// made for the two rates. `maxChunk`: the most frames one `consume` gets.
-    ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
-                   std::unique_ptr<ChunkSink> next);
+    GridQuantizer(int bits, int channels, std::unique_ptr<ChunkSink> next);
 
     void consume(ChunkViews chunk) override;
     void finish() override;
     void abort() noexcept override;
 
 private:
-    void convert(FunctionRef<void(SampleRateConverter::Output)> run);
+    Quantizer quantizer_;
+    std::unique_ptr<ChunkSink> next_;
+    std::vector<int32_t> codes_;
+    std::vector<std::vector<float>> planes_;
+    std::vector<std::span<const float>> views_;
+};
 
-    SampleRateConverter converter_;
+/// The sample-rate conversion stage: converts every chunk from one rate to another and passes
+/// the converted frames on, in pieces as the converter delivers them. (The dsp module's
+/// `Resampler` converts whole sources; this is its streaming counterpart for the encode chain.)
+class ResamplerStage final : public ChunkSink {
+public:
+    /// Throws `HarluneError.encodeFailed` "can’t convert A Hz to B Hz" when no converter can be
+    /// made for the two rates. `maxChunk`: the most frames one `consume` gets. `threads` above 1
+    /// converts groups of channels on that many threads at once; the pieces passed on, and their
+    /// samples, are the same.
+    ResamplerStage(double fromRate, double toRate, int channels, int64_t maxChunk,
+                   std::unique_ptr<ChunkSink> next, int threads = 1);
+    ~ResamplerStage() override;
+
+    void consume(ChunkViews chunk) override;
+    void finish() override;
+    void abort() noexcept override;
+
+private:
+    /// One converter over a group of neighbouring channels, with what it gave in the last call.
+    struct Lane {
+        SampleRateConverter converter;
+        size_t firstChannel;
+        std::vector<std::vector<float>> output; ///< one per channel of the group
+        std::vector<size_t> pieces;             ///< the lengths, in order, the converter gave
+        std::exception_ptr error;
+    };
+    class LaneThreads;
+
+    void convert(FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run,
+                 ChunkViews chunk);
+    void convertInLanes(FunctionRef<void(SampleRateConverter&, ChunkViews, SampleRateConverter::Output)> run,
+                        ChunkViews chunk);
+
+    std::vector<Lane> lanes_;
+    std::unique_ptr<LaneThreads> threads_;
     int channels_;
     std::unique_ptr<ChunkSink> next_;
+    std::vector<std::span<const float>> views_;
 };
 
 } // namespace harlune

@@ -81,19 +81,23 @@ double EncodePlan::resolveRate(ExportFormat format, double requested) {
 
 EncodePlan EncodePlan::make(const AudioSource& source, std::optional<FrameRange> range,
                             const EncodeSettings& settings) {
+    return make(source.sampleRate(), source.channelCount(), source.frameCount(), range, settings);
+}
+
+EncodePlan EncodePlan::make(double sourceRate, int sourceChannels, int64_t frames,
+                            std::optional<FrameRange> range, const EncodeSettings& settings) {
     EncodePlan plan;
     plan.settings = settings.normalized();
     // libavcodec's ALAC encoder stops at 24 bits.
     if (plan.settings.format == ExportFormat::alac && plan.settings.bitDepth == PCMBitDepth::int32)
         plan.settings.bitDepth = PCMBitDepth::int24;
 
-    plan.sourceRate = source.sampleRate();
-    plan.sourceChannels = source.channelCount();
+    plan.sourceRate = sourceRate;
+    plan.sourceChannels = sourceChannels;
     if (!(plan.sourceRate > 0) || plan.sourceChannels <= 0)
         throw HarluneError::encodeFailed("the source has no audio");
 
-    const int64_t frames = source.frameCount();
-    plan.range = range.value_or(source.fullRange());
+    plan.range = range.value_or(FrameRange{0, frames});
     if (plan.range.lower < 0 || plan.range.upper > frames)
         throw HarluneError::encodeFailed("range " + std::to_string(plan.range.lower) + "..<" +
                                          std::to_string(plan.range.upper) + " is outside the audio (0..<" +
@@ -103,12 +107,14 @@ EncodePlan EncodePlan::make(const AudioSource& source, std::optional<FrameRange>
 
     plan.outputChannels = std::min(plan.sourceChannels, maxChannels(plan.settings.format));
     plan.outputRate = resolveRate(plan.settings.format, plan.settings.sampleRate.value_or(plan.sourceRate));
-    const int64_t length = plan.range.length();
-    plan.outputFrames = plan.outputRate == plan.sourceRate
-                            ? length
-                            : static_cast<int64_t>(std::round(plan.outputRate * static_cast<double>(length) /
-                                                              plan.sourceRate));
+    plan.outputFrames = plan.outputFrameCount(plan.range.length());
     return plan;
+}
+
+int64_t EncodePlan::outputFrameCount(int64_t inputFrames) const {
+    return outputRate == sourceRate
+               ? inputFrames
+               : static_cast<int64_t>(std::round(outputRate * static_cast<double>(inputFrames) / sourceRate));
 }
 
 SndFileWriter::Container EncodePlan::pcmFileType() const {

@@ -29,6 +29,12 @@ struct EncodePlan {
     /// empty range. `range` absent means the source's full range.
     static EncodePlan make(const AudioSource& source, std::optional<FrameRange> range,
                            const EncodeSettings& settings);
+    /// The same for a source known only by its rate, channels and length in frames.
+    static EncodePlan make(double sourceRate, int sourceChannels, int64_t frames,
+                           std::optional<FrameRange> range, const EncodeSettings& settings);
+
+    /// The frames the file holds for `inputFrames` source frames.
+    int64_t outputFrameCount(int64_t inputFrames) const;
 
     /// The rate a file of `format` gets when `requested` is asked for: the nearest the format
     /// carries (the higher at equal distance), 48000 for a request not above 0.

@@ -2,9 +2,10 @@
 #include "EncodeTestSupport.h"
 #include "base/HarluneError.h"
 #include "io/AudioEncoder.h"
+#include "io/FileReplacement.h"
 #include "support/TestAudio.h"
 
-#include <csignal>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,11 +18,6 @@ const std::string oldContent = "the old file, which must survive";
 
 EncodeSettings wav24() {
     return EncodeSettings::defaults(ExportFormat::wav);
-}
-
-std::string contentOf(const std::filesystem::path& path) {
-    const auto bytes = testing::readBytes(path);
-    return {bytes.begin(), bytes.end()};
 }
 
 // Runs the body and gives the HarluneError it threw.
@@ -39,7 +35,7 @@ TEST(AudioEncoderFailure, AReadOnlyFolderFailsAndLeavesTheOldFile) {
     if (!mount.mounted())
         GTEST_SKIP() << "mounting is not permitted here";
     const auto destination = mount / "old.wav";
-    testing::writeBytes(destination, oldContent);
+    testing::writeFile(destination, oldContent);
     ASSERT_TRUE(mount.remountReadOnly());
     const ArraySource source(testing::noisePlanes(2, 48000), 48000);
     const auto error = errorFrom([&] { AudioEncoder::write(source, std::nullopt, destination, wav24()); });
@@ -47,7 +43,7 @@ TEST(AudioEncoderFailure, AReadOnlyFolderFailsAndLeavesTheOldFile) {
     EXPECT_EQ(error->kind(), HarluneError::Kind::encodeFailed);
     EXPECT_TRUE(error->detail().starts_with("can\u2019t create .old-")) << error->detail();
     EXPECT_TRUE(error->detail().ends_with(".tmp.wav: Read-only file system")) << error->detail();
-    EXPECT_EQ(contentOf(destination), oldContent);
+    EXPECT_EQ(testing::readFile(destination), oldContent);
     EXPECT_EQ(mount.entries(), std::vector<std::string>{"old.wav"});
 }
 
@@ -60,14 +56,14 @@ TEST(AudioEncoderFailure, AFullDiskFailsAndLeavesTheOldFile) {
         if (!AudioEncoder::isAvailable(format))
             continue;
         const auto destination = mount / ("old." + std::string(fileExtension(format)));
-        testing::writeBytes(destination, oldContent);
+        testing::writeFile(destination, oldContent);
         const auto error = errorFrom([&] {
             AudioEncoder::write(source, std::nullopt, destination, EncodeSettings::defaults(format));
         });
         ASSERT_TRUE(error) << rawValue(format);
         EXPECT_EQ(error->kind(), HarluneError::Kind::encodeFailed);
         EXPECT_NE(error->detail().find("No space left on device"), std::string::npos) << error->detail();
-        EXPECT_EQ(contentOf(destination), oldContent);
+        EXPECT_EQ(testing::readFile(destination), oldContent);
         EXPECT_EQ(mount.entries().size(), 1u) << rawValue(format);
         std::filesystem::remove(destination);
     }
@@ -87,7 +83,7 @@ TEST(AudioEncoderFailure, AnEmptyRangeFailsBeforeAnythingIsWritten) {
 TEST(AudioEncoderFailure, CancellingLeavesTheOldFileAndNoTemporaryFile) {
     testing::TemporaryFolder folder;
     const auto destination = folder / "old.flac";
-    testing::writeBytes(destination, oldContent);
+    testing::writeFile(destination, oldContent);
     const ArraySource source(testing::noisePlanes(2, 200000), 48000);
     int calls = 0;
     const auto error = errorFrom([&] {
@@ -97,74 +93,71 @@ TEST(AudioEncoderFailure, CancellingLeavesTheOldFileAndNoTemporaryFile) {
     ASSERT_TRUE(error);
     EXPECT_TRUE(error->isCancelled());
     EXPECT_EQ(calls, 3);
-    EXPECT_EQ(contentOf(destination), oldContent);
+    EXPECT_EQ(testing::readFile(destination), oldContent);
     EXPECT_EQ(folder.entries(), std::vector<std::string>{"old.flac"});
 }
 
-TEST(AudioEncoderFailure, KillingTheProcessMidWriteLeavesTheOldFile) {
+// Either kind of temporary: the new file keeps the old one's mode and owner, or gets the usual
+// mode for the umask, and nothing else is left in the folder.
+TEST(AudioEncoderReplacement, TheNewFileKeepsTheOldModeAndOwnerOrTakesTheUmask) {
+    const ArraySource source(testing::noisePlanes(1, 1000), 48000);
+    for (const auto naming : {FileReplacement::Naming::automatic, FileReplacement::Naming::named}) {
+        testing::TemporaryFolder folder;
+        const auto destination = folder / "kept.wav";
+        testing::writeFile(destination, oldContent);
+        ASSERT_EQ(::chmod(destination.c_str(), 0640), 0);
+        const bool canGiveAway = ::geteuid() == 0 && ::chown(destination.c_str(), 4321, 4322) == 0;
+        const mode_t mask = ::umask(022);
+        for (const auto& path : {destination, folder / "new.wav"}) {
+            FileReplacement::TemporaryFile temporary(path, ExportFormat::wav, naming);
+            EXPECT_EQ(temporary.isNamed(), folder.entries().size() == 2u);
+            testing::writeFile(temporary.writePath(), "new");
+            temporary.commit();
+        }
+        ::umask(mask);
+        struct stat info {};
+        ASSERT_EQ(::stat(destination.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0640u);
+        if (canGiveAway) {
+            EXPECT_EQ(info.st_uid, 4321u);
+            EXPECT_EQ(info.st_gid, 4322u);
+        }
+        EXPECT_EQ(testing::readFile(destination), "new");
+        ASSERT_EQ(::stat((folder / "new.wav").c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0644u);
+        EXPECT_EQ(folder.entries().size(), 2u);
+    }
+}
+
+// Named temporaries of writers that are gone are removed by the next temporary made in the folder;
+// those of living processes, and other hidden files, stay.
+TEST(AudioEncoderReplacement, TemporariesOfDeadWritersAreRemovedByTheNextWrite) {
     testing::TemporaryFolder folder;
-    const auto destination = folder / "old.wav";
-    testing::writeBytes(destination, oldContent);
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ready[0]);
-        const ArraySource source(testing::noisePlanes(2, 48000 * 10), 48000);
-        AudioEncoder::write(source, std::nullopt, destination, wav24(), [&](double) {
-            // Half the file is written: tell the parent, and wait for the end.
-            const char byte = 1;
-            (void)!::write(ready[1], &byte, 1);
-            ::pause();
-            return true;
-        });
+    const pid_t dead = ::fork();
+    ASSERT_GE(dead, 0);
+    if (dead == 0)
         ::_exit(0);
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(contentOf(destination), oldContent);
-    // The half-written file is hidden beside it.
-    const auto entries = folder.entries();
-    EXPECT_EQ(entries.size(), 2u);
-    for (const auto& name : entries)
-        EXPECT_TRUE(name == "old.wav" || (name.starts_with(".old-") && name.ends_with(".tmp.wav"))) << name;
-}
-
-TEST(AudioEncoderReplacement, TheNewFileKeepsTheOldModeAndOwner) {
-    testing::TemporaryFolder folder;
-    const auto destination = folder / "kept.wav";
-    testing::writeBytes(destination, oldContent);
-    ASSERT_EQ(::chmod(destination.c_str(), 0640), 0);
-    const bool canGiveAway = ::geteuid() == 0 && ::chown(destination.c_str(), 4321, 4322) == 0;
+    ::waitpid(dead, nullptr, 0);
+    const std::string uuid = "0F8E1C52-3A4B-4C5D-8E6F-7A8B9C0D1E2F";
+    const std::string deadName = ".song-" + uuid + "." + std::to_string(dead) + ".tmp.wav";
+    const std::vector<std::string> kept = {
+        ".song-" + uuid + "." + std::to_string(::getpid()) + ".tmp.wav", // our own
+        ".song-" + uuid + ".1.tmp.flac",                                 // a living process
+        ".song-" + uuid + ".tmp.wav",                                    // no process id
+        ".notes-" + std::to_string(dead) + ".tmp.txt",                   // no UUID
+        "song-" + uuid + "." + std::to_string(dead) + ".tmp.wav",        // not hidden
+    };
+    testing::writeFile(folder / deadName, "half");
+    for (const auto& name : kept)
+        testing::writeFile(folder / name, "keep");
     const ArraySource source(testing::noisePlanes(1, 1000), 48000);
-    AudioEncoder::write(source, std::nullopt, destination, wav24());
-    struct stat info {};
-    ASSERT_EQ(::stat(destination.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0640u);
-    if (canGiveAway) {
-        EXPECT_EQ(info.st_uid, 4321u);
-        EXPECT_EQ(info.st_gid, 4322u);
-    }
-    EXPECT_NE(contentOf(destination), oldContent);
-    EXPECT_EQ(folder.entries(), std::vector<std::string>{"kept.wav"});
-}
-
-TEST(AudioEncoderReplacement, ANewFileGetsTheUsualModeForTheUmask) {
-    testing::TemporaryFolder folder;
-    const mode_t mask = ::umask(022);
-    const ArraySource source(testing::noisePlanes(1, 1000), 48000);
-    AudioEncoder::write(source, std::nullopt, folder / "new.wav", wav24());
-    ::umask(mask);
-    struct stat info {};
-    ASSERT_EQ(::stat((folder / "new.wav").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0644u);
+    AudioEncoder::write(source, std::nullopt, folder / "next.wav", wav24());
+    auto entries = folder.entries();
+    std::sort(entries.begin(), entries.end());
+    auto expected = kept;
+    expected.push_back("next.wav");
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(entries, expected);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "io/IoTestSupport.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,36 +14,7 @@
 
 namespace harlune::testing {
 
-/// A fresh folder under the system's temporary folder, removed with everything in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "harlune-io-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr)
-            std::abort();
-        path_ = pattern;
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
-    /// Names of the entries, hidden ones included.
-    std::vector<std::string> entries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(path_))
-            names.push_back(entry.path().filename().string());
-        return names;
-    }
-
-private:
-    std::filesystem::path path_;
-};
+using TemporaryFolder = TempDir;
 
 /// A small tmpfs mounted on a temporary folder for as long as the object lives. `mounted()` is
 /// false where the process may not mount (no root, or a container without the privilege).
@@ -124,16 +97,6 @@ inline std::string probeStream(const std::filesystem::path& file, const std::str
     while (!value.empty() && (value.back() == '\n' || value.back() == '\r'))
         value.pop_back();
     return value;
-}
-
-inline std::vector<uint8_t> readBytes(const std::filesystem::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-inline void writeBytes(const std::filesystem::path& file, const std::string& bytes) {
-    std::ofstream stream(file, std::ios::binary);
-    stream << bytes;
 }
 
 } // namespace harlune::testing

@@ -31,6 +31,13 @@ public:
 
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    /// Names of the entries, hidden ones included.
+    std::vector<std::string> entries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path_))
+            names.push_back(entry.path().filename().string());
+        return names;
+    }
 
 private:
     std::filesystem::path path_;
@@ -71,6 +78,15 @@ inline std::vector<std::vector<float>> referenceDecode(const std::filesystem::pa
 
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+inline std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
+    const std::string bytes = readFile(path);
+    return {bytes.begin(), bytes.end()};
 }
 
 /// Puts back the usual tool search at the end of a test that replaced it.
