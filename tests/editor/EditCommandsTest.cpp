@@ -36,49 +36,33 @@ AudioContent sine(int64_t frames, double rate, double hz) {
     return AudioContent({plane, plane}, rate);
 }
 
+using Command = std::function<void(EditorModel&)>;
+Uuid last(const EditorModel& model) {
+    return model.markers().back().id;
+}
+
 class EditCommandsTest : public testing::ModelTest {};
 
 TEST_F(EditCommandsTest, EachCommandLeavesOneNamedUndoStep) {
     model->clipboard().setContent(AudioContent({{0.5f, 0.5f}, {1, 1}}, 48000));
     model->setMarkers({markerAt(10), markerAt(20)});
-    const auto cut = [](EditorModel& m) {
-        m.deleteNamed("Cut");
-    };
-    const auto erase = [](EditorModel& m) {
-        m.deleteNamed("Delete");
-    };
-    const auto silence = [](EditorModel& m) {
-        m.insertSilence(10);
-    };
-    const auto add = [](EditorModel& m) {
-        m.addMarker(5);
-    };
-    const auto remove = [](EditorModel& m) {
-        m.removeMarker(m.markers().back().id);
-    };
-    const auto rename = [](EditorModel& m) {
-        m.renameMarker(m.markers().back().id, "Verse");
-    };
-    const auto move = [](EditorModel& m) {
-        m.moveMarker(m.markers().back().id, 90, true);
-    };
     // Each command runs on the selection and channels of its row.
     const struct {
         const char* name;
         std::optional<FrameRange> selection;
         ChannelSet channels;
-        std::function<void(EditorModel&)> command;
+        Command command;
     } commands[] = {
-        {"Cut", FrameRange{100, 200}, {0, 1}, cut},
-        {"Delete", FrameRange{100, 200}, {0}, erase},
+        {"Cut", FrameRange{100, 200}, {0, 1}, Command([](EditorModel& m) { m.deleteNamed("Cut"); })},
+        {"Delete", FrameRange{100, 200}, {0}, Command([](EditorModel& m) { m.deleteNamed("Delete"); })},
         {"Trim", FrameRange{0, 800}, {1}, &EditorModel::trimToSelection},
         {"Paste", FrameRange{10, 20}, {0}, &EditorModel::paste},
         {"Paste Mix", std::nullopt, {0, 1}, &EditorModel::pasteMix},
-        {"Insert Silence", std::nullopt, {0, 1}, silence},
-        {"Add Marker", std::nullopt, {0, 1}, add},
-        {"Remove Marker", std::nullopt, {0, 1}, remove},
-        {"Rename Marker", std::nullopt, {0, 1}, rename},
-        {"Move Marker", std::nullopt, {0, 1}, move},
+        {"Insert Silence", {}, {0, 1}, Command([](EditorModel& m) { m.insertSilence(10); })},
+        {"Add Marker", {}, {0, 1}, Command([](EditorModel& m) { m.addMarker(5); })},
+        {"Remove Marker", {}, {0, 1}, Command([](EditorModel& m) { m.removeMarker(last(m)); })},
+        {"Rename Marker", {}, {0, 1}, Command([](EditorModel& m) { m.renameMarker(last(m), "Verse"); })},
+        {"Move Marker", {}, {0, 1}, Command([](EditorModel& m) { m.moveMarker(last(m), 90, true); })},
     };
     for (const auto& c : commands) {
         model->setSelection(c.selection, c.channels);
