@@ -26,7 +26,17 @@ bool waitFor(const std::atomic<bool>& flag) {
 
 using Token = std::shared_ptr<ProgressToken>;
 
-class EditorModelProcessTest : public testing::ModelTest {};
+class EditorModelProcessTest : public testing::ModelTest {
+protected:
+    /// Starts work named `name` that returns its content unchanged once `release` is set.
+    void startHeld(const QString& name) {
+        model->process(name, [this](AudioContent content, Token) {
+            waitFor(release);
+            return content;
+        });
+    }
+    std::atomic<bool> release{false};
+};
 
 TEST_F(EditorModelProcessTest, SuccessCommitsOneUndoStepWithWhatTheProducersMake) {
     model->setSelection(FrameRange{100, 200});
@@ -80,7 +90,6 @@ TEST_F(EditorModelProcessTest, SelectionNotGivenStaysAndAChannelChangeActivatesA
 }
 
 TEST_F(EditorModelProcessTest, WorkSeesOnlyItsCopyAndTheCommitWritesOverTheDocument) {
-    std::atomic<bool> release{false};
     model->process("Slow", [&](AudioContent content, Token) {
         waitFor(release);
         content.deleteRange({0, 10});
@@ -142,12 +151,8 @@ TEST_F(EditorModelProcessTest, FailuresGoToPresentErrorWithNoUndoStep) {
 }
 
 TEST_F(EditorModelProcessTest, ASecondProcessWhileBusyIsRefusedWithTheAlert) {
-    std::atomic<bool> release{false};
     std::atomic<int> secondRuns{0};
-    model->process("First", [&](AudioContent content, Token) {
-        waitFor(release);
-        return content;
-    });
+    startHeld("First");
     model->process("Second", [&](AudioContent content, Token) {
         ++secondRuns;
         return content;
@@ -163,7 +168,6 @@ TEST_F(EditorModelProcessTest, ASecondProcessWhileBusyIsRefusedWithTheAlert) {
 }
 
 TEST_F(EditorModelProcessTest, TheBusyTimerCopiesItsOwnTokensFraction) {
-    std::atomic<bool> release{false};
     model->process("Render", [&](AudioContent content, Token token) {
         token->setFraction(0.25);
         waitFor(release);
@@ -194,11 +198,7 @@ TEST_F(EditorModelProcessTest, TheBusyTimerCopiesItsOwnTokensFraction) {
 }
 
 TEST_F(EditorModelProcessTest, AClosedModelDropsTheResult) {
-    std::atomic<bool> release{false};
-    model->process("Slow", [&](AudioContent content, Token) {
-        waitFor(release);
-        return content;
-    });
+    startHeld("Slow");
     model.reset();
     release = true;
     testing::drainJobs(); // delivers the queued commit to nobody

@@ -144,19 +144,11 @@ TEST_F(EditorModelViewTest, SelectionCommands) {
     EXPECT_FALSE(model->selection());
     EXPECT_EQ(model->activeChannels(), (ChannelSet{0, 1, 2}));
 
-    model->setCursor(77);
-    model->setSelection(FrameRange{-50, 900}, std::nullopt);
-    EXPECT_EQ(model->selection(), (FrameRange{0, 500}));
-    EXPECT_EQ(model->cursor(), 0);
+    // How setSelection clamps and moves the cursor is checked in the randomized test.
     model->setSelection(FrameRange{100, 200}, ChannelSet{1});
-    EXPECT_EQ(model->cursor(), 100);
     EXPECT_EQ(model->targetChannels(), ChannelSet{1});
-    model->setCursor(300);
     model->setSelection(std::nullopt, ChannelSet{0, 1, 2});
-    EXPECT_EQ(model->cursor(), 300);
     EXPECT_FALSE(model->targetChannels());
-    model->setSelection(FrameRange{600, 700}, std::nullopt); // past the end: empty, so absent
-    EXPECT_FALSE(model->selection());
 
     model->setSelection(FrameRange{10, 20});
     EXPECT_EQ(model->playRange(), (FrameRange{0, 500}));

@@ -11,6 +11,7 @@
 #include <QThreadPool>
 #include <QUndoStack>
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -89,14 +90,20 @@ private:
     std::shared_ptr<Probe> probe_;
 };
 
-/// A model whose collaborators report into `probe`.
-inline std::unique_ptr<EditorModel> probedModel(AudioContent content, const std::shared_ptr<Probe>& probe,
-                                                std::optional<AudioFileInfo> info = std::nullopt) {
+/// Collaborators that report into `probe`; the analysis one only when `withAnalysis`.
+inline EditorCollaborators probeCollaborators(const std::shared_ptr<Probe>& probe, bool withAnalysis = true) {
     EditorCollaborators collaborators;
     collaborators.player = std::make_unique<ProbePlayer>(probe);
     collaborators.rack = std::make_unique<ProbeRack>(probe);
-    collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
-    return std::make_unique<EditorModel>(std::move(content), std::move(info), std::move(collaborators));
+    if (withAnalysis)
+        collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
+    return collaborators;
+}
+
+/// A model whose collaborators report into `probe`.
+inline std::unique_ptr<EditorModel> probedModel(AudioContent content, const std::shared_ptr<Probe>& probe,
+                                                std::optional<AudioFileInfo> info = std::nullopt) {
+    return std::make_unique<EditorModel>(std::move(content), std::move(info), probeCollaborators(probe));
 }
 
 /// What the real measurement scheduler reported, with the time of each report in ms since
@@ -119,21 +126,23 @@ struct AnalysisLog {
     }
 };
 
-/// A model with the real measurement scheduler reporting into `log`, and the probe's player.
+/// A model with the real measurement scheduler reporting into `log`, and the probe's player;
+/// `onMeasuring` runs on the main thread as each job leaves its debounce.
 inline std::unique_ptr<EditorModel> measuredModel(AudioContent content,
                                                   const std::shared_ptr<AnalysisLog>& log,
                                                   const std::shared_ptr<Probe>& probe,
-                                                  LoudnessAnalysisScheduler** scheduler = nullptr) {
+                                                  LoudnessAnalysisScheduler** scheduler = nullptr,
+                                                  std::function<void()> onMeasuring = {}) {
     LoudnessAnalysisScheduler::Observers observers;
-    observers.measuring = [log](AnalysisKind kind) {
+    observers.measuring = [log, onMeasuring](AnalysisKind kind) {
         log->measuring.emplace_back(kind, log->clock.elapsed());
+        if (onMeasuring)
+            onMeasuring();
     };
     observers.published = [log](AnalysisKind kind) {
         log->published.emplace_back(kind, log->clock.elapsed());
     };
-    EditorCollaborators collaborators;
-    collaborators.player = std::make_unique<ProbePlayer>(probe);
-    collaborators.rack = std::make_unique<ProbeRack>(probe);
+    EditorCollaborators collaborators = probeCollaborators(probe, false);
     auto measurements = std::make_unique<LoudnessAnalysisScheduler>(std::move(observers));
     if (scheduler)
         *scheduler = measurements.get();
@@ -187,10 +196,7 @@ protected:
 
     /// A fresh model of `content`; a given clipboard is shared instead of the model's own.
     void use(AudioContent content, std::shared_ptr<AudioClipboard> clipboard = nullptr) {
-        EditorCollaborators collaborators;
-        collaborators.player = std::make_unique<ProbePlayer>(probe);
-        collaborators.rack = std::make_unique<ProbeRack>(probe);
-        collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
+        EditorCollaborators collaborators = probeCollaborators(probe);
         collaborators.clipboard = std::move(clipboard);
         model = std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
         model->setUndoManager(&stack);
@@ -233,6 +239,10 @@ protected:
         ASSERT_TRUE(log->waitForPublished(AnalysisKind::file));
     }
     bool running(AnalysisKind kind) const { return scheduler->isRunning(kind); }
+    /// Runs the event loop until no measurement is pending; false on timeout.
+    bool settled() {
+        return QTest::qWaitFor([this] { return !model->isAnalyzing(); }, 20000);
+    }
 
     std::shared_ptr<AnalysisLog> log = std::make_shared<AnalysisLog>();
     std::shared_ptr<Probe> probe = std::make_shared<Probe>();

@@ -1,7 +1,6 @@
 // The loudness panel's figures on the model: the active measurement, the plan, the presets.
 #include "EditorTestSupport.h"
 #include "core/LoudnessProcessing.h"
-#include "editor/LoudnessPreset.h"
 #include "support/LibEbur128.h"
 #include "support/TestAudio.h"
 
@@ -62,15 +61,6 @@ TEST_F(LoudnessWorkflowTest, thePlanComesFromTheActiveFigureInEitherMode) {
         measured(-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()));
     model->setSelection(std::optional<FrameRange>());
     EXPECT_FALSE(model->loudnessPlan()); // silence has none
-}
-
-TEST_F(LoudnessWorkflowTest, thePresetsInTheirOrder) {
-    const auto presets = loudnessPresets();
-    ASSERT_EQ(presets.size(), 8u);
-    EXPECT_EQ(presets[0], (LoudnessPreset{"Spotify / YouTube / Tidal", -14, -1}));
-    EXPECT_EQ(presets[4], (LoudnessPreset{"Audiobook (ACX)", -20, -3}));
-    EXPECT_EQ(presets[7], (LoudnessPreset{"Club / Loud Master", -9, -0.3}));
-    EXPECT_EQ(presets[6].id(), "ATSC A/85 (US TV)");
 }
 
 TEST_F(LoudnessWorkflowTest, thePreviewGainFollowsThePlan) {
@@ -139,8 +129,9 @@ protected:
     // Applies and waits for the job; false if none started or it never ended.
     bool apply() {
         model->applyLoudness();
-        if (!model->busy())
-            return false;
+        return model->busy() && idle();
+    }
+    bool idle() {
         return QTest::qWaitFor([this] { return !model->busy(); }, 30000);
     }
 
@@ -239,7 +230,7 @@ TEST_F(LoudnessApplyTest, theEnvelopesAreBakedInAndClearedAfter) {
     stack.redo();
 
     // A set without effect leaves an empty one all the same.
-    ASSERT_TRUE(QTest::qWaitFor([this] { return !model->isAnalyzing(); }, 20000));
+    ASSERT_TRUE(settled());
     model->setEnvelopes(EnvelopeSet(GainEnvelope({EnvelopePoint(100, 0)})));
     ASSERT_FALSE(model->envelopes().isEmpty());
     ASSERT_TRUE(apply());
@@ -247,11 +238,8 @@ TEST_F(LoudnessApplyTest, theEnvelopesAreBakedInAndClearedAfter) {
 }
 
 TEST_F(LoudnessApplyTest, aSilentFileHasNothingToApply) {
-    open(AudioContent::silence(48000, 2, 48000));
-    ASSERT_TRUE(model->loudness());
-    EXPECT_FALSE(model->loudnessPlan());
+    open(AudioContent::silence(48000, 2, 48000)); // no plan, as the plan table shows
     model->setPreviewLoudness(true);
-    EXPECT_EQ(probe->lastGain, 1.0f);
     model->applyLoudness();
     EXPECT_FALSE(model->busy());
     EXPECT_EQ(stack.count(), 0);
@@ -274,7 +262,7 @@ TEST_F(LoudnessApplyTest, busyOrCancelledChangesNothing) {
     model->applyLoudness();
     ASSERT_TRUE(model->busy());
     model->busy()->token->cancel();
-    ASSERT_TRUE(QTest::qWaitFor([this] { return !model->busy(); }, 30000));
+    ASSERT_TRUE(idle());
     EXPECT_EQ(stack.count(), 0);
     EXPECT_EQ(testing::planesOf(model->content()), original);
 }
