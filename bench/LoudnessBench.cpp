@@ -30,8 +30,14 @@ void analyzeHour(benchmark::State& state, const char* kind) {
     state.counters["truePeakDBTP"] = result.truePeakDBTP;
     state.SetItemsProcessed(state.iterations() * bench::hourFrames * 2);
 }
-BENCHMARK_CAPTURE(analyzeHour, pink, "pink")->Unit(benchmark::kSecond)->Iterations(3)->MeasureProcessCPUTime();
-BENCHMARK_CAPTURE(analyzeHour, music, "music")->Unit(benchmark::kSecond)->Iterations(3)->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(analyzeHour, pink, "pink")
+    ->Unit(benchmark::kSecond)
+    ->Iterations(3)
+    ->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(analyzeHour, music, "music")
+    ->Unit(benchmark::kSecond)
+    ->Iterations(3)
+    ->MeasureProcessCPUTime();
 
 // The same work on one thread: what the machine's other cores do not help with.
 void analyzeHourOneThread(benchmark::State& state, const char* kind) {
@@ -47,7 +53,10 @@ void analyzeHourOneThread(benchmark::State& state, const char* kind) {
     state.counters["integratedLUFS"] = result.integratedLUFS;
     state.SetItemsProcessed(state.iterations() * bench::hourFrames * 2);
 }
-BENCHMARK_CAPTURE(analyzeHourOneThread, pink, "pink")->Unit(benchmark::kSecond)->Iterations(3)->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(analyzeHourOneThread, pink, "pink")
+    ->Unit(benchmark::kSecond)
+    ->Iterations(3)
+    ->MeasureProcessCPUTime();
 BENCHMARK_CAPTURE(analyzeHourOneThread, music, "music")
     ->Unit(benchmark::kSecond)
     ->Iterations(3)
@@ -66,7 +75,12 @@ void limitTenMinutes(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * 600 * 48000 * 2);
 }
-BENCHMARK(limitTenMinutes)->Arg(10)->Arg(-20)->Unit(benchmark::kSecond)->Iterations(2)->MeasureProcessCPUTime();
+BENCHMARK(limitTenMinutes)
+    ->Arg(10)
+    ->Arg(-20)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(2)
+    ->MeasureProcessCPUTime();
 
 } // namespace
 } // namespace harlune

@@ -1,9 +1,9 @@
 #include "CliSupport.h"
 #include "Commands.h"
-#include "core/DemoSound.h"
 #include "OpenAudio.h"
 #include "base/Decibels.h"
 #include "base/HarluneError.h"
+#include "core/DemoSound.h"
 #include "io/AudioDecoder.h"
 
 #include <algorithm>

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
-
 #include <nlohmann/json.hpp>
 
 namespace harlune {
@@ -37,11 +36,14 @@ constexpr std::array<ExportFormat, 8> allFormats{ExportFormat::wav,  ExportForma
                                                  ExportFormat::flac, ExportFormat::alac, ExportFormat::aac,
                                                  ExportFormat::mp3,  ExportFormat::opus};
 
-const FormatRow& row(ExportFormat format) { return formatTable[static_cast<size_t>(format)]; }
+const FormatRow& row(ExportFormat format) {
+    return formatTable[static_cast<size_t>(format)];
+}
 
 constexpr std::array<PCMBitDepth, 4> depthsWavCaf{PCMBitDepth::int16, PCMBitDepth::int24, PCMBitDepth::int32,
-                                                 PCMBitDepth::float32};
-constexpr std::array<PCMBitDepth, 3> depthsInteger{PCMBitDepth::int16, PCMBitDepth::int24, PCMBitDepth::int32};
+                                                  PCMBitDepth::float32};
+constexpr std::array<PCMBitDepth, 3> depthsInteger{PCMBitDepth::int16, PCMBitDepth::int24,
+                                                   PCMBitDepth::int32};
 constexpr std::array<PCMBitDepth, 2> depthsFlac{PCMBitDepth::int16, PCMBitDepth::int24};
 
 constexpr std::array<int, 7> ratesAac{64, 96, 128, 160, 192, 256, 320};
@@ -53,15 +55,18 @@ constexpr std::array<double, 12> sampleRatesAac{8000,  11025, 12000, 16000, 2205
 constexpr std::array<double, 3> sampleRatesMp3{32000, 44100, 48000};
 constexpr std::array<double, 1> sampleRatesOpus{48000};
 
-template <class T>
-void hashCombine(size_t& seed, const T& value) {
+template <class T> void hashCombine(size_t& seed, const T& value) {
     seed ^= std::hash<T>{}(value) + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
 }
 
 } // namespace
 
-std::span<const ExportFormat> allExportFormats() { return allFormats; }
-std::string_view rawValue(ExportFormat format) { return row(format).raw; }
+std::span<const ExportFormat> allExportFormats() {
+    return allFormats;
+}
+std::string_view rawValue(ExportFormat format) {
+    return row(format).raw;
+}
 
 std::optional<ExportFormat> exportFormatFromRawValue(std::string_view raw) {
     for (const auto& r : formatTable)
@@ -70,12 +75,24 @@ std::optional<ExportFormat> exportFormatFromRawValue(std::string_view raw) {
     return std::nullopt;
 }
 
-std::string_view displayName(ExportFormat format) { return row(format).displayName; }
-std::string_view fileExtension(ExportFormat format) { return row(format).fileExtension; }
-std::string_view typeIdentifier(ExportFormat format) { return row(format).typeIdentifier; }
-bool isLossy(ExportFormat format) { return row(format).isLossy; }
-bool isPCM(ExportFormat format) { return row(format).isPCM; }
-int maxChannels(ExportFormat format) { return row(format).maxChannels; }
+std::string_view displayName(ExportFormat format) {
+    return row(format).displayName;
+}
+std::string_view fileExtension(ExportFormat format) {
+    return row(format).fileExtension;
+}
+std::string_view typeIdentifier(ExportFormat format) {
+    return row(format).typeIdentifier;
+}
+bool isLossy(ExportFormat format) {
+    return row(format).isLossy;
+}
+bool isPCM(ExportFormat format) {
+    return row(format).isPCM;
+}
+int maxChannels(ExportFormat format) {
+    return row(format).maxChannels;
+}
 
 std::span<const PCMBitDepth> supportedBitDepths(ExportFormat format) {
     switch (format) {
@@ -136,7 +153,9 @@ std::optional<PCMBitDepth> pcmBitDepthFromRawValue(int raw) {
     }
 }
 
-int bits(PCMBitDepth depth) { return depth == PCMBitDepth::float32 ? 32 : static_cast<int>(depth); }
+int bits(PCMBitDepth depth) {
+    return depth == PCMBitDepth::float32 ? 32 : static_cast<int>(depth);
+}
 
 std::string_view displayName(PCMBitDepth depth) {
     switch (depth) {
@@ -152,7 +171,9 @@ std::string_view displayName(PCMBitDepth depth) {
     return "";
 }
 
-std::string_view rawValue(DitherMode mode) { return mode == DitherMode::none ? "none" : "tpdf"; }
+std::string_view rawValue(DitherMode mode) {
+    return mode == DitherMode::none ? "none" : "tpdf";
+}
 
 std::optional<DitherMode> ditherModeFromRawValue(std::string_view raw) {
     if (raw == "none")
@@ -162,7 +183,9 @@ std::optional<DitherMode> ditherModeFromRawValue(std::string_view raw) {
     return std::nullopt;
 }
 
-std::string_view displayName(DitherMode mode) { return mode == DitherMode::none ? "None" : "Triangular (TPDF)"; }
+std::string_view displayName(DitherMode mode) {
+    return mode == DitherMode::none ? "None" : "Triangular (TPDF)";
+}
 
 EncodeSettings EncodeSettings::defaults(ExportFormat format) {
     EncodeSettings settings;

@@ -3,12 +3,11 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json_fwd.hpp>
 
 namespace harlune {
 
@@ -43,11 +42,15 @@ std::optional<std::span<const double>> supportedSampleRates(ExportFormat format)
 
 // PCMBitDepth ---------------------------------------------------------------------------------
 
-constexpr int rawValue(PCMBitDepth depth) { return static_cast<int>(depth); }
+constexpr int rawValue(PCMBitDepth depth) {
+    return static_cast<int>(depth);
+}
 std::optional<PCMBitDepth> pcmBitDepthFromRawValue(int raw);
 /// 16, 24, 32, and 32 for float.
 int bits(PCMBitDepth depth);
-constexpr bool isFloat(PCMBitDepth depth) { return depth == PCMBitDepth::float32; }
+constexpr bool isFloat(PCMBitDepth depth) {
+    return depth == PCMBitDepth::float32;
+}
 /// "16-bit", "24-bit", "32-bit", "32-bit float".
 std::string_view displayName(PCMBitDepth depth);
 
@@ -92,7 +95,7 @@ struct AudioFileInfo {
     std::optional<int> bitDepth;
     bool isFloat = false;
     std::optional<int> bitRateKbps;
-    int64_t frameCount = 0; ///< frames per channel
+    int64_t frameCount = 0;          ///< frames per channel
     std::optional<int64_t> fileSize; ///< bytes
     bool isLossy = false;
     std::optional<ExportFormat> nativeExportFormat;
@@ -106,12 +109,10 @@ struct AudioFileInfo {
 
 } // namespace harlune
 
-template <>
-struct std::hash<harlune::EncodeSettings> {
+template <> struct std::hash<harlune::EncodeSettings> {
     size_t operator()(const harlune::EncodeSettings& s) const noexcept;
 };
 
-template <>
-struct std::hash<harlune::AudioFileInfo> {
+template <> struct std::hash<harlune::AudioFileInfo> {
     size_t operator()(const harlune::AudioFileInfo& info) const noexcept;
 };

@@ -6,7 +6,8 @@ namespace harlune {
 
 std::vector<std::vector<float>> AudioSource::readChannels(FrameRange range) const {
     const auto channels = static_cast<size_t>(std::max(0, channelCount()));
-    std::vector<std::vector<float>> result(channels, std::vector<float>(static_cast<size_t>(std::max<int64_t>(0, range.length()))));
+    std::vector<std::vector<float>> result(
+        channels, std::vector<float>(static_cast<size_t>(std::max<int64_t>(0, range.length()))));
     if (range.isEmpty())
         return result;
     std::vector<float*> pointers(channels);
@@ -20,7 +21,8 @@ ArraySource::ArraySource(std::vector<std::vector<float>> channels, double sample
     : channels_(std::move(channels)), sampleRate_(sampleRate) {
     HARLUNE_PRECONDITION(!channels_.empty(), "ArraySource needs at least one channel");
     for (const auto& channel : channels_)
-        HARLUNE_PRECONDITION(channel.size() == channels_.front().size(), "ArraySource channels differ in length");
+        HARLUNE_PRECONDITION(channel.size() == channels_.front().size(),
+                             "ArraySource channels differ in length");
 }
 
 void ArraySource::read(FrameRange range, ChannelPointers destination) const {

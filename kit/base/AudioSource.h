@@ -1,13 +1,13 @@
 #pragma once
 
+#include "base/FrameRange.h"
+#include "base/Precondition.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <vector>
-
-#include "base/FrameRange.h"
-#include "base/Precondition.h"
 
 namespace harlune {
 
@@ -80,7 +80,8 @@ void AudioSource::forEachChunk(std::optional<FrameRange> range, int64_t chunkSiz
     const int channels = channelCount();
     if (walk.isEmpty() || channels <= 0)
         return;
-    HARLUNE_PRECONDITION(walk.lower >= 0 && walk.upper <= frameCount(), "forEachChunk range outside the source");
+    HARLUNE_PRECONDITION(walk.lower >= 0 && walk.upper <= frameCount(),
+                         "forEachChunk range outside the source");
 
     const int64_t capacity = std::max<int64_t>(1, std::min(chunkSize, walk.length()));
     std::vector<std::vector<float>> buffers(static_cast<size_t>(channels),

@@ -4,7 +4,9 @@
 
 namespace harlune::Decibels {
 
-double toLinear(double dB) { return std::pow(10.0, dB / 20.0); }
+double toLinear(double dB) {
+    return std::pow(10.0, dB / 20.0);
+}
 
 double fromLinear(double x) {
     if (!(x > 0.0))

@@ -11,10 +11,14 @@ class HarluneError : public std::exception {
 public:
     enum class Kind { unsupportedFormat, decodeFailed, encodeFailed, codecUnavailable, cancelled };
 
-    static HarluneError unsupportedFormat(std::string detail) { return {Kind::unsupportedFormat, std::move(detail)}; }
+    static HarluneError unsupportedFormat(std::string detail) {
+        return {Kind::unsupportedFormat, std::move(detail)};
+    }
     static HarluneError decodeFailed(std::string detail) { return {Kind::decodeFailed, std::move(detail)}; }
     static HarluneError encodeFailed(std::string detail) { return {Kind::encodeFailed, std::move(detail)}; }
-    static HarluneError codecUnavailable(std::string detail) { return {Kind::codecUnavailable, std::move(detail)}; }
+    static HarluneError codecUnavailable(std::string detail) {
+        return {Kind::codecUnavailable, std::move(detail)};
+    }
     static HarluneError cancelled() { return {Kind::cancelled, {}}; }
 
     Kind kind() const noexcept { return kind_; }

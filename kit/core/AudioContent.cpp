@@ -1,11 +1,11 @@
 #include "core/AudioContent.h"
 
+#include "base/Precondition.h"
+#include "core/AudioContentBuilder.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-
-#include "base/Precondition.h"
-#include "core/AudioContentBuilder.h"
 
 namespace harlune {
 
@@ -26,7 +26,8 @@ const std::shared_ptr<const std::vector<int64_t>>& emptyStarts() {
 } // namespace
 
 AudioContent::AudioContent(int channelCount, double sampleRate)
-    : channelCount_(channelCount), sampleRate_(sampleRate), segments_(emptySegments()), starts_(emptyStarts()) {
+    : channelCount_(channelCount), sampleRate_(sampleRate), segments_(emptySegments()),
+      starts_(emptyStarts()) {
     HARLUNE_PRECONDITION(channelCount >= 1, "AudioContent needs at least one channel");
 }
 
@@ -36,7 +37,8 @@ AudioContent::AudioContent(int channelCount, double sampleRate, std::vector<Segm
     for (const auto& segment : segments) {
         HARLUNE_PRECONDITION(segment.block && segment.block->channelCount() == channelCount,
                              "segment's block has another channel count");
-        HARLUNE_PRECONDITION(segment.offset >= 0 && segment.offset + segment.count <= segment.block->frameCount(),
+        HARLUNE_PRECONDITION(segment.offset >= 0 &&
+                                 segment.offset + segment.count <= segment.block->frameCount(),
                              "segment window outside its block");
     }
     reindex(std::move(segments));
@@ -158,7 +160,8 @@ AudioContent AudioContent::slice(FrameRange range) const {
     const auto& segments = *segments_;
     const auto& starts = *starts_;
     std::vector<Segment> windows;
-    for (auto i = static_cast<size_t>(locate(clamped.lower)); i < segments.size() && starts[i] < clamped.upper; ++i) {
+    for (auto i = static_cast<size_t>(locate(clamped.lower));
+         i < segments.size() && starts[i] < clamped.upper; ++i) {
         const int64_t from = std::max(clamped.lower, starts[i]) - starts[i];
         const int64_t to = std::min(clamped.upper - starts[i], segments[i].count);
         windows.push_back({segments[i].block, segments[i].offset + from, to - from});
@@ -198,11 +201,17 @@ void AudioContent::replaceSubrange(FrameRange range, const AudioContent& other) 
     compactIfFragmented();
 }
 
-void AudioContent::deleteRange(FrameRange range) { replaceSubrange(range, AudioContent(channelCount_, sampleRate_)); }
+void AudioContent::deleteRange(FrameRange range) {
+    replaceSubrange(range, AudioContent(channelCount_, sampleRate_));
+}
 
-void AudioContent::insert(const AudioContent& other, int64_t at) { replaceSubrange({at, at}, other); }
+void AudioContent::insert(const AudioContent& other, int64_t at) {
+    replaceSubrange({at, at}, other);
+}
 
-void AudioContent::append(const AudioContent& other) { replaceSubrange({frameCount_, frameCount_}, other); }
+void AudioContent::append(const AudioContent& other) {
+    replaceSubrange({frameCount_, frameCount_}, other);
+}
 
 AudioContent AudioContent::transformed(FrameRange range, const std::optional<ChannelSet>& channels,
                                        int64_t chunkSize, TransformBody body) const {
@@ -331,7 +340,8 @@ PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
         result.merge(stretch.min, stretch.max, stretch.sumSquares, to - from);
     };
 
-    for (auto i = static_cast<size_t>(locate(clamped.lower)); i < segments.size() && starts[i] < clamped.upper; ++i) {
+    for (auto i = static_cast<size_t>(locate(clamped.lower));
+         i < segments.size() && starts[i] < clamped.upper; ++i) {
         const Segment& segment = segments[i];
         const AudioBlock& block = *segment.block;
         const int64_t lo = segment.offset + std::max<int64_t>(0, clamped.lower - starts[i]);

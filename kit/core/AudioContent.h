@@ -1,16 +1,16 @@
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <span>
-#include <vector>
-
 #include "base/AudioSource.h"
 #include "base/ChannelSet.h"
 #include "base/FrameRange.h"
 #include "base/FunctionRef.h"
 #include "core/AudioBlock.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
 
 namespace harlune {
 

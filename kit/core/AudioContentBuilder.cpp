@@ -1,11 +1,11 @@
 #include "core/AudioContentBuilder.h"
 
+#include "base/Precondition.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include "base/Precondition.h"
 
 namespace harlune {
 
@@ -76,7 +76,8 @@ void AudioContentBuilder::append(const std::vector<std::vector<float>>& arrays) 
 }
 
 void AudioContentBuilder::append(const AudioContent& content) {
-    HARLUNE_PRECONDITION(content.channelCount() == channelCount_, "builder append of content with another channel count");
+    HARLUNE_PRECONDITION(content.channelCount() == channelCount_,
+                         "builder append of content with another channel count");
     flush();
     segments_.insert(segments_.end(), content.segments().begin(), content.segments().end());
 }
@@ -84,7 +85,8 @@ void AudioContentBuilder::append(const AudioContent& content) {
 void AudioContentBuilder::appendSilence(int64_t frames) {
     if (frames < 1)
         return;
-    const std::vector<float> zeros(static_cast<size_t>(std::min(frames, AudioBlock::preferredFrameCount)), 0.0f);
+    const std::vector<float> zeros(static_cast<size_t>(std::min(frames, AudioBlock::preferredFrameCount)),
+                                   0.0f);
     std::vector<std::span<const float>> views(pending_.size());
     for (int64_t done = 0; done < frames;) {
         const int64_t n = std::min(frames - done, static_cast<int64_t>(zeros.size()));

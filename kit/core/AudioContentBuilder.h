@@ -1,10 +1,10 @@
 #pragma once
 
+#include "core/AudioContent.h"
+
 #include <cstdint>
 #include <span>
 #include <vector>
-
-#include "core/AudioContent.h"
 
 namespace harlune {
 

@@ -1,11 +1,10 @@
 #include "core/TempoGrid.h"
 
+#include "base/Clamped.h"
+
 #include <algorithm>
 #include <cmath>
-
 #include <nlohmann/json.hpp>
-
-#include "base/Clamped.h"
 
 namespace harlune {
 
@@ -13,7 +12,8 @@ TempoGrid::TempoGrid(double bpmValue, int beats, int64_t downbeat)
     : bpm(clamped(bpmValue, minBPM, maxBPM)), beatsPerBar(std::max(1, beats)), downbeatFrame(downbeat) {}
 
 int64_t TempoGrid::beatIndex(double position, double sampleRate) const {
-    return static_cast<int64_t>(std::floor((position - static_cast<double>(downbeatFrame)) / beatFrames(sampleRate)));
+    return static_cast<int64_t>(
+        std::floor((position - static_cast<double>(downbeatFrame)) / beatFrames(sampleRate)));
 }
 
 double TempoGrid::beatFrame(int64_t index, double sampleRate) const {
@@ -26,7 +26,8 @@ int64_t TempoGrid::barIndex(double position, double sampleRate) const {
 }
 
 double TempoGrid::barFrame(int64_t index, double sampleRate) const {
-    return beatFrames(sampleRate) * beatsPerBar * static_cast<double>(index) + static_cast<double>(downbeatFrame);
+    return beatFrames(sampleRate) * beatsPerBar * static_cast<double>(index) +
+           static_cast<double>(downbeatFrame);
 }
 
 FrameRange TempoGrid::barsRange(int64_t firstBar, int64_t secondBar, double sampleRate, int64_t limit) const {
@@ -48,11 +49,13 @@ double TempoGrid::snapped(double position, double sampleRate, int division) cons
 }
 
 TempoGrid TempoGrid::scaled(double factor) const {
-    return TempoGrid(bpm, beatsPerBar, static_cast<int64_t>(std::round(static_cast<double>(downbeatFrame) * factor)));
+    return TempoGrid(bpm, beatsPerBar,
+                     static_cast<int64_t>(std::round(static_cast<double>(downbeatFrame) * factor)));
 }
 
 void to_json(nlohmann::json& json, const TempoGrid& grid) {
-    json = nlohmann::json{{"bpm", grid.bpm}, {"beatsPerBar", grid.beatsPerBar}, {"downbeatFrame", grid.downbeatFrame}};
+    json = nlohmann::json{
+        {"bpm", grid.bpm}, {"beatsPerBar", grid.beatsPerBar}, {"downbeatFrame", grid.downbeatFrame}};
 }
 
 void from_json(const nlohmann::json& json, TempoGrid& grid) {

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <cstdint>
-
-#include <nlohmann/json_fwd.hpp>
-
 #include "base/FrameRange.h"
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 
 namespace harlune {
 

@@ -47,8 +47,7 @@ inline Float4 max4(Float4 a, Float4 b) {
 
 // One position of one phase, summed in the order the vector kernels use, fused or not like them,
 // so that a position gives the same value whether it falls in a vector step or in a tail.
-template <bool fused>
-float scalarPhase(const float* taps, const float* x) {
+template <bool fused> float scalarPhase(const float* taps, const float* x) {
     float sum = 0;
     for (int k = 0; k < tapCount; ++k)
         sum = fused ? std::fma(x[k], taps[k], sum) : sum + x[k] * taps[k];

@@ -1,9 +1,9 @@
 #include "io/AudioDecoder.h"
 
 #include "base/HarluneError.h"
-#include "io/SndFileCannotDecode.h"
 #include "io/FFmpegDecoder.h"
 #include "io/FFmpegTool.h"
+#include "io/SndFileCannotDecode.h"
 #include "io/SndFileReader.h"
 
 #include <algorithm>

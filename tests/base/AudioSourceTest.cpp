@@ -1,12 +1,13 @@
-#include <gtest/gtest.h>
-
 #include "base/AudioSource.h"
+
+#include <gtest/gtest.h>
 
 namespace harlune {
 namespace {
 
 ArraySource ramp(int channels, int frames) {
-    std::vector<std::vector<float>> data(static_cast<size_t>(channels), std::vector<float>(static_cast<size_t>(frames)));
+    std::vector<std::vector<float>> data(static_cast<size_t>(channels),
+                                         std::vector<float>(static_cast<size_t>(frames)));
     for (int c = 0; c < channels; ++c)
         for (int i = 0; i < frames; ++i)
             data[static_cast<size_t>(c)][static_cast<size_t>(i)] = static_cast<float>(c * 1000 + i);

@@ -1,10 +1,9 @@
-#include <atomic>
-#include <thread>
-
-#include <gtest/gtest.h>
-
 #include "core/AudioContent.h"
 #include "support/TestAudio.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
 
 namespace harlune {
 namespace {
@@ -29,7 +28,8 @@ TEST(AudioContentConcurrencyTest, ReadersAndAnEditorShareOneContent) {
                 const AudioContent local = shared; // a copy per pass, as the audio thread makes
                 start = (start + 104'729) % (local.frameCount() - 1000);
                 local.read({start, start + 1000}, pointers);
-                if (a[0] != planes[0][static_cast<size_t>(start)] || b[999] != planes[1][static_cast<size_t>(start + 999)])
+                if (a[0] != planes[0][static_cast<size_t>(start)] ||
+                    b[999] != planes[1][static_cast<size_t>(start + 999)])
                     mismatches.fetch_add(1);
                 (void)local.peaks(r % 2, {start, start + 50'000});
             }

@@ -1,7 +1,7 @@
+#include "core/TempoGrid.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include "core/TempoGrid.h"
 
 namespace harlune {
 namespace {

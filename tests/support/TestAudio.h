@@ -1,10 +1,10 @@
 #pragma once
 
+#include "core/AudioContent.h"
+
 #include <cstdint>
 #include <random>
 #include <vector>
-
-#include "core/AudioContent.h"
 
 namespace harlune::testing {
 
@@ -22,7 +22,9 @@ inline Planes noisePlanes(int channels, int64_t frames, uint32_t seed = 1) {
 }
 
 /// Every frame of a content, read back as planes.
-inline Planes planesOf(const AudioSource& source) { return source.readChannels(source.fullRange()); }
+inline Planes planesOf(const AudioSource& source) {
+    return source.readChannels(source.fullRange());
+}
 
 /// A content whose segments are cut at the given frames (each a window on blocks of `planes`),
 /// to exercise walks across segment borders.
