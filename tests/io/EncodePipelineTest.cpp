@@ -9,7 +9,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
-#include <regex>
 #include <unistd.h>
 
 namespace harlune {
@@ -420,20 +419,33 @@ TEST(EncodePlan, SettingsAreNormalisedAndAlacStopsAt24Bits) {
     EXPECT_EQ(EncodePlan::make(source, std::nullopt, mp3).settings.bitRateKbps, 320);
 }
 
+// Whether `name` is `prefix`, an upper-case version 4 UUID, ".", this process's id and `suffix`
+// (std::regex trips a false warning of g++ 12 under the sanitizers).
+bool isTemporaryName(const std::string& name, const std::string& prefix, const std::string& suffix) {
+    std::string tail = ".";
+    tail.append(std::to_string(::getpid())).append(suffix);
+    if (!name.starts_with(prefix) || !name.ends_with(tail) || name.size() != prefix.size() + 36 + tail.size())
+        return false;
+    const std::string uuid = name.substr(prefix.size(), 36);
+    for (size_t i = 0; i < uuid.size(); ++i) {
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        const char c = uuid[i];
+        if (dash != (c == '-') || (!dash && !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))))
+            return false;
+    }
+    return uuid[14] == '4' && std::string("89AB").find(uuid[19]) != std::string::npos;
+}
+
 // Hidden, beside the destination, with a version 4 UUID in upper case and the writer's process id.
 TEST(FileReplacement, TemporaryNamesAreHiddenBesideTheDestination) {
     const auto a = FileReplacement::temporaryPath("/music/song.final.flac", ExportFormat::flac);
     EXPECT_EQ(a.parent_path(), "/music");
-    const std::string uuid = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
-    const std::string pid = std::to_string(::getpid());
-    EXPECT_TRUE(std::regex_match(a.filename().string(),
-                                 std::regex("\\.song\\.final-" + uuid + "\\." + pid + "\\.tmp\\.flac")))
-        << a;
+    EXPECT_TRUE(isTemporaryName(a.filename().string(), ".song.final-", ".tmp.flac")) << a;
     EXPECT_NE(a, FileReplacement::temporaryPath("/music/song.final.flac", ExportFormat::flac));
     const auto b = FileReplacement::temporaryPath("/music/noextension", ExportFormat::alac);
-    EXPECT_TRUE(std::regex_match(b.filename().string(),
-                                 std::regex("\\.noextension-" + uuid + "\\." + pid + "\\.tmp\\.m4a")))
-        << b;
+    EXPECT_TRUE(isTemporaryName(b.filename().string(), ".noextension-", ".tmp.m4a")) << b;
+    EXPECT_FALSE(isTemporaryName(".noextension-12345678-1234-1234-8234-123456789ABC.1.tmp.m4a",
+                                 ".noextension-", ".tmp.m4a"));
 }
 
 } // namespace
