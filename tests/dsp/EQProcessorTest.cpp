@@ -166,18 +166,23 @@ TEST(EQDesign, ClampsRoundsSlopesAndSkipsWhatDoesNotSound) {
         processor.process(whole.frames(done, std::min(block, whole.frameCount() - done)));
 }
 
+// Each channel its own amplitude and phase, so that crossed channels show.
+double amplitude(size_t channel) {
+    return 0.5 / static_cast<double>(channel + 1);
+}
+
 Planes sines(int channels, double f, double rate, int frames) {
     Planes planes(static_cast<size_t>(channels), std::vector<float>(static_cast<size_t>(frames)));
     for (size_t c = 0; c < planes.size(); ++c)
         for (int i = 0; i < frames; ++i)
             planes[c][static_cast<size_t>(i)] =
-                static_cast<float>(0.5 * std::sin(2 * pi * f * i / rate + static_cast<double>(c)));
+                static_cast<float>(amplitude(c) * std::sin(2 * pi * f * i / rate + static_cast<double>(c)));
     return planes;
 }
 
-// The level of a sine of frequency f in `y[from...]`, relative to amplitude 0.5, by least squares
+// The level of a sine of frequency f in `y[from...]`, relative to `amplitude`, by least squares
 // on sine and cosine.
-double levelDB(const std::vector<float>& y, size_t from, double f, double rate) {
+double levelDB(const std::vector<float>& y, double amplitude, size_t from, double f, double rate) {
     double ss = 0, cc = 0, sc = 0, ys = 0, yc = 0;
     for (size_t i = from; i < y.size(); ++i) {
         const double phase = 2 * pi * f * static_cast<double>(i) / rate;
@@ -186,7 +191,7 @@ double levelDB(const std::vector<float>& y, size_t from, double f, double rate) 
     }
     const double det = ss * cc - sc * sc;
     const double a = (ys * cc - yc * sc) / det, b = (yc * ss - ys * sc) / det;
-    return 20 * std::log10(std::hypot(a, b) / 0.5);
+    return 20 * std::log10(std::hypot(a, b) / amplitude);
 }
 
 // The settings arrive while running (so the glides and fades run), and the settled output of a
@@ -205,8 +210,10 @@ TEST(EQProcessor, SettledSineHasThePredictedLevel) {
                 Planes signal = sines(3, f, rate, settle + static_cast<int>(rate * 0.2));
                 run(processor, signal, 300);
                 const double expected = settings.responseDB(std::vector<double>{f}, rate)[0];
-                for (const auto& plane : signal)
-                    EXPECT_NEAR(levelDB(plane, static_cast<size_t>(settle), f, rate), expected, 0.05);
+                for (size_t c = 0; c < signal.size(); ++c)
+                    EXPECT_NEAR(levelDB(signal[c], amplitude(c), static_cast<size_t>(settle), f, rate),
+                                expected, 0.05)
+                        << "channel " << c;
             }
 }
 
