@@ -1,8 +1,12 @@
 #include "dsp/effects/EQSettings.h"
 
+#include "dsp/effects/EQDesign.h"
 #include "dsp/effects/SettingsJSON.h"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <numbers>
 
 namespace harlune {
 
@@ -101,6 +105,40 @@ void to_json(nlohmann::json& json, const EQSettings& settings) {
 void from_json(const nlohmann::json& json, EQSettings& settings) {
     settingsJSON::read(json, "bands", settings.bands);
     settingsJSON::read(json, "outputGainDB", settings.outputGainDB);
+}
+
+std::vector<double> EQSettings::responseDB(std::span<const double> frequencies, double sampleRate) const {
+    const double rate = sampleRate > 0 ? sampleRate : 48000;
+    std::vector<double> result(frequencies.size(), EQDesign::clampedGainDB(outputGainDB));
+    const size_t used = std::min(bands.size(), static_cast<size_t>(maxBands));
+    for (size_t b = 0; b < used; ++b) {
+        const EQBand& band = bands[b];
+        if (!band.isEnabled)
+            continue;
+        const BiquadCascade4 cascade = EQDesign::band(band.type, std::max(band.frequency, 5.0), band.gainDB,
+                                                      band.q, band.slopeDBPerOctave, rate);
+        if (EQDesign::isIdentity(cascade))
+            continue;
+        for (size_t i = 0; i < frequencies.size(); ++i) {
+            // |H|^2 of each section written with phi = sin^2(w / 2), which stays accurate near DC.
+            const double sine = std::sin(std::numbers::pi * frequencies[i] / rate);
+            const double phi = sine * sine;
+            double power = 1;
+            for (int k = 0; k < cascade.sectionCount; ++k) {
+                const BiquadCoefficients& c = cascade.sections[static_cast<size_t>(k)];
+                const double bSum = c.b0 + c.b1 + c.b2;
+                const double aSum = 1 + c.a1 + c.a2;
+                const double n =
+                    std::max(0.0, bSum * bSum - 4 * phi * (c.b0 * c.b1 + 4 * c.b0 * c.b2 + c.b1 * c.b2) +
+                                      16 * phi * phi * c.b0 * c.b2);
+                const double d =
+                    aSum * aSum - 4 * phi * (c.a1 + 4 * c.a2 + c.a1 * c.a2) + 16 * phi * phi * c.a2;
+                power *= n / d;
+            }
+            result[i] += 10 * std::log10(power);
+        }
+    }
+    return result;
 }
 
 } // namespace harlune

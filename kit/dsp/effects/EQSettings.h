@@ -46,6 +46,11 @@ struct EQSettings {
     /// cut 18 kHz (off); all at 0 dB with slope 24.
     static std::vector<EQBand> defaultBands();
 
+    /// dB at each frequency (Hz) of what the processor does once settled: the output gain plus
+    /// every enabled band among the first `maxBands`. A rate <= 0 means 48000. For drawing, not
+    /// for the audio thread (it allocates the result).
+    std::vector<double> responseDB(std::span<const double> frequencies, double sampleRate) const;
+
     friend bool operator==(const EQSettings&, const EQSettings&) = default;
 };
 
