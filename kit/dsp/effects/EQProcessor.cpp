@@ -79,20 +79,24 @@ void EQProcessor::design(const Band& band, std::array<BiquadCoefficients, slotCo
         into[static_cast<size_t>(bandIndex * sectionsPerBand + k)] = cascade.sections[static_cast<size_t>(k)];
 }
 
+void EQProcessor::jumpToTarget(Band& band) noexcept {
+    const Target& t = band.target;
+    band.type = t.type;
+    band.sections = t.sections;
+    band.frequency = t.frequency;
+    band.gainDB = t.gainDB;
+    band.q = t.q;
+    band.logF = t.logF;
+    band.logQ = t.logQ;
+}
+
 void EQProcessor::doReset() noexcept {
     std::fill(state_.begin(), state_.end(), 0.0);
     const int idleLimit = static_cast<int>(sampleRate_ * 0.25);
     for (int b = 0; b < bandCount; ++b) {
         Band& band = bands_[static_cast<size_t>(b)];
-        const Target& t = band.target;
-        band.running = t.enabled;
-        band.type = t.type;
-        band.sections = t.sections;
-        band.frequency = t.frequency;
-        band.gainDB = t.gainDB;
-        band.q = t.q;
-        band.logF = t.logF;
-        band.logQ = t.logQ;
+        band.running = band.target.enabled;
+        jumpToTarget(band);
         band.mix = 1;
         design(band, coef_, b);
         design(band, coefEnd_, b);
@@ -135,14 +139,7 @@ void EQProcessor::clearState(int band) {
 void EQProcessor::startBand(int b) {
     Band& band = bands_[static_cast<size_t>(b)];
     clearState(b);
-    const Target& t = band.target;
-    band.type = t.type;
-    band.sections = t.sections;
-    band.frequency = t.frequency;
-    band.gainDB = t.gainDB;
-    band.q = t.q;
-    band.logF = t.logF;
-    band.logQ = t.logQ;
+    jumpToTarget(band);
     design(band, coef_, b);
     design(band, coefEnd_, b);
     band.idle = 0;

@@ -71,6 +71,8 @@ private:
         bool active = false;
     };
 
+    /// The band's shape becomes its target's at once, with no glide.
+    static void jumpToTarget(Band& band) noexcept;
     bool isMoving() const;
     void updateChunk(int frames);
     void runChunk(ChannelSpan channels);
