@@ -1,6 +1,7 @@
 #include "dsp/effects/EffectFactory.h"
 
 #include "base/HarluneError.h"
+#include "dsp/effects/DistortionProcessor.h"
 #include "dsp/effects/EQProcessor.h"
 
 #include <string>
@@ -11,6 +12,11 @@ std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings
     // Each kind gains its case here when its processor exists.
     if (settings.kind() == EffectKind::eq) {
         auto processor = std::make_shared<EQProcessor>();
+        processor->apply(settings);
+        return processor;
+    }
+    if (settings.kind() == EffectKind::distortion) {
+        auto processor = std::make_shared<DistortionProcessor>();
         processor->apply(settings);
         return processor;
     }
