@@ -75,6 +75,10 @@ const std::vector<ContractRow>& rows() {
                                      {.type = EQBandType::highCut, .frequency = 15000, .q = 0.7}},
                            .outputGainDB = -2},
                 EQSettings{.outputGainDB = -2}, -60, true),
+        // The half-band filters ring on both sides of the 47-frame delay, so the tail check runs
+        // on the dry path alone.
+        builtin(DistortionSettings{.mode = SaturationMode::tube, .driveDB = 18, .toneHz = 9000, .mix = 0.8},
+                DistortionSettings{.mix = 0}, -60, true),
         // builtin(DelaySettings{...}, DelaySettings{.mix = 0}), ...
     };
     return all;
