@@ -4,6 +4,7 @@
 #include "dsp/effects/DistortionProcessor.h"
 
 #include "dsp/effects/EffectFactory.h"
+#include "dsp/effects/SaturationCurves.h"
 #include "support/AllocationCounter.h"
 #include "support/TestAudio.h"
 
@@ -126,6 +127,24 @@ double curve(SaturationMode mode, double x) {
         break;
     }
     return x;
+}
+
+// The curve's own tanh against the library's, in double: relative accuracy also near zero,
+// odd symmetry, and saturation far out.
+TEST(SaturationCurves, TanhIsWithinAFewUlpOfTheLibrary) {
+    double worstUlp = 0;
+    for (float x = 1e-30f; x < 12; x *= 1.0007f) {
+        const double reference = std::tanh(static_cast<double>(x));
+        const float got = SaturationCurves::tanh(x);
+        const auto nearest = static_cast<float>(reference);
+        const double ulp = std::nextafter(nearest, 2.0f) - nearest;
+        worstUlp = std::max(worstUlp, std::abs(got - reference) / ulp);
+        ASSERT_EQ(SaturationCurves::tanh(-x), -got) << x;
+    }
+    EXPECT_LE(worstUlp, 4);
+    EXPECT_EQ(SaturationCurves::tanh(0.0f), 0.0f);
+    EXPECT_EQ(SaturationCurves::tanh(1e6f), 1.0f);
+    EXPECT_EQ(SaturationCurves::tanh(-std::numeric_limits<float>::infinity()), -1.0f);
 }
 
 TEST(DistortionProcessor, OversamplingKeepsAliasesFarUnderTheFundamental) {
@@ -261,6 +280,8 @@ TEST(DistortionProcessor, LevelJumpsAndModeChangesDoNotClick) {
     jumps.push_back({"mix 0.3 and drive -24 dB", start});
     jumps.back().to.mix = 0.3;
     jumps.back().to.driveDB = -24;
+    jumps.push_back({"tone 1.5 kHz", start});
+    jumps.back().to.toneHz = 1500;
     jumps.push_back({"hard to soft", start});
     jumps.back().to.mode = SaturationMode::soft;
     constexpr int frames = 1 << 15;

@@ -1,6 +1,7 @@
 #include "dsp/effects/DistortionProcessor.h"
 
 #include "base/Clamped.h"
+#include "dsp/effects/SaturationCurves.h"
 
 #include <algorithm>
 #include <cmath>
@@ -28,26 +29,6 @@ double glide(double value, double target, double g) {
 
 double gainOf(double dB) {
     return std::pow(10.0, dB / 20);
-}
-
-void shape(SaturationMode mode, float* samples, int count) noexcept {
-    switch (mode) {
-    case SaturationMode::soft:
-        for (int i = 0; i < count; ++i)
-            samples[i] = std::tanh(samples[i]);
-        break;
-    case SaturationMode::tube:
-        // Offset before the curve for even harmonics, then moved so that 0 stays 0.
-        for (int i = 0; i < count; ++i)
-            samples[i] = 1.0927327f * std::tanh(samples[i] + 0.3f) - 0.31832683f;
-        break;
-    case SaturationMode::hard:
-        for (int i = 0; i < count; ++i)
-            samples[i] = std::clamp(samples[i], -1.0f, 1.0f);
-        break;
-    case SaturationMode::bitcrush:
-        break;
-    }
 }
 
 } // namespace
@@ -202,15 +183,15 @@ void DistortionProcessor::runChannel(int c, const float* input, int frames, bool
         if (twoCurves) {
             float* previous = altOS_.data();
             std::copy_n(os, fast, previous);
-            shape(previousMode_, previous, fast);
-            shape(mode_, os, fast);
+            SaturationCurves::shape(previousMode_, previous, fast);
+            SaturationCurves::shape(mode_, os, fast);
             const double step = (fadeEnd - fade_) / fast;
             for (int i = 0; i < fast; ++i) {
                 const auto r = static_cast<float>(fade_ + step * (i + 1));
                 os[i] = previous[i] + (os[i] - previous[i]) * r;
             }
         } else {
-            shape(isOversampled(mode_) ? mode_ : previousMode_, os, fast);
+            SaturationCurves::shape(isOversampled(mode_) ? mode_ : previousMode_, os, fast);
         }
         oversampler.downsample(wet, frames);
     }
