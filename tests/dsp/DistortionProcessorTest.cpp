@@ -301,6 +301,54 @@ TEST(DistortionProcessor, LevelJumpsAndModeChangesDoNotClick) {
         }
 }
 
+// Soft to hard, and tube asked for one call later: the first 20 ms crossfade runs to its end
+// before the second starts. Measured against each curve run alone, as RMS differences over
+// short windows.
+TEST(DistortionProcessor, ModeChangesCrossfadeOneAfterTheOther) {
+    constexpr int frames = 24000, block = 64, change = 6400;
+    const auto input = sine(440, 0.5, frames);
+    const DistortionSettings soft{.driveDB = 12, .outputDB = 0};
+    DistortionSettings hard = soft, tube = soft;
+    hard.mode = SaturationMode::hard;
+    tube.mode = SaturationMode::tube;
+    const auto alone = [&](const DistortionSettings& settings) {
+        return processed(settings, input, block);
+    };
+    const auto softOut = alone(soft), hardOut = alone(hard), tubeOut = alone(tube);
+
+    DistortionProcessor processor;
+    processor.apply(soft);
+    processor.prepare(rate, 1, 1024);
+    Planes planes{input};
+    run(processor, planes, block, [&](int64_t frame) {
+        if (frame == change)
+            processor.apply(hard);
+        if (frame == change + block)
+            processor.apply(tube);
+    });
+    const auto& out = planes.front();
+    // Without the window's mean: the tube's DC, which the others lack, leaves the blocker slowly.
+    const auto rms = [&](const std::vector<float>& reference, int from, int to) {
+        double mean = 0, sum = 0;
+        for (int i = from; i < to; ++i)
+            mean += out[static_cast<size_t>(i)] - reference[static_cast<size_t>(i)];
+        mean /= to - from;
+        for (int i = from; i < to; ++i)
+            sum += std::pow(out[static_cast<size_t>(i)] - reference[static_cast<size_t>(i)] - mean, 2);
+        return std::sqrt(sum / (to - from));
+    };
+    const int fade = 960, start = change + 47;
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + start - 40, softOut.begin()));
+    // Halfway into the first fade both curves are heard; at its end only hard.
+    EXPECT_GT(rms(softOut, start + 400, start + 560), 0.2 * rms(hardOut, start - 2000, start - 1000) + 1e-3);
+    EXPECT_LT(rms(hardOut, start + fade - 60, start + fade), 0.02);
+    EXPECT_GT(rms(tubeOut, start + fade - 60, start + fade), 0.05);
+    // Then hard to tube, over the next 20 ms.
+    EXPECT_GT(rms(tubeOut, start + fade + 400, start + fade + 560), 0.03);
+    EXPECT_LT(rms(tubeOut, start + 2 * fade + 200, start + 2 * fade + 300), 0.01);
+    EXPECT_LT(rms(tubeOut, frames - 200, frames), 1e-3);
+}
+
 TEST(DistortionProcessor, BadSettingsActAsTheirFallbackOrClampedValues) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
