@@ -1,0 +1,232 @@
+#include "dsp/effects/DelayProcessor.h"
+
+#include "base/Clamped.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+
+namespace harlune {
+
+namespace {
+
+constexpr double filterQ = 0.707;
+
+/// The settings as the processor uses them: a non-finite value falls back to its default.
+struct DelayTargets {
+    double timeMs;
+    double ratio;
+    double feedback;
+    double mix;
+    double lowCutHz;
+    double highCutHz;
+    bool pingPong;
+};
+
+double finiteOr(double value, double fallback) {
+    return std::isfinite(value) ? value : fallback;
+}
+
+DelayTargets targetsOf(const DelaySettings& s) {
+    const DelaySettings d;
+    return {clamped(finiteOr(s.timeMs, d.timeMs), 1.0, 4000.0),
+            clamped(finiteOr(s.rightTimeRatio, d.rightTimeRatio), 0.25, 4.0),
+            clamped(finiteOr(s.feedback, d.feedback), 0.0, 0.95),
+            clamped(finiteOr(s.mix, d.mix), 0.0, 1.0),
+            clamped(finiteOr(s.lowCutHz, d.lowCutHz), 20.0, 2000.0),
+            clamped(finiteOr(s.highCutHz, d.highCutHz), 1000.0, 20000.0),
+            s.pingPong};
+}
+
+uint32_t lineLength(double seconds, double sampleRate) {
+    return std::bit_ceil(static_cast<uint32_t>(seconds * sampleRate) + 8);
+}
+
+} // namespace
+
+DelayProcessor::DelayProcessor() = default;
+
+void DelayProcessor::apply(const EffectSettings& settings) noexcept {
+    const auto* delay = settings.as<DelaySettings>();
+    if (delay == nullptr)
+        return;
+    settings_ = *delay;
+    if (isPrepared_)
+        retarget();
+}
+
+double DelayProcessor::targetFrames(int index) const {
+    const DelayTargets t = targetsOf(settings_);
+    const double ratio = index % 2 == 0 ? 1.0 : t.ratio;
+    return std::max(sampleRate_ * ratio * t.timeMs / 1000, 2.0);
+}
+
+void DelayProcessor::retarget() {
+    for (int l = 0; l < lineCount_; ++l)
+        lines_[l].target = targetFrames(l);
+}
+
+int DelayProcessor::tailFrames() const {
+    const DelayTargets t = targetsOf(settings_);
+    double longest = targetFrames(0);
+    if (t.pingPong || preparedChannels_ >= 2)
+        longest = std::max(longest, targetFrames(1));
+    const double repeats = t.feedback <= 0.001 ? 1 : std::ceil(-3 / std::log10(t.feedback)) + 1;
+    return static_cast<int>(sampleRate_ * std::min(longest * repeats / sampleRate_ + 0.05, 30.0));
+}
+
+void DelayProcessor::doPrepare(double sampleRate, int channelCount, int /*maxFrames*/) {
+    isPrepared_ = false;
+    sampleRate_ = sampleRate;
+    preparedChannels_ = std::max(1, channelCount);
+    lineCount_ = (preparedChannels_ + 1) / 2 * 2;
+    // An odd line may be four times the longest even time.
+    const uint32_t evenLength = lineLength(4, sampleRate);
+    const uint32_t oddLength = lineLength(16, sampleRate);
+    offsets_ = SpaceStorage<uint32_t>(lineCount_);
+    masks_ = SpaceStorage<uint32_t>(lineCount_);
+    lines_ = SpaceStorage<Line>(lineCount_);
+    int64_t total = 0;
+    for (int l = 0; l < lineCount_; ++l) {
+        const uint32_t length = l % 2 == 0 ? evenLength : oddLength;
+        offsets_[l] = static_cast<uint32_t>(total);
+        masks_[l] = length - 1;
+        total += length;
+    }
+    storage_ = SpaceStorage<float>(total, 0.0f);
+    glideCoefficient_ = 1 - std::exp(-1 / (sampleRate * 0.1));
+    tickCoefficient_ = spaceTickCoefficient(sampleRate, 0.03);
+    isPrepared_ = true;
+}
+
+void DelayProcessor::doReset() noexcept {
+    const DelayTargets t = targetsOf(settings_);
+    feedback_.jump(static_cast<float>(t.feedback));
+    mix_.jump(static_cast<float>(t.mix));
+    lowCutHz_ = t.lowCutHz;
+    highCutHz_ = t.highCutHz;
+    lowCutCoefficients_ = SpaceSVFCoefficients(lowCutHz_, filterQ, sampleRate_);
+    highCutCoefficients_ = SpaceSVFCoefficients(highCutHz_, filterQ, sampleRate_);
+    if (!isPrepared_)
+        return;
+    storage_.clear();
+    writeIndex_ = 0;
+    controlPhase_ = 0;
+    for (int l = 0; l < lineCount_; ++l) {
+        const double target = targetFrames(l);
+        lines_[l] = Line{.delay = target, .glide = target, .target = target, .lowCut = {}, .highCut = {}};
+    }
+}
+
+void DelayProcessor::controlTick() {
+    const DelayTargets t = targetsOf(settings_);
+    const auto toward = [this](float from, double to) {
+        return static_cast<float>(from + (to - from) * tickCoefficient_);
+    };
+    feedback_.advance(toward(feedback_.end, t.feedback));
+    mix_.advance(toward(mix_.end, t.mix));
+    lowCutHz_ *= std::pow(t.lowCutHz / lowCutHz_, tickCoefficient_);
+    highCutHz_ *= std::pow(t.highCutHz / highCutHz_, tickCoefficient_);
+    lowCutCoefficients_ = SpaceSVFCoefficients(lowCutHz_, filterQ, sampleRate_);
+    highCutCoefficients_ = SpaceSVFCoefficients(highCutHz_, filterQ, sampleRate_);
+}
+
+void DelayProcessor::doProcess(ChannelSpan channels) noexcept {
+    if (!isPrepared_ || channels.frameCount() < 1)
+        return;
+    const int used = std::min(preparedChannels_, channels.channelCount());
+    for (int done = 0; done < channels.frameCount();) {
+        if (controlPhase_ == 0)
+            controlTick();
+        const int frames = std::min(channels.frameCount() - done, spaceTickFrames - controlPhase_);
+        for (int left = 0; left < used; left += 2) {
+            float* inRight = left + 1 < used ? channels.channel(left + 1) + done : nullptr;
+            runPair(left, channels.channel(left) + done, inRight, frames);
+        }
+        writeIndex_ += static_cast<uint32_t>(frames);
+        controlPhase_ = (controlPhase_ + frames) % spaceTickFrames;
+        done += frames;
+    }
+}
+
+void DelayProcessor::runPair(int left, float* inLeft, float* inRight, int frames) {
+    if (settings_.pingPong) {
+        runPingPong(left, inLeft, inRight, frames);
+        return;
+    }
+    runSingle(left, inLeft, frames);
+    if (inRight != nullptr)
+        runSingle(left + 1, inRight, frames);
+}
+
+namespace {
+
+// The two cascaded glide stages of a line's time, one frame.
+inline void glideStep(double& delay, double& glide, double target, double coefficient) {
+    glide += coefficient * (target - glide);
+    delay += coefficient * (glide - delay);
+}
+
+} // namespace
+
+void DelayProcessor::runSingle(int index, float* samples, int frames) {
+    Line& line = lines_[index];
+    float* const data = storage_.pointer() + offsets_[index];
+    const uint32_t mask = masks_[index];
+    const SpaceSVFCoefficients high = highCutCoefficients_;
+    const SpaceSVFCoefficients low = lowCutCoefficients_;
+    const double target = line.target;
+    double delay = line.delay;
+    double glide = line.glide;
+    SpaceSVFState highState = line.highCut;
+    SpaceSVFState lowState = line.lowCut;
+    for (int k = 0; k < frames; ++k) {
+        const int phase = controlPhase_ + k;
+        const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
+        glideStep(delay, glide, target, glideCoefficient_);
+        const float read = spaceCubicRead(data, mask, w, delay);
+        const float wet = lowState.highPass(low, highState.lowPass(high, read));
+        const float in = samples[k];
+        data[w & mask] = spaceSoftLimit(in + feedback_.value(phase) * wet);
+        samples[k] = in + mix_.value(phase) * (wet - in);
+    }
+    line.delay = delay;
+    line.glide = glide;
+    line.highCut = highState;
+    line.lowCut = lowState;
+}
+
+void DelayProcessor::runPingPong(int left, float* inLeft, float* inRight, int frames) {
+    Line& lineL = lines_[left];
+    Line& lineR = lines_[left + 1];
+    float* const dataL = storage_.pointer() + offsets_[left];
+    float* const dataR = storage_.pointer() + offsets_[left + 1];
+    const uint32_t maskL = masks_[left];
+    const uint32_t maskR = masks_[left + 1];
+    const SpaceSVFCoefficients high = highCutCoefficients_;
+    const SpaceSVFCoefficients low = lowCutCoefficients_;
+    for (int k = 0; k < frames; ++k) {
+        const int phase = controlPhase_ + k;
+        const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
+        glideStep(lineL.delay, lineL.glide, lineL.target, glideCoefficient_);
+        glideStep(lineR.delay, lineR.glide, lineR.target, glideCoefficient_);
+        const float wetL = lineL.lowCut.highPass(
+            low, lineL.highCut.lowPass(high, spaceCubicRead(dataL, maskL, w, lineL.delay)));
+        const float wetR = lineR.lowCut.highPass(
+            low, lineR.highCut.lowPass(high, spaceCubicRead(dataR, maskR, w, lineR.delay)));
+        const float fb = feedback_.value(phase);
+        const float mix = mix_.value(phase);
+        const float inL = inLeft[k];
+        if (inRight != nullptr) {
+            const float inR = inRight[k];
+            dataL[w & maskL] = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
+            inRight[k] = inR + mix * (wetR - inR);
+        } else {
+            dataL[w & maskL] = spaceSoftLimit(inL + fb * wetR);
+        }
+        dataR[w & maskR] = spaceSoftLimit(fb * wetL);
+        inLeft[k] = inRight != nullptr ? inL + mix * (wetL - inL) : inL + mix * (wetL + wetR - inL);
+    }
+}
+
+} // namespace harlune
