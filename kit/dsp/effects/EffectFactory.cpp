@@ -1,6 +1,8 @@
 #include "dsp/effects/EffectFactory.h"
 
 #include "base/HarluneError.h"
+#include "dsp/effects/ChorusProcessor.h"
+#include "dsp/effects/DelayProcessor.h"
 #include "dsp/effects/EQProcessor.h"
 
 #include <string>
@@ -11,6 +13,16 @@ std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings
     // Each kind gains its case here when its processor exists.
     if (settings.kind() == EffectKind::eq) {
         auto processor = std::make_shared<EQProcessor>();
+        processor->apply(settings);
+        return processor;
+    }
+    if (settings.kind() == EffectKind::delay) {
+        auto processor = std::make_shared<DelayProcessor>();
+        processor->apply(settings);
+        return processor;
+    }
+    if (settings.kind() == EffectKind::chorus) {
+        auto processor = std::make_shared<ChorusProcessor>();
         processor->apply(settings);
         return processor;
     }
