@@ -192,6 +192,18 @@ TEST(DelayProcessor, SettingsOutsideTheirRangesAreHeldToThem) {
             ASSERT_LE(std::abs(y), 3.0f);
 }
 
+TEST(DelayProcessor, ARateThatIsNoRateRunsAs48kHz) {
+    for (const double rate : {0.0, -44100.0, std::numeric_limits<double>::quiet_NaN()}) {
+        DelayProcessor delay = preparedDelay({.timeMs = 10, .pingPong = true}, rate, 2);
+        EXPECT_EQ(delay.tailFrames(), 6240); // 8 repeats of 480 frames and 50 ms
+        Planes planes = testing::noisePlanes(2, 2000, 8);
+        runInPieces(delay, planes, 100);
+        for (const auto& plane : planes)
+            for (const float y : plane)
+                ASSERT_TRUE(std::isfinite(y));
+    }
+}
+
 TEST(DelayProcessor, TheTailLastsUntilTheRepeatsAre60dBDown) {
     // Feedback 0: the one delay plus 50 ms.
     EXPECT_EQ(preparedDelay({.timeMs = 200, .feedback = 0}, 48000, 1).tailFrames(), 12000);

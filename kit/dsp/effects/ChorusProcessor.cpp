@@ -85,6 +85,9 @@ int ChorusProcessor::tailFrames() const {
 
 void ChorusProcessor::doPrepare(double sampleRate, int channelCount, int /*maxFrames*/) {
     isPrepared_ = false;
+    // A rate that is no rate runs as 48 kHz rather than sizing lines and filters from nonsense.
+    if (!(sampleRate > 0 && sampleRate < 1e7))
+        sampleRate = 48000;
     sampleRate_ = sampleRate;
     preparedChannels_ = std::max(1, channelCount);
     lineSize_ = std::bit_ceil(static_cast<uint32_t>(0.1 * sampleRate) + 8);

@@ -77,6 +77,9 @@ int DelayProcessor::tailFrames() const {
 
 void DelayProcessor::doPrepare(double sampleRate, int channelCount, int /*maxFrames*/) {
     isPrepared_ = false;
+    // A rate that is no rate runs as 48 kHz rather than sizing lines and filters from nonsense.
+    if (!(sampleRate > 0 && sampleRate < 1e7))
+        sampleRate = 48000;
     sampleRate_ = sampleRate;
     preparedChannels_ = std::max(1, channelCount);
     lineCount_ = (preparedChannels_ + 1) / 2 * 2;
@@ -150,13 +153,12 @@ void DelayProcessor::doProcess(ChannelSpan channels) noexcept {
 }
 
 void DelayProcessor::runPair(int left, float* inLeft, float* inRight, int frames) {
-    if (settings_.pingPong) {
+    if (settings_.pingPong)
         runPingPong(left, inLeft, inRight, frames);
-        return;
-    }
-    runSingle(left, inLeft, frames);
-    if (inRight != nullptr)
-        runSingle(left + 1, inRight, frames);
+    else if (inRight != nullptr)
+        runLines<2>(left, {inLeft, inRight}, frames);
+    else
+        runLines<1>(left, {inLeft, nullptr}, frames);
 }
 
 namespace {
@@ -169,64 +171,78 @@ inline void glideStep(double& delay, double& glide, double target, double coeffi
 
 } // namespace
 
-void DelayProcessor::runSingle(int index, float* samples, int frames) {
-    Line& line = lines_[index];
-    float* const data = storage_.pointer() + offsets_[index];
-    const uint32_t mask = masks_[index];
+// Each channel through its own line, the `count` lines from `first` side by side in one loop: their
+// filters are serial chains, so two of them interleave at the cost of one.
+template <size_t count> void DelayProcessor::runLines(int first, std::array<float*, 2> samples, int frames) {
+    std::array<Line, count> line;
+    std::array<float*, count> data;
+    std::array<uint32_t, count> mask;
+    for (size_t j = 0; j < count; ++j) {
+        line[j] = lines_[first + static_cast<int>(j)];
+        data[j] = storage_.pointer() + offsets_[first + static_cast<int>(j)];
+        mask[j] = masks_[first + static_cast<int>(j)];
+    }
     const SpaceSVFCoefficients high = highCutCoefficients_;
     const SpaceSVFCoefficients low = lowCutCoefficients_;
-    const double target = line.target;
-    double delay = line.delay;
-    double glide = line.glide;
-    SpaceSVFState highState = line.highCut;
-    SpaceSVFState lowState = line.lowCut;
+    const SpaceRamp feedback = feedback_;
+    const SpaceRamp mix = mix_;
+    const double glideCoefficient = glideCoefficient_;
     for (int k = 0; k < frames; ++k) {
         const int phase = controlPhase_ + k;
         const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
-        glideStep(delay, glide, target, glideCoefficient_);
-        const float read = spaceCubicRead(data, mask, w, delay);
-        const float wet = lowState.highPass(low, highState.lowPass(high, read));
-        const float in = samples[k];
-        data[w & mask] = spaceSoftLimit(in + feedback_.value(phase) * wet);
-        samples[k] = in + mix_.value(phase) * (wet - in);
+        const float fb = feedback.value(phase);
+        const float wetMix = mix.value(phase);
+        for (size_t j = 0; j < count; ++j) {
+            Line& l = line[j];
+            glideStep(l.delay, l.glide, l.target, glideCoefficient);
+            const float read = spaceCubicRead(data[j], mask[j], w, l.delay);
+            const float wet = l.lowCut.highPass(low, l.highCut.lowPass(high, read));
+            const float in = samples[j][k];
+            data[j][w & mask[j]] = spaceSoftLimit(in + fb * wet);
+            samples[j][k] = in + wetMix * (wet - in);
+        }
     }
-    line.delay = delay;
-    line.glide = glide;
-    line.highCut = highState;
-    line.lowCut = lowState;
+    for (size_t j = 0; j < count; ++j)
+        lines_[first + static_cast<int>(j)] = line[j];
 }
 
 void DelayProcessor::runPingPong(int left, float* inLeft, float* inRight, int frames) {
-    Line& lineL = lines_[left];
-    Line& lineR = lines_[left + 1];
+    Line lineL = lines_[left];
+    Line lineR = lines_[left + 1];
     float* const dataL = storage_.pointer() + offsets_[left];
     float* const dataR = storage_.pointer() + offsets_[left + 1];
     const uint32_t maskL = masks_[left];
     const uint32_t maskR = masks_[left + 1];
     const SpaceSVFCoefficients high = highCutCoefficients_;
     const SpaceSVFCoefficients low = lowCutCoefficients_;
+    const SpaceRamp feedback = feedback_;
+    const SpaceRamp mix = mix_;
+    const double glideCoefficient = glideCoefficient_;
     for (int k = 0; k < frames; ++k) {
         const int phase = controlPhase_ + k;
         const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
-        glideStep(lineL.delay, lineL.glide, lineL.target, glideCoefficient_);
-        glideStep(lineR.delay, lineR.glide, lineR.target, glideCoefficient_);
+        glideStep(lineL.delay, lineL.glide, lineL.target, glideCoefficient);
+        glideStep(lineR.delay, lineR.glide, lineR.target, glideCoefficient);
         const float wetL = lineL.lowCut.highPass(
             low, lineL.highCut.lowPass(high, spaceCubicRead(dataL, maskL, w, lineL.delay)));
         const float wetR = lineR.lowCut.highPass(
             low, lineR.highCut.lowPass(high, spaceCubicRead(dataR, maskR, w, lineR.delay)));
-        const float fb = feedback_.value(phase);
-        const float mix = mix_.value(phase);
+        const float fb = feedback.value(phase);
+        const float wetMix = mix.value(phase);
         const float inL = inLeft[k];
         if (inRight != nullptr) {
             const float inR = inRight[k];
             dataL[w & maskL] = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
-            inRight[k] = inR + mix * (wetR - inR);
+            inRight[k] = inR + wetMix * (wetR - inR);
+            inLeft[k] = inL + wetMix * (wetL - inL);
         } else {
             dataL[w & maskL] = spaceSoftLimit(inL + fb * wetR);
+            inLeft[k] = inL + wetMix * (wetL + wetR - inL);
         }
         dataR[w & maskR] = spaceSoftLimit(fb * wetL);
-        inLeft[k] = inRight != nullptr ? inL + mix * (wetL - inL) : inL + mix * (wetL + wetR - inL);
     }
+    lines_[left] = lineL;
+    lines_[left + 1] = lineR;
 }
 
 } // namespace harlune

@@ -4,6 +4,7 @@
 #include "dsp/effects/DelaySettings.h"
 #include "dsp/effects/Space.h"
 
+#include <array>
 #include <cstdint>
 
 namespace harlune {
@@ -48,7 +49,7 @@ private:
     void controlTick();
     /// One stretch of frames inside a tick, for the pair of lines from `left` (even).
     void runPair(int left, float* inLeft, float* inRight, int frames);
-    void runSingle(int index, float* samples, int frames);
+    template <size_t count> void runLines(int first, std::array<float*, 2> samples, int frames);
     void runPingPong(int left, float* inLeft, float* inRight, int frames);
 
     DelaySettings settings_;
