@@ -132,6 +132,15 @@ void DelayProcessor::controlTick() {
     highCutHz_ *= std::pow(t.highCutHz / highCutHz_, tickCoefficient_);
     lowCutCoefficients_ = SpaceSVFCoefficients(lowCutHz_, filterQ, sampleRate_);
     highCutCoefficients_ = SpaceSVFCoefficients(highCutHz_, filterQ, sampleRate_);
+    // A glide that has come within a hair of its target lands on it, so that a still line runs
+    // the path with a fixed read point; the step is far below anything audible.
+    for (int l = 0; l < lineCount_; ++l) {
+        Line& line = lines_[l];
+        if (std::abs(line.glide - line.target) < 1e-6 && std::abs(line.delay - line.target) < 1e-6) {
+            line.glide = line.target;
+            line.delay = line.target;
+        }
+    }
 }
 
 void DelayProcessor::doProcess(ChannelSpan channels) noexcept {
@@ -155,10 +164,19 @@ void DelayProcessor::doProcess(ChannelSpan channels) noexcept {
 void DelayProcessor::runPair(int left, float* inLeft, float* inRight, int frames) {
     if (settings_.pingPong)
         runPingPong(left, inLeft, inRight, frames);
-    else if (inRight != nullptr)
-        runLines<2>(left, {inLeft, inRight}, frames);
+    else if (inRight == nullptr)
+        isStill(left, 1) ? runLines<1, true>(left, {inLeft, nullptr}, frames)
+                         : runLines<1, false>(left, {inLeft, nullptr}, frames);
     else
-        runLines<1>(left, {inLeft, nullptr}, frames);
+        isStill(left, 2) ? runLines<2, true>(left, {inLeft, inRight}, frames)
+                         : runLines<2, false>(left, {inLeft, inRight}, frames);
+}
+
+bool DelayProcessor::isStill(int first, int count) const {
+    for (int l = first; l < first + count; ++l)
+        if (lines_[l].delay != lines_[l].target || lines_[l].glide != lines_[l].target)
+            return false;
+    return true;
 }
 
 namespace {
@@ -172,8 +190,10 @@ inline void glideStep(double& delay, double& glide, double target, double coeffi
 } // namespace
 
 // Each channel through its own line, the `count` lines from `first` side by side in one loop: their
-// filters are serial chains, so two of them interleave at the cost of one.
-template <size_t count> void DelayProcessor::runLines(int first, std::array<float*, 2> samples, int frames) {
+// filters are serial chains, so two of them interleave at the cost of one. `still` lines skip the
+// glide (it would leave them as they are) and read at a fixed distance.
+template <size_t count, bool still>
+void DelayProcessor::runLines(int first, std::array<float*, 2> samples, int frames) {
     std::array<Line, count> line;
     std::array<float*, count> data;
     std::array<uint32_t, count> mask;
@@ -187,6 +207,13 @@ template <size_t count> void DelayProcessor::runLines(int first, std::array<floa
     const SpaceRamp feedback = feedback_;
     const SpaceRamp mix = mix_;
     const double glideCoefficient = glideCoefficient_;
+    std::array<uint32_t, count> distance{};
+    std::array<float, count> t{};
+    for (size_t j = 0; j < count; ++j) {
+        const auto whole = static_cast<int>(line[j].delay);
+        distance[j] = static_cast<uint32_t>(whole);
+        t[j] = static_cast<float>(whole - line[j].delay + 1.0);
+    }
     for (int k = 0; k < frames; ++k) {
         const int phase = controlPhase_ + k;
         const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
@@ -194,8 +221,16 @@ template <size_t count> void DelayProcessor::runLines(int first, std::array<floa
         const float wetMix = mix.value(phase);
         for (size_t j = 0; j < count; ++j) {
             Line& l = line[j];
-            glideStep(l.delay, l.glide, l.target, glideCoefficient);
-            const float read = spaceCubicRead(data[j], mask[j], w, l.delay);
+            float read;
+            if constexpr (still) {
+                const float* d = data[j];
+                const uint32_t m = mask[j];
+                const uint32_t at = w - distance[j];
+                read = spaceCubic(d[(at - 2) & m], d[(at - 1) & m], d[at & m], d[(at + 1) & m], t[j]);
+            } else {
+                glideStep(l.delay, l.glide, l.target, glideCoefficient);
+                read = spaceCubicRead(data[j], mask[j], w, l.delay);
+            }
             const float wet = l.lowCut.highPass(low, l.highCut.lowPass(high, read));
             const float in = samples[j][k];
             data[j][w & mask[j]] = spaceSoftLimit(in + fb * wet);

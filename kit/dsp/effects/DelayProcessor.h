@@ -49,7 +49,9 @@ private:
     void controlTick();
     /// One stretch of frames inside a tick, for the pair of lines from `left` (even).
     void runPair(int left, float* inLeft, float* inRight, int frames);
-    template <size_t count> void runLines(int first, std::array<float*, 2> samples, int frames);
+    /// Whether the lines from `first` sit at their targets, with nothing to glide.
+    bool isStill(int first, int count) const;
+    template <size_t count, bool still> void runLines(int first, std::array<float*, 2> samples, int frames);
     void runPingPong(int left, float* inLeft, float* inRight, int frames);
 
     DelaySettings settings_;
