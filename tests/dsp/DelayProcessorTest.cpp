@@ -121,14 +121,17 @@ TEST(DelayProcessor, LinesRunAtTheirOwnTimesAndPingPongCrosses) {
         .timeMs = 100, .rightTimeRatio = 1.5, .feedback = 0.5, .mix = 1, .lowCutHz = 20, .highCutHz = 20000};
     const double inputEnergy = energy(burst, 0, burst.size());
     const double halfDB = 20 * std::log10(0.5);
-    // Stereo: left repeats every 4410 frames, right every 6615.
-    Planes stereo{input, input};
-    DelayProcessor normal = preparedDelay(settings, rate, 2);
-    runInPieces(normal, stereo, 333);
-    EXPECT_NEAR(findRepeat(stereo[0], burst, 4410).at, 4410, 1);
-    EXPECT_NEAR(findRepeat(stereo[0], burst, 8820).at, 8820, 1);
-    EXPECT_NEAR(findRepeat(stereo[1], burst, 6615).at, 6615, 1);
-    EXPECT_NEAR(findRepeat(stereo[1], burst, 13230).at, 13230, 1);
+    // Left repeats every 4410 frames, right every 6615; a third channel opens a new pair and
+    // takes the left time.
+    Planes three{input, input, input};
+    DelayProcessor normal = preparedDelay(settings, rate, 3);
+    runInPieces(normal, three, 333);
+    EXPECT_NEAR(findRepeat(three[0], burst, 4410).at, 4410, 1);
+    EXPECT_NEAR(findRepeat(three[0], burst, 8820).at, 8820, 1);
+    EXPECT_NEAR(findRepeat(three[1], burst, 6615).at, 6615, 1);
+    EXPECT_NEAR(findRepeat(three[1], burst, 13230).at, 13230, 1);
+    EXPECT_NEAR(findRepeat(three[2], burst, 4410).at, 4410, 1);
+    EXPECT_NEAR(findRepeat(three[2], burst, 8820).at, 8820, 1);
 
     // Mono ping-pong: the left line at 4410, its repeat through the right line 6615 later,
     // then back through the left; each crossing takes the feedback once.
