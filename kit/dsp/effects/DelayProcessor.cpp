@@ -165,10 +165,10 @@ void DelayProcessor::runPair(int left, float* inLeft, float* inRight, int frames
     if (settings_.pingPong)
         runPingPong(left, inLeft, inRight, frames);
     else if (inRight == nullptr)
-        isStill(left, 1) ? runLines<1, true>(left, {inLeft, nullptr}, frames)
+        isStill(left, 1) ? runStillLines<1>(left, {inLeft, nullptr}, frames)
                          : runLines<1, false>(left, {inLeft, nullptr}, frames);
     else
-        isStill(left, 2) ? runLines<2, true>(left, {inLeft, inRight}, frames)
+        isStill(left, 2) ? runStillLines<2>(left, {inLeft, inRight}, frames)
                          : runLines<2, false>(left, {inLeft, inRight}, frames);
 }
 
@@ -177,6 +177,77 @@ bool DelayProcessor::isStill(int first, int count) const {
         if (lines_[l].delay != lines_[l].target || lines_[l].glide != lines_[l].target)
             return false;
     return true;
+}
+
+// The still lines of `runLines` in three passes over the stretch, with the same arithmetic frame
+// by frame: every read of a stretch lies behind its writes once the line is longer than a tick,
+// so the reads and the writes run as plain loops the compiler vectorises, and only the filters
+// stay serial (the two lines side by side).
+template <size_t count>
+void DelayProcessor::runStillLines(int first, std::array<float*, 2> samples, int frames) {
+    for (size_t j = 0; j < count; ++j)
+        if (lines_[first + static_cast<int>(j)].delay < spaceTickFrames + 1)
+            return runLines<count, true>(first, samples, frames);
+    std::array<std::array<float, spaceTickFrames>, count> wet;
+    const uint32_t w0 = writeIndex_;
+    for (size_t j = 0; j < count; ++j) {
+        const int l = first + static_cast<int>(j);
+        const float* const d = storage_.pointer() + offsets_[l];
+        const uint32_t mask = masks_[l];
+        const auto whole = static_cast<int>(lines_[l].delay);
+        const auto t = static_cast<float>(whole - lines_[l].delay + 1.0);
+        const uint32_t from = (w0 - static_cast<uint32_t>(whole) - 2) & mask;
+        float* const out = wet[j].data();
+        if (from + static_cast<uint32_t>(frames) + 3 <= mask + 1) {
+            const float* const p = d + from;
+            for (int k = 0; k < frames; ++k)
+                out[k] = spaceCubic(p[k], p[k + 1], p[k + 2], p[k + 3], t);
+        } else {
+            for (int k = 0; k < frames; ++k) {
+                const uint32_t at = from + static_cast<uint32_t>(k);
+                out[k] =
+                    spaceCubic(d[at & mask], d[(at + 1) & mask], d[(at + 2) & mask], d[(at + 3) & mask], t);
+            }
+        }
+    }
+    const SpaceSVFCoefficients high = highCutCoefficients_;
+    const SpaceSVFCoefficients low = lowCutCoefficients_;
+    std::array<SpaceSVFState, count> highState;
+    std::array<SpaceSVFState, count> lowState;
+    for (size_t j = 0; j < count; ++j) {
+        highState[j] = lines_[first + static_cast<int>(j)].highCut;
+        lowState[j] = lines_[first + static_cast<int>(j)].lowCut;
+    }
+    for (int k = 0; k < frames; ++k)
+        for (size_t j = 0; j < count; ++j)
+            wet[j][static_cast<size_t>(k)] =
+                lowState[j].highPass(low, highState[j].lowPass(high, wet[j][static_cast<size_t>(k)]));
+    const SpaceRamp feedback = feedback_;
+    const SpaceRamp mix = mix_;
+    for (size_t j = 0; j < count; ++j) {
+        const int l = first + static_cast<int>(j);
+        lines_[l].highCut = highState[j];
+        lines_[l].lowCut = lowState[j];
+        float* const d = storage_.pointer() + offsets_[l];
+        const uint32_t mask = masks_[l];
+        const float* const in = wet[j].data();
+        float* const io = samples[j];
+        const uint32_t to = w0 & mask;
+        const auto step = [&](int k, float& slot) {
+            const int phase = controlPhase_ + k;
+            const float x = io[k];
+            slot = spaceSoftLimit(x + feedback.value(phase) * in[k]);
+            io[k] = x + mix.value(phase) * (in[k] - x);
+        };
+        if (to + static_cast<uint32_t>(frames) <= mask + 1) {
+            float* const p = d + to;
+            for (int k = 0; k < frames; ++k)
+                step(k, p[k]);
+        } else {
+            for (int k = 0; k < frames; ++k)
+                step(k, d[(to + static_cast<uint32_t>(k)) & mask]);
+        }
+    }
 }
 
 namespace {

@@ -52,6 +52,7 @@ private:
     /// Whether the lines from `first` sit at their targets, with nothing to glide.
     bool isStill(int first, int count) const;
     template <size_t count, bool still> void runLines(int first, std::array<float*, 2> samples, int frames);
+    template <size_t count> void runStillLines(int first, std::array<float*, 2> samples, int frames);
     void runPingPong(int left, float* inLeft, float* inRight, int frames);
 
     DelaySettings settings_;
