@@ -183,13 +183,42 @@ void ChorusProcessor::runChannel(int channel, float* samples, int frames) {
     const uint32_t mask = lineSize_ - 1;
     const Lanes& d0 = delayStart_[channel];
     const Lanes& d1 = delayEnd_[channel];
+    const auto voices = static_cast<size_t>(activeVoices_);
+    // When every read of the stretch lies behind its writes, the voices are read first, one
+    // voice at a time, and the line written after; the arithmetic per frame stays the same.
+    float shortest = d0[0];
+    for (size_t v = 0; v < voices; ++v)
+        shortest = std::min({shortest, d0[v], d1[v]});
+    const float phase0 = static_cast<float>(controlPhase_);
+    if (shortest >= static_cast<float>(spaceTickFrames + 1)) {
+        std::array<float, spaceTickFrames> wet{};
+        for (size_t v = 0; v < voices; ++v) {
+            const float delayStep = d1[v] - d0[v];
+            const float gainStep = gainEnd_[v] - gainStart_[v];
+            for (int k = 0; k < frames; ++k) {
+                const float r = (phase0 + static_cast<float>(k)) * 0.03125f;
+                const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
+                const float delay = d0[v] + delayStep * r;
+                const float gain = gainStart_[v] + gainStep * r;
+                wet[static_cast<size_t>(k)] += gain * spaceCubicRead(line, mask, w, delay);
+            }
+        }
+        for (int k = 0; k < frames; ++k) {
+            const int phase = controlPhase_ + k;
+            const float in = samples[k];
+            const float y = wet[static_cast<size_t>(k)];
+            line[(writeIndex_ + static_cast<uint32_t>(k)) & mask] =
+                spaceSoftLimit(in + feedback_.value(phase) * y);
+            samples[k] = in + mix_.value(phase) * (y - in);
+        }
+        return;
+    }
     Lanes delayStep{};
     Lanes gainStep{};
     for (size_t v = 0; v < 4; ++v) {
         delayStep[v] = d1[v] - d0[v];
         gainStep[v] = gainEnd_[v] - gainStart_[v];
     }
-    const auto voices = static_cast<size_t>(activeVoices_);
     for (int k = 0; k < frames; ++k) {
         const int phase = controlPhase_ + k;
         const float r = static_cast<float>(phase) * 0.03125f;
