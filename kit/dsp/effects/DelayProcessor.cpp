@@ -128,10 +128,17 @@ void DelayProcessor::controlTick() {
     };
     feedback_.advance(toward(feedback_.end, t.feedback));
     mix_.advance(toward(mix_.end, t.mix));
-    lowCutHz_ *= std::pow(t.lowCutHz / lowCutHz_, tickCoefficient_);
-    highCutHz_ *= std::pow(t.highCutHz / highCutHz_, tickCoefficient_);
-    lowCutCoefficients_ = SpaceSVFCoefficients(lowCutHz_, filterQ, sampleRate_);
-    highCutCoefficients_ = SpaceSVFCoefficients(highCutHz_, filterQ, sampleRate_);
+    // A cutoff at its target keeps its filter; one within a hair of it lands there.
+    const auto glideCutoff = [this](double& hz, double target, SpaceSVFCoefficients& coefficients) {
+        if (hz == target)
+            return;
+        hz *= std::pow(target / hz, tickCoefficient_);
+        if (std::abs(hz / target - 1) < 1e-9)
+            hz = target;
+        coefficients = SpaceSVFCoefficients(hz, filterQ, sampleRate_);
+    };
+    glideCutoff(lowCutHz_, t.lowCutHz, lowCutCoefficients_);
+    glideCutoff(highCutHz_, t.highCutHz, highCutCoefficients_);
     // A glide that has come within a hair of its target lands on it, so that a still line runs
     // the path with a fixed read point; the step is far below anything audible.
     for (int l = 0; l < lineCount_; ++l) {
@@ -163,7 +170,8 @@ void DelayProcessor::doProcess(ChannelSpan channels) noexcept {
 
 void DelayProcessor::runPair(int left, float* inLeft, float* inRight, int frames) {
     if (settings_.pingPong)
-        runPingPong(left, inLeft, inRight, frames);
+        isStill(left, 2) ? runStillPingPong(left, inLeft, inRight, frames)
+                         : runPingPong(left, inLeft, inRight, frames);
     else if (inRight == nullptr)
         isStill(left, 1) ? runStillLines<1>(left, {inLeft, nullptr}, frames)
                          : runLines<1, false>(left, {inLeft, nullptr}, frames);
@@ -179,16 +187,19 @@ bool DelayProcessor::isStill(int first, int count) const {
     return true;
 }
 
-// The still lines of `runLines` in three passes over the stretch, with the same arithmetic frame
-// by frame: every read of a stretch lies behind its writes once the line is longer than a tick,
-// so the reads and the writes run as plain loops the compiler vectorises, and only the filters
-// stay serial (the two lines side by side).
-template <size_t count>
-void DelayProcessor::runStillLines(int first, std::array<float*, 2> samples, int frames) {
-    for (size_t j = 0; j < count; ++j)
-        if (lines_[first + static_cast<int>(j)].delay < spaceTickFrames + 1)
-            return runLines<count, true>(first, samples, frames);
-    std::array<std::array<float, spaceTickFrames>, count> wet;
+// Still lines longer than a tick run in three passes over the stretch, with the same arithmetic
+// frame by frame as the frame loops: every read of the stretch lies behind its writes, so the
+// reads and the writes run as plain loops the compiler vectorises, and only the filters stay
+// serial (the two lines side by side).
+bool DelayProcessor::canRunInPasses(int first, int count) const {
+    for (int l = first; l < first + count; ++l)
+        if (lines_[l].delay < spaceTickFrames + 1)
+            return false;
+    return true;
+}
+
+// The reads of the lines from `first` over the stretch, through their filters, into `wet`.
+template <size_t count> void DelayProcessor::readFiltered(int first, int frames, StretchLanes<count>& wet) {
     const uint32_t w0 = writeIndex_;
     for (size_t j = 0; j < count; ++j) {
         const int l = first + static_cast<int>(j);
@@ -218,21 +229,30 @@ void DelayProcessor::runStillLines(int first, std::array<float*, 2> samples, int
         highState[j] = lines_[first + static_cast<int>(j)].highCut;
         lowState[j] = lines_[first + static_cast<int>(j)].lowCut;
     }
-    for (int k = 0; k < frames; ++k)
+    for (size_t k = 0; k < static_cast<size_t>(frames); ++k)
         for (size_t j = 0; j < count; ++j)
-            wet[j][static_cast<size_t>(k)] =
-                lowState[j].highPass(low, highState[j].lowPass(high, wet[j][static_cast<size_t>(k)]));
+            wet[j][k] = lowState[j].highPass(low, highState[j].lowPass(high, wet[j][k]));
+    for (size_t j = 0; j < count; ++j) {
+        lines_[first + static_cast<int>(j)].highCut = highState[j];
+        lines_[first + static_cast<int>(j)].lowCut = lowState[j];
+    }
+}
+
+template <size_t count>
+void DelayProcessor::runStillLines(int first, std::array<float*, 2> samples, int frames) {
+    if (!canRunInPasses(first, static_cast<int>(count)))
+        return runLines<count, true>(first, samples, frames);
+    StretchLanes<count> wet;
+    readFiltered<count>(first, frames, wet);
     const SpaceRamp feedback = feedback_;
     const SpaceRamp mix = mix_;
     for (size_t j = 0; j < count; ++j) {
         const int l = first + static_cast<int>(j);
-        lines_[l].highCut = highState[j];
-        lines_[l].lowCut = lowState[j];
         float* const d = storage_.pointer() + offsets_[l];
         const uint32_t mask = masks_[l];
         const float* const in = wet[j].data();
         float* const io = samples[j];
-        const uint32_t to = w0 & mask;
+        const uint32_t to = writeIndex_ & mask;
         const auto step = [&](int k, float& slot) {
             const int phase = controlPhase_ + k;
             const float x = io[k];
@@ -247,6 +267,39 @@ void DelayProcessor::runStillLines(int first, std::array<float*, 2> samples, int
             for (int k = 0; k < frames; ++k)
                 step(k, d[(to + static_cast<uint32_t>(k)) & mask]);
         }
+    }
+}
+
+// Ping-pong over still lines, in the passes above.
+void DelayProcessor::runStillPingPong(int left, float* inLeft, float* inRight, int frames) {
+    if (!canRunInPasses(left, 2)) {
+        runPingPong(left, inLeft, inRight, frames);
+        return;
+    }
+    StretchLanes<2> wet;
+    readFiltered<2>(left, frames, wet);
+    float* const dataL = storage_.pointer() + offsets_[left];
+    float* const dataR = storage_.pointer() + offsets_[left + 1];
+    const uint32_t maskL = masks_[left];
+    const uint32_t maskR = masks_[left + 1];
+    for (int k = 0; k < frames; ++k) {
+        const int phase = controlPhase_ + k;
+        const uint32_t w = writeIndex_ + static_cast<uint32_t>(k);
+        const float wetL = wet[0][static_cast<size_t>(k)];
+        const float wetR = wet[1][static_cast<size_t>(k)];
+        const float fb = feedback_.value(phase);
+        const float wetMix = mix_.value(phase);
+        const float inL = inLeft[k];
+        if (inRight != nullptr) {
+            const float inR = inRight[k];
+            dataL[w & maskL] = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
+            inRight[k] = inR + wetMix * (wetR - inR);
+            inLeft[k] = inL + wetMix * (wetL - inL);
+        } else {
+            dataL[w & maskL] = spaceSoftLimit(inL + fb * wetR);
+            inLeft[k] = inL + wetMix * (wetL + wetR - inL);
+        }
+        dataR[w & maskR] = spaceSoftLimit(fb * wetL);
     }
 }
 

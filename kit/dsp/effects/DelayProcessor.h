@@ -52,7 +52,12 @@ private:
     /// Whether the lines from `first` sit at their targets, with nothing to glide.
     bool isStill(int first, int count) const;
     template <size_t count, bool still> void runLines(int first, std::array<float*, 2> samples, int frames);
+    template <size_t count> using StretchLanes = std::array<std::array<float, spaceTickFrames>, count>;
+    /// Whether the lines from `first` are long enough for `readFiltered`.
+    bool canRunInPasses(int first, int count) const;
+    template <size_t count> void readFiltered(int first, int frames, StretchLanes<count>& wet);
     template <size_t count> void runStillLines(int first, std::array<float*, 2> samples, int frames);
+    void runStillPingPong(int left, float* inLeft, float* inRight, int frames);
     void runPingPong(int left, float* inLeft, float* inRight, int frames);
 
     DelaySettings settings_;
