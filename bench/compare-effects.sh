@@ -55,6 +55,10 @@ echo "load before: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores; median of
 
 # --- Effects add their comparisons below, one section each. ---
 
+# The floor under every comparison: no effect on either side, sox copying the file and
+# harlune-cli reading it into memory and writing it out with an empty chain.
+compare copy ''
+
 # Delay: ours is a 375 ms feedback line (right 1.5 times as long) with cubic reads, low and high
 # cut in the loop, and a soft limiter; sox's `echo` adds one tap with no loop, `echos` two taps
 # in series. The same time and a comparable level of repeats.
