@@ -130,13 +130,5 @@ TEST(ChorusProcessor, AChangeOfModeFadesTheVoices) {
     EXPECT_LT(largestStep, 0.03f); // a 200 Hz tone of 0.5 moves at most 0.013 per frame
 }
 
-TEST(ChorusProcessor, TheTailCoversTheLongestVoiceAndTheRepeats) {
-    ChorusProcessor chorus;
-    chorus.apply(ChorusSettings{.depth = 0.4, .delayMs = 20, .feedback = -0.5});
-    chorus.prepare(48000, 2, 256);
-    // Sweep 0.4 * 5 / 20 = 0.1; 20 * 1.27 * 1.1 = 27.94 ms; 11 repeats.
-    EXPECT_EQ(chorus.tailFrames(), static_cast<int>(48000 * (0.02794 * 11 + 0.01)));
-}
-
 } // namespace
 } // namespace harlune

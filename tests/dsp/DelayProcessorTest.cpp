@@ -207,15 +207,6 @@ TEST(DelayProcessor, ARateThatIsNoRateRunsAs48kHz) {
     }
 }
 
-TEST(DelayProcessor, TheTailLastsUntilTheRepeatsAre60dBDown) {
-    // Feedback 0: the one delay plus 50 ms.
-    EXPECT_EQ(preparedDelay({.timeMs = 200, .feedback = 0}, 48000, 1).tailFrames(), 12000);
-    // Feedback 0.5: 10 repeats to -60 dB, plus one; stereo takes the longer right line.
-    EXPECT_EQ(preparedDelay({.timeMs = 100, .rightTimeRatio = 2, .feedback = 0.5}, 48000, 2).tailFrames(),
-              11 * 9600 + 2400);
-    EXPECT_EQ(preparedDelay({.timeMs = 4000, .feedback = 0.95}, 48000, 1).tailFrames(), 30 * 48000);
-}
-
 TEST(DelayProcessor, SyncedTimesFollowTheTempo) {
     EXPECT_DOUBLE_EQ(syncedDelayTimeMs(120, 1), 500);
     EXPECT_DOUBLE_EQ(syncedDelayTimeMs(120, 0.75), 375);
