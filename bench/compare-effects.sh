@@ -62,3 +62,23 @@ echo "load before: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores; median of
 compare distortion \
     '{"distortion":{"_0":{"mode":"Soft Clip","driveDB":12,"toneHz":12000,"outputDB":-6,"mix":1,"bits":8,"downsample":1}}}' \
     overdrive 12
+# The floor under every comparison: no effect on either side, sox copying the file and
+# harlune-cli reading it into memory and writing it out with an empty chain.
+compare copy ''
+
+# Delay: ours is a 375 ms feedback line (right 1.5 times as long) with cubic reads, low and high
+# cut in the loop, and a soft limiter; sox's `echo` adds one tap with no loop, `echos` two taps
+# in series. The same time and a comparable level of repeats.
+delay_json='{"delay":{"_0":{"timeMs":375,"rightTimeRatio":1.5,"feedback":0.35,"mix":0.3,"pingPong":false,"lowCutHz":80,"highCutHz":8000}}}'
+compare delay "$delay_json" echo 0.8 0.9 375 0.35
+compare delay "$delay_json" echos 0.8 0.9 375 0.35 750 0.12
+
+# Chorus: ours runs two voices per channel (25 ms base, 0.8 Hz, cubic reads, per-tick sine);
+# sox's `chorus` (which wants more than 20 ms) two voices with linear reads from tables.
+compare chorus '{"chorus":{"_0":{"mode":"chorus","rateHz":0.8,"depth":0.5,"delayMs":25,"feedback":0,"voices":2,"stereoSpread":0.5,"mix":0.5}}}' \
+    chorus 0.7 0.5 25 0.4 0.8 2 -s 28 0.4 0.9 2.3 -s
+
+# Flanger: one modulated 3 ms line with feedback 0.5 on both sides; sox's `flanger` with the same
+# delay, regeneration and a quadratic read.
+compare flanger '{"chorus":{"_0":{"mode":"flanger","rateHz":0.5,"depth":0.7,"delayMs":3,"feedback":0.5,"voices":1,"stereoSpread":0.25,"mix":0.5}}}' \
+    flanger 3 2 50 71 0.5 sine 25 quadratic

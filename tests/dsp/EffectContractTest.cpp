@@ -79,7 +79,24 @@ const std::vector<ContractRow>& rows() {
         // on the dry path alone.
         builtin(DistortionSettings{.mode = SaturationMode::tube, .driveDB = 18, .toneHz = 9000, .mix = 0.8},
                 DistortionSettings{.mix = 0}, -60, true),
-        // builtin(DelaySettings{...}, DelaySettings{.mix = 0}), ...
+        builtin(DelaySettings{.timeMs = 90, .rightTimeRatio = 1.5, .feedback = 0.5, .mix = 0.5},
+                DelaySettings{.timeMs = 90, .rightTimeRatio = 1.5, .feedback = 0.5, .mix = 0}),
+        builtin(
+            DelaySettings{.timeMs = 70, .rightTimeRatio = 0.5, .feedback = 0.7, .mix = 0.4, .pingPong = true},
+            DelaySettings{.timeMs = 70, .rightTimeRatio = 0.5, .feedback = 0.7, .mix = 0, .pingPong = true}),
+        builtin(
+            ChorusSettings{
+                .rateHz = 1.3, .depth = 0.7, .delayMs = 12, .feedback = 0.4, .voices = 4, .mix = 0.5},
+            ChorusSettings{
+                .rateHz = 1.3, .depth = 0.7, .delayMs = 12, .feedback = 0.4, .voices = 4, .mix = 0}),
+        builtin(ChorusSettings{.mode = ModulationMode::flanger,
+                               .rateHz = 0.4,
+                               .depth = 0.8,
+                               .delayMs = 3,
+                               .feedback = -0.7,
+                               .stereoSpread = 1,
+                               .mix = 0.5},
+                ChorusSettings{.mode = ModulationMode::flanger, .delayMs = 3, .feedback = -0.7, .mix = 0}),
     };
     return all;
 }

@@ -1,6 +1,8 @@
 #include "dsp/effects/EffectFactory.h"
 
 #include "base/HarluneError.h"
+#include "dsp/effects/ChorusProcessor.h"
+#include "dsp/effects/DelayProcessor.h"
 #include "dsp/effects/DistortionProcessor.h"
 #include "dsp/effects/EQProcessor.h"
 
@@ -8,17 +10,28 @@
 
 namespace harlune::EffectFactory {
 
+namespace {
+
+template <class Processor> std::shared_ptr<ConfigurableEffect> made(const EffectSettings& settings) {
+    auto processor = std::make_shared<Processor>();
+    processor->apply(settings);
+    return processor;
+}
+
+} // namespace
+
 std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings) {
-    // Each kind gains its case here when its processor exists.
-    if (settings.kind() == EffectKind::eq) {
-        auto processor = std::make_shared<EQProcessor>();
-        processor->apply(settings);
-        return processor;
-    }
-    if (settings.kind() == EffectKind::distortion) {
-        auto processor = std::make_shared<DistortionProcessor>();
-        processor->apply(settings);
-        return processor;
+    switch (settings.kind()) {
+    case EffectKind::eq:
+        return made<EQProcessor>(settings);
+    case EffectKind::distortion:
+        return made<DistortionProcessor>(settings);
+    case EffectKind::delay:
+        return made<DelayProcessor>(settings);
+    case EffectKind::chorus:
+        return made<ChorusProcessor>(settings);
+    default:
+        break;
     }
     throw HarluneError::codecUnavailable("the effect \"" + std::string(displayName(settings.kind())) +
                                          "\" is not available in this build");

@@ -118,3 +118,33 @@ struct SpaceSVFState {
 };
 
 } // namespace harlune
+
+namespace harlune {
+
+/// The Catmull-Rom cubic through four neighbouring samples of a delay line, oldest first, at
+/// `t` in 0...1 from `p0` (t = 0) to `p1` (t = 1). A straight line comes out exact.
+inline float spaceCubic(float pm, float p0, float p1, float p2, float t) {
+    return p0 + t * ((p1 - pm) * 0.5f + t * ((pm - 2.5f * p0 + 2.0f * p1 - 0.5f * p2) +
+                                             t * ((p0 - p1) * 1.5f + (p2 - pm) * 0.5f)));
+}
+
+/// A line of `mask` + 1 (a power of two) samples read `delay` (at least 2) frames behind the write
+/// position `write`, between samples by the cubic above. Unsigned positions wrap with the mask.
+inline float spaceCubicRead(const float* line, uint32_t mask, uint32_t write, double delay) {
+    const auto whole = static_cast<int>(delay);
+    const auto t = static_cast<float>(whole - delay + 1.0);
+    const uint32_t at = write - static_cast<uint32_t>(whole);
+    return spaceCubic(line[(at - 2) & mask], line[(at - 1) & mask], line[at & mask], line[(at + 1) & mask],
+                      t);
+}
+
+/// The limiter of a feedback path: the identity up to 1 in magnitude, then a curve with slope 1
+/// at 1 that never reaches 2, so that a loop cannot run away.
+inline float spaceSoftLimit(float v) {
+    const float a = std::fabs(v);
+    if (a <= 1.0f)
+        return v;
+    return std::copysign((a - 1.0f) / a + 1.0f, v);
+}
+
+} // namespace harlune
