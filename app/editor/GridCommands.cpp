@@ -41,7 +41,9 @@ void EditorModel::detectTempo() {
     auto source = std::make_shared<EnvelopedSource>(content_, envelopes_);
     runInBackground<std::optional<TempoEstimate>>(
         *this,
-        [source, beatsPerBar] { return TempoDetector::detect(*source, std::nullopt, beatsPerBar, detectedSeconds); },
+        [source, beatsPerBar] {
+            return TempoDetector::detect(*source, std::nullopt, beatsPerBar, detectedSeconds);
+        },
         [this, beatsPerBar](std::optional<std::optional<TempoEstimate>> result, std::exception_ptr) {
             setIsDetectingTempo(false);
             if (!result || !*result) {

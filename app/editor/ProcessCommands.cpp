@@ -175,8 +175,8 @@ void EditorModel::timePitch(double rate, double pitchCents) {
         }
         return moved;
     };
-    process(cFormatted("Time & Pitch (%.0f%%, %+.0f ct)", rate * 100, pitchCents), std::move(work), newSelection,
-            std::move(markers), [adjusted](const AudioContent&) { return adjusted; });
+    process(cFormatted("Time & Pitch (%.0f%%, %+.0f ct)", rate * 100, pitchCents), std::move(work),
+            newSelection, std::move(markers), [adjusted](const AudioContent&) { return adjusted; });
 }
 
 } // namespace harlune

@@ -141,8 +141,8 @@ TEST_F(ProcessCommandsTest, SwapExchangesSamplesButEnvelopesKeepTheirChannels) {
 
 TEST_F(ProcessCommandsTest, TimePitchMovesSelectionMarkersAndEnvelopes) {
     use(noiseContent(3000));
-    model->setMarkers({testing::markerAt(500), testing::markerAt(1500), testing::markerAt(2000),
-                       testing::markerAt(2500)});
+    model->setMarkers(
+        {testing::markerAt(500), testing::markerAt(1500), testing::markerAt(2000), testing::markerAt(2500)});
     EnvelopeSet set;
     set.master = GainEnvelope({EnvelopePoint(2500, -6)});
     model->setEnvelopes(set);
@@ -187,7 +187,9 @@ TEST_F(ProcessCommandsTest, CancelledCommandsLeaveDocumentAndStackAsTheyWere) {
     const Planes original = testing::planesOf(model->content());
     for (const auto& run : std::vector<std::function<void(EditorModel&)>>{
              [](EditorModel& m) { m.applyGain(6); }, [](EditorModel& m) { m.changeSampleRate(22050); },
-             [](EditorModel& m) { m.timePitch(0.8, 0); }}) {
+             [](EditorModel& m) {
+                 m.timePitch(0.8, 0);
+             }}) {
         run(*model);
         ASSERT_TRUE(model->busy().has_value());
         model->busy()->token->cancel();
