@@ -13,7 +13,8 @@ using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
     return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand()};
+            harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand(),
+            harlune::cli::tempoCommand()};
 }
 
 void printUsage(std::FILE* stream, const std::vector<Command>& commands) {

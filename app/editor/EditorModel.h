@@ -6,6 +6,7 @@
 #include "base/ProgressToken.h"
 #include "core/AudioContent.h"
 #include "core/GainEnvelope.h"
+#include "core/Processing.h"
 #include "core/TempoGrid.h"
 #include "dsp/LoudnessNormalization.h"
 #include "dsp/LoudnessResult.h"
@@ -326,6 +327,55 @@ public:
     /// those inside stay unless the range vanished, those after move by the change of length.
     std::vector<Marker> markers(FrameRange afterReplacing, int64_t newLength) const;
 
+    // Process commands: each one undo step through `process` (but Swap Channels, at once). The
+    // range is the selection, else the whole file; the channels are `targetChannels`. A missing
+    // precondition makes them do nothing ----------------------------------------------------
+
+    void applyGain(double db);
+    void normalizePeak(double toDB, bool independent);
+    /// Needs a selection.
+    void fade(FadeDirection direction, FadeShape shape);
+    /// Needs a selection.
+    void silence();
+    void reverse();
+    void invert();
+    void removeDC();
+    /// Two channels only; the whole file, whatever the selection; envelopes and trims stay.
+    void swapChannels();
+    /// All channels, the whole file.
+    void convertChannels(int to);
+    /// The whole file, all channels; selection, markers and envelopes scale with the rate.
+    void changeSampleRate(double to);
+    /// All channels; markers inside the range follow the stretch, those after it move.
+    void timePitch(double rate, double pitchCents);
+
+    // Envelope commands ------------------------------------------------------------------------
+
+    /// Ends a drag of the target curve that started from `from`: one step, unless nothing moved.
+    void endEnvelopeEdit(const GainEnvelope& from, const QString& name);
+    void removeEnvelopePoint(const Uuid& id);
+    /// Master, channel curves and trims, whatever the target.
+    void clearEnvelope();
+    /// Ends a drag of a trim that started from the set `from`.
+    void endChannelTrimEdit(const EnvelopeSet& from);
+    /// Trims that level the channels' loudness; only the alert without a finite figure for each
+    /// of two or more channels.
+    void balanceChannels();
+    void resetChannelTrims();
+    /// Renders the envelopes into the samples (a long operation) and empties them.
+    void applyEnvelope();
+
+    // Grid commands: no undo, the grid is a guide -----------------------------------------------
+
+    /// Detects the tempo on a background job and lays the grid over it; the alert when none.
+    void detectTempo();
+    void tapTempo();
+    /// At the playhead while playing, else the selection's start, else the cursor.
+    void setDownbeatAtCursor();
+    void scaleTempo(double factor);
+    /// Seconds of wall-clock time for `tapTempo`; tests give their own.
+    void setTapClock(std::function<double()> clock) { tapClock_ = std::move(clock); }
+
     // Marker commands: each one undo step; the list is kept sorted by frame (stable) ----------
 
     /// A marker named "Marker n" at `at`, else at the playhead while playing, the selection's
@@ -418,6 +468,9 @@ private:
                        const std::optional<std::optional<FrameRange>>& selection,
                        const MarkersProducer& markers, const EnvelopeProducer& envelope);
     void resetMeter();
+    static double wallClockSeconds();
+    /// One undo step from `before` to `edited` envelopes, the rest of the state as it is.
+    void commitEnvelopes(const EnvelopeSet& before, EnvelopeSet edited, const QString& name);
     /// Stores content and envelopes and raises the versions once; the player is not told.
     void installAudio(AudioContent content, EnvelopeSet envelopes);
     /// Hands content, envelopes and play range to the player, in one call.
@@ -485,6 +538,7 @@ private:
     bool isPlaying_ = false;
     bool isLooping_ = false;
     int64_t playhead_ = 0;
+    std::function<double()> tapClock_ = wallClockSeconds;
     MeterReading meter_;
     std::unique_ptr<QTimer> transportTimer_;
     int64_t playOrigin_ = 0;

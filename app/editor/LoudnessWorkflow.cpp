@@ -3,23 +3,13 @@
 #include "base/HarluneError.h"
 #include "core/LoudnessProcessing.h"
 #include "core/Processing.h"
+#include "editor/CFormatted.h"
 #include "editor/EditorModel.h"
 
 #include <cmath>
 #include <cstdio>
 
 namespace harlune {
-
-namespace {
-
-// The C library's rounding (an exact half goes to even), which QString::asprintf does not share.
-QString cFormatted(const char* format, double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, format, value);
-    return QString::fromUtf8(text);
-}
-
-} // namespace
 
 std::optional<LoudnessResult> EditorModel::activeLoudness() const {
     if (analysisScope_ == AnalysisScope::selection && selection_)

@@ -6,8 +6,10 @@
 #include "io/IoTestSupport.h"
 
 #include <algorithm>
+#include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <random>
 
 namespace harlune {
@@ -123,6 +125,42 @@ TEST_F(CommandLine, hostileFilesGetTheirMessageAndNothingElse) {
     }
 }
 
+TEST_F(CommandLine, tempoNamesTheTempoOrSaysThereIsNone) {
+    // Clicks at 120 BPM from 0.25 s, loud on each bar's first beat.
+    std::vector<float> clicks(48000 * 12, 0.0f);
+    for (int k = 0; 12000 + k * 24000 + 400 < static_cast<int>(clicks.size()); ++k)
+        for (int i = 0; i < 400; ++i)
+            clicks[static_cast<size_t>(12000 + k * 24000 + i)] =
+                (k % 4 == 0 ? 0.8f : 0.3f) * static_cast<float>(std::sin(i * 0.2) * std::exp(-i / 80.0));
+    // Float, so that no dither turns the silence into noise.
+    EncodeSettings settings = EncodeSettings::defaults(ExportFormat::wav);
+    settings.bitDepth = PCMBitDepth::float32;
+    AudioEncoder::write(ArraySource({clicks}, 48000), std::nullopt, file("clicks.wav"), settings);
+    AudioEncoder::write(ArraySource({std::vector<float>(48000 * 10, 0.0f)}, 48000), std::nullopt,
+                        file("silence.wav"), settings);
+    AudioEncoder::write(ArraySource({std::vector<float>(24000, 0.3f)}, 48000), std::nullopt,
+                        file("short.wav"), settings);
+
+    const CliResult found = cli({"tempo", "--json", file("clicks.wav")});
+    ASSERT_EQ(found.status, 0) << found.err;
+    const auto json = nlohmann::json::parse(found.out);
+    EXPECT_NEAR(json["bpm"].get<double>(), 120, 0.5);
+    EXPECT_NEAR(json["downbeatSeconds"].get<double>(), 0.25, 0.04);
+    EXPECT_GT(json["confidence"].get<double>(), 0);
+    EXPECT_TRUE(cli({"tempo", file("clicks.wav")}).out.starts_with("Tempo        1"));
+
+    for (const char* name : {"silence.wav", "short.wav"}) {
+        const CliResult none = cli({"tempo", file(name)});
+        EXPECT_EQ(none.status, 1);
+        EXPECT_EQ(none.err, "harlune-cli: no tempo found in \u2018" + file(name) + "\u2019");
+    }
+    const CliResult corrupt = cli({"tempo", file("noise.wav")});
+    EXPECT_EQ(corrupt.status, 1);
+    EXPECT_NE(corrupt.err.find(readFailure), std::string::npos) << corrupt.err;
+    EXPECT_EQ(cli({"tempo", file("nan.wav")}).status, 1);
+    EXPECT_EQ(cli({"tempo", "--beats-per-bar", "0", file("clicks.wav")}).status, 2);
+}
+
 TEST_F(CommandLine, aDashedFileNameIsAnUnknownOptionUntilTheOptionsEnd) {
     const auto previous = std::filesystem::current_path();
     std::filesystem::current_path(folder->path());
@@ -146,7 +184,7 @@ TEST_F(CommandLine, aDashedFileNameIsAnUnknownOptionUntilTheOptionsEnd) {
 }
 
 TEST_F(CommandLine, everyCommandAnswersHelpOnStandardOutput) {
-    for (const char* name : {"info", "loudness", "normalize", "process", "convert", "play"})
+    for (const char* name : {"info", "loudness", "normalize", "process", "convert", "play", "tempo"})
         for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
                  {name, "--help"}, {name, "-h"}, {name, "--gain", "--help"}, {"help", name}}) {
             SCOPED_TRACE(arguments[0] + " " + arguments[1]);
@@ -195,6 +233,8 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
         {{"process", "--select", "0.5", tone, out}, "--select takes START:END"},
         {{"process", "--independent", tone, out}, "--independent belongs right after --normalize-peak"},
         {{"process", "--gain"}, "--gain needs a value"},
+        {{"tempo"}, "expected a file"},
+        {{"tempo", "--beats-per-bar", "99", tone}, "--beats-per-bar is at most 32"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments[0] + " " + c.reason);
