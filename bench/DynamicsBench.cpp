@@ -62,8 +62,9 @@ void runChain(benchmark::State& state, const std::vector<std::shared_ptr<Configu
         benchmark::DoNotOptimize(pointers[0][callback - 1]);
         at = at + 2 * callback <= input[0].size() ? at + callback : 0;
     }
-    state.counters["coreShare"] = benchmark::Counter(static_cast<double>(state.iterations()) * callback / rate,
-                                                benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["coreShare"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * callback / rate,
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 std::shared_ptr<ConfigurableEffect> compressor(DetectionMode detection) {
