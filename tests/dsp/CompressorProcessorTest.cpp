@@ -258,6 +258,25 @@ TEST(CompressorProcessorTest, ParameterJumpsDoNotClick) {
     }
 }
 
+// Beyond 8 channels the rest pass unchanged; a rate of 0 or less is taken as 48 kHz.
+TEST(CompressorProcessorTest, ChannelsAndRateAreClamped) {
+    const auto run = [](double sampleRate, int channels) {
+        CompressorProcessor compressor;
+        compressor.apply(CompressorSettings{.thresholdDB = -30, .attackMs = 1, .stereoLink = false});
+        compressor.prepare(sampleRate, channels, 256);
+        Planes planes = testing::noisePlanes(channels, 6000, 2);
+        testing::runAll(compressor, planes);
+        return planes;
+    };
+    const Planes input = testing::noisePlanes(10, 6000, 2);
+    const Planes ten = run(48000, 10);
+    for (size_t c = 0; c < 10; ++c)
+        EXPECT_EQ(ten[c] == input[c], c >= 8) << "channel " << c;
+    EXPECT_EQ(run(0, 1), run(48000, 1));
+    EXPECT_EQ(run(-1, 1), run(48000, 1));
+    EXPECT_NE(run(44100, 1), run(48000, 1));
+}
+
 TEST(CompressorProcessorTest, BadSettingsNeverReachTheSignal) {
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
     constexpr double inf = std::numeric_limits<double>::infinity();

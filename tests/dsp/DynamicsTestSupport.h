@@ -20,7 +20,7 @@ using Planes = std::vector<std::vector<float>>;
 
 /// Processes frames `from ..< to` of `planes` in place, in calls of `block` frames.
 inline void runFrames(EffectProcessor& processor, Planes& planes, size_t from, size_t to, int block = 256) {
-    std::array<float*, 8> pointers{};
+    std::array<float*, 16> pointers{};
     for (size_t c = 0; c < planes.size(); ++c)
         pointers.at(c) = planes[c].data();
     const ChannelSpan whole(ChannelPointers(pointers).first(planes.size()), static_cast<int>(to));

@@ -176,6 +176,23 @@ TEST(GateProcessorTest, RangeJumpsDoNotClick) {
     }
 }
 
+TEST(GateProcessorTest, ChannelsAndRateAreClamped) {
+    const auto run = [](double sampleRate, int channels) {
+        GateProcessor gate;
+        gate.apply(GateSettings{.thresholdDB = -6, .holdMs = 5, .stereoLink = false});
+        gate.prepare(sampleRate, channels, 256);
+        Planes planes = testing::noisePlanes(channels, 6000, 2);
+        testing::runAll(gate, planes);
+        return planes;
+    };
+    const Planes input = testing::noisePlanes(10, 6000, 2);
+    const Planes ten = run(48000, 10);
+    for (size_t c = 0; c < 10; ++c)
+        EXPECT_EQ(ten[c] == input[c], c >= 8) << "channel " << c;
+    EXPECT_EQ(run(0, 1), run(48000, 1));
+    EXPECT_NE(run(44100, 1), run(48000, 1));
+}
+
 TEST(GateProcessorTest, BadSettingsNeverReachTheSignal) {
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
     constexpr double inf = std::numeric_limits<double>::infinity();
