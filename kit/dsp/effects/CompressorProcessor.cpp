@@ -130,21 +130,36 @@ void CompressorProcessor::detect(ChannelSpan channels, bool linked) {
             dynamicsMath::levelDB(row(r), frames, 1e-15f, 6.0205998f);
         return;
     }
-    // The mean square is a recursion, so it runs frame by frame in double.
+    // The mean square is a recursion, so it runs frame by frame in double, two channels to a
+    // loop so that their chains overlap.
     const double step = 1 - rmsRetention_;
-    for (int c = 0; c < count; ++c) {
-        const float* x = channels.channel(c);
-        float* out = row(linked ? 0 : c);
-        double m = meanSquare_[static_cast<size_t>(c)];
+    for (int c = 0; c < count; c += 2) {
+        const bool pair = c + 1 < count;
+        const float* x0 = channels.channel(c);
+        const float* x1 = channels.channel(pair ? c + 1 : c);
+        float* out0 = row(linked ? 0 : c);
+        float* out1 = row(linked ? 0 : (pair ? c + 1 : c));
+        double m0 = meanSquare_[static_cast<size_t>(c)];
+        double m1 = pair ? meanSquare_[static_cast<size_t>(c + 1)] : m0;
         const bool merge = linked && c > 0;
         for (int f = 0; f < frames; ++f) {
-            const double v = x[f];
-            m += step * (v * v - m);
-            const auto level = static_cast<float>(m);
-            out[f] = merge ? std::max(out[f], level) : level;
+            const double v0 = x0[f], v1 = x1[f];
+            m0 += step * (v0 * v0 - m0);
+            m1 += step * (v1 * v1 - m1);
+            const auto level0 = static_cast<float>(m0);
+            const auto level1 = static_cast<float>(m1);
+            if (linked) {
+                const float loudest = std::max(level0, level1);
+                out0[f] = merge ? std::max(out0[f], loudest) : loudest;
+            } else {
+                out0[f] = level0;
+                out1[f] = level1; // the same row as out0 for an odd last channel, with the same value
+            }
         }
         // A non-finite input would poison the window for good.
-        meanSquare_[static_cast<size_t>(c)] = std::isfinite(m) ? m : 0;
+        meanSquare_[static_cast<size_t>(c)] = std::isfinite(m0) ? m0 : 0;
+        if (pair)
+            meanSquare_[static_cast<size_t>(c + 1)] = std::isfinite(m1) ? m1 : 0;
     }
     for (int r = 0; r < (linked ? 1 : count); ++r)
         dynamicsMath::levelDB(row(r), frames, 1e-30f, 3.0102999f);
@@ -159,12 +174,14 @@ CompressorProcessor::Levels CompressorProcessor::computeGains(int source, int in
     const double attack = attackRetention_;
     const double release = releaseRetention_;
     if (!gliding) {
-        const CompressorCurve curve = CompressorCurve::of(now.thresholdDB, now.ratio, now.kneeDB);
+        // The row already holds the curve's reduction (see `doProcess`). `source` may equal
+        // `into`: each frame is read before it is written.
+        const float* desired = level;
         const double makeup = now.makeupDB;
-        // `source` may equal `into`: each frame is read before it is written.
         for (int f = 0; f < frames; ++f) {
-            const double desired = curve.reductionDB(level[f]);
-            s = desired + (s - desired) * (s <= desired ? release : attack);
+            const double d = desired[f];
+            const double apart = s - d;
+            s = d + apart * (apart <= 0 ? release : attack);
             gain[f] = static_cast<float>((makeup + s) * dbToLog2);
         }
     } else {
@@ -209,6 +226,14 @@ void CompressorProcessor::doProcess(ChannelSpan channels) noexcept {
     const Levels goal = levelsOf(target_);
     const Levels start{current_.thresholdDB, current_.ratio, current_.kneeDB, makeupDB_, mix_};
     const bool gliding = start != goal;
+    // With the curve still, it needs no state and runs over the block ahead of the smoother, the
+    // one true recursion; while it glides it moves frame by frame inside the gain computers.
+    if (!gliding) {
+        const CompressorCurve curve = CompressorCurve::of(start.thresholdDB, start.ratio, start.kneeDB);
+        for (int r = 0; r < (linked ? 1 : count); ++r)
+            dynamicsMath::curveReductionDB(row(r), frames, static_cast<float>(curve.thresholdDB),
+                                           static_cast<float>(curve.slope), static_cast<float>(curve.kneeDB));
+    }
     // From the last down, so that level row 0 is read by every computer before it is overwritten.
     Levels end = start;
     for (int k = computers - 1; k >= 0; --k)

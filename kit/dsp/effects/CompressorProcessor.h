@@ -50,8 +50,8 @@ private:
     static Levels levelsOf(const CompressorSettings& settings);
     void updateTimeConstants();
     void detect(ChannelSpan channels, bool linked);
-    /// Runs one gain computer over detector row `source`, writing log2 gains into row `row`;
-    /// returns the levels at the end of the block.
+    /// Runs one gain computer over detector row `source` (levels in dB while gliding, else the
+    /// curve's reduction), writing log2 gains into row `into`; returns the levels at the end.
     Levels computeGains(int source, int row, int frames, int channel, bool gliding, const Levels& goal);
     float* row(int index) { return &scratch_[static_cast<size_t>(index) * static_cast<size_t>(maxFrames_)]; }
 

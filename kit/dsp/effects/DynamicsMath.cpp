@@ -46,6 +46,23 @@ HARLUNE_VECTOR_CLONES void levelDB(float* x, int64_t count, float floor, float d
     }
 }
 
+HARLUNE_VECTOR_CLONES void curveReductionDB(float* x, int64_t count, float thresholdDB, float slope,
+                                            float kneeDB) {
+    const float knee = kneeDB > 0 ? kneeDB : 0.0f;
+    const float half = knee / 2;
+    const float inverse = knee > 0 ? 1 / (2 * knee) : 0.0f;
+    const float bend = slope - 1;
+    for (int64_t i = 0; i < count; ++i) {
+        const float over = x[i] - thresholdDB;
+        float u = over + half;
+        u = u > 0 ? u : 0.0f;
+        u = u < knee ? u : knee;
+        float beyond = over - half;
+        beyond = beyond > 0 ? beyond : 0.0f;
+        x[i] = bend * (u * u * inverse + beyond);
+    }
+}
+
 void exp2InPlace(float* x, int64_t count) {
     vec::scale(x, count, 0.693147181f);
     vec::expInPlace(x, count);
