@@ -98,13 +98,14 @@ void GateProcessor::relink(bool linked, int count) {
     }
 }
 
-void GateProcessor::detect(int index, int frames) {
+int GateProcessor::detect(int index, int frames) {
     const auto i = static_cast<size_t>(index);
     float envelope = envelope_[i];
     int envelopeHold = envelopeHold_[i];
     bool open = isOpen_[i];
     int holdLeft = holdLeft_[i];
     float* levels = row(index);
+    int openFrames = 0;
     for (int f = 0; f < frames; ++f) {
         // A peak envelope that holds 20 ms before it decays, so that a low tone's zero crossings
         // do not chatter the gate.
@@ -129,11 +130,13 @@ void GateProcessor::detect(int index, int frames) {
                 open = false;
         }
         levels[f] = open ? 1.0f : 0.0f;
+        openFrames += open ? 1 : 0;
     }
     envelope_[i] = envelope;
     envelopeHold_[i] = envelopeHold;
     isOpen_[i] = open;
     holdLeft_[i] = holdLeft;
+    return openFrames == frames ? 1 : (openFrames == 0 ? 0 : -1);
 }
 
 double GateProcessor::ramp(int source, int into, int channel, int frames) {
@@ -181,8 +184,28 @@ void GateProcessor::doProcess(ChannelSpan channels) noexcept {
         else
             dynamicsMath::magnitude(row(c), channels.channel(c), frames);
     }
-    for (int d = 0; d < detectors; ++d)
-        detect(d, frames);
+    // A gate that rests (fully open or fully closed through the block, range still) has one
+    // gain per detector, the same the ramp would give frame by frame: 1 or the range.
+    bool resting = !separate && range_ == targetRange_;
+    std::array<int, maxChannels> states{};
+    for (int d = 0; d < detectors; ++d) {
+        const auto i = static_cast<size_t>(d);
+        states[i] = detect(d, frames);
+        resting = resting && ((states[i] == 1 && position_[i] == 1) || (states[i] == 0 && position_[i] == 0));
+    }
+    if (resting) {
+        double smallest = 1;
+        for (int c = 0; c < count; ++c) {
+            const double gain = states[static_cast<size_t>(linked ? 0 : c)] == 1 ? 1.0 : range_;
+            smallest = std::min(smallest, gain);
+            if (gain != 1)
+                vec::scale(channels.channel(c), frames, static_cast<float>(gain));
+        }
+        if (linked)
+            std::fill_n(position_.begin() + 1, count - 1, position_[0]);
+        storeMeter(smallest);
+        return;
+    }
 
     // From the last down, so that flag row 0 is read by every channel before it is overwritten.
     const int rows = separate ? count : detectors;

@@ -39,8 +39,9 @@ private:
     void updateDerived();
     /// Moves link state between channel 0 and the others when the link is switched.
     void relink(bool linked, int count);
-    /// Runs detector `index` over its level row, leaving 1 (open) or 0 (closed) per frame.
-    void detect(int index, int frames);
+    /// Runs detector `index` over its level row, leaving 1 (open) or 0 (closed) per frame;
+    /// returns 1 or 0 when every frame is so, else -1.
+    int detect(int index, int frames);
     /// Moves channel `channel`'s position by the open flags of row `source`, writing gains into
     /// row `into`; returns the last frame's gain and leaves the end range in `rangeEnd_`.
     double ramp(int source, int into, int channel, int frames);
