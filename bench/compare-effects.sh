@@ -66,13 +66,15 @@ echo "load before: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores; median of
 # The dynamics effects cost little beside reading and writing ten minutes of audio (and
 # harlune-cli syncs its output to disk, which sox does not), so these sections also give the
 # effect's own CPU: each tool's CPU time less that of the same tool copying the file unchanged.
+# harlune-cli's copy runs a flat EQ, which leaves the buffers untouched, so that the render pass
+# and the building of the new content count in the baseline, not in the effect.
 net_baselines() {
     [ -n "${sox_copy_cpu:-}" ] && return
     median "sox: copy (baseline)" sox "$work/in.wav" -b 32 -e float "$work/sox.wav"
     sox_copy_cpu=$(cpu)
-    echo "[]" >"$work/none.json"
-    median "harlune-cli process --effects [] (baseline)" "$cli" process "$work/in.wav" "$work/h.wav" \
-        --effects "$work/none.json"
+    echo '[{"eq":{"_0":{"bands":[],"outputGainDB":0}}}]' >"$work/flat.json"
+    median "harlune-cli process --effects (flat eq, baseline)" "$cli" process "$work/in.wav" "$work/h.wav" \
+        --effects "$work/flat.json"
     harlune_copy_cpu=$(cpu)
 }
 # `compare_net NAME JSON SOX_EFFECT...`: `compare`, then the ratio of the effects' own CPU
