@@ -22,21 +22,28 @@ echo "generating $seconds s of float stereo 48 kHz audio in $work ..."
 sox -n -r 48000 -c 2 -b 32 -e float "$work/in.wav" synth "$seconds" pinknoise sine 997 vol 0.4
 cat "$work/in.wav" >/dev/null # into the page cache
 
-# `median NAME COMMAND...`: the median wall time of $runs runs, left in "$work/last".
+# `median NAME COMMAND...`: the median wall time of $runs runs, left in "$work/last", and the
+# median CPU time (user + system) in "$work/lastcpu".
 median() {
     local name=$1; shift
     : >"$work/walls"
+    : >"$work/cpus"
     for _ in $(seq "$runs"); do
-        /usr/bin/time -f '%e' -o "$work/time" "$@" >/dev/null 2>"$work/stderr" ||
+        /usr/bin/time -f '%e %U %S' -o "$work/time" "$@" >/dev/null 2>"$work/stderr" ||
             { cat "$work/stderr" >&2; exit 1; }
-        cat "$work/time" >>"$work/walls"
+        read -r w u s <"$work/time"
+        echo "$w" >>"$work/walls"
+        echo "$u + $s" | bc -l >>"$work/cpus"
     done
-    local wall
+    local wall cpu
     wall=$(sort -g "$work/walls" | sed -n "$(((runs + 1) / 2))p")
-    printf '%-64s wall %6.2f s  (%.0fx real time)\n' "$name" "$wall" "$(echo "$seconds / $wall" | bc -l)"
+    cpu=$(sort -g "$work/cpus" | sed -n "$(((runs + 1) / 2))p")
+    printf '%-64s wall %6.2f s  (%.0fx real time)  cpu %6.2f s\n' "$name" "$wall" "$(echo "$seconds / $wall" | bc -l)" "$cpu"
     echo "$wall" >"$work/last"
+    echo "$cpu" >"$work/lastcpu"
 }
 wall() { cat "$work/last"; }
+cpu() { cat "$work/lastcpu"; }
 
 # `compare NAME JSON SOX_EFFECT...`: our effect with the settings JSON (one EffectSettings
 # object) beside `sox in.wav out.wav SOX_EFFECT...`.
@@ -46,6 +53,7 @@ compare() {
     echo "[$json]" >"$work/$name.json"
     median "sox: $*" sox "$work/in.wav" -b 32 -e float "$work/sox.wav" "$@"; local t_sox
     t_sox=$(wall)
+    sox_cpu=$(cpu)
     median "harlune-cli process --effects ($name)" "$cli" process "$work/in.wav" "$work/h.wav" \
         --effects "$work/$name.json"
     printf '    %s: sox / harlune %.2f\n' "$name" "$(echo "$t_sox / $(wall)" | bc -l)"
@@ -82,3 +90,44 @@ compare chorus '{"chorus":{"_0":{"mode":"chorus","rateHz":0.8,"depth":0.5,"delay
 # delay, regeneration and a quadratic read.
 compare flanger '{"chorus":{"_0":{"mode":"flanger","rateHz":0.5,"depth":0.7,"delayMs":3,"feedback":0.5,"voices":1,"stereoSpread":0.25,"mix":0.5}}}' \
     flanger 3 2 50 71 0.5 sine 25 quadratic
+# The dynamics effects cost little beside reading and writing ten minutes of audio (and
+# harlune-cli syncs its output to disk, which sox does not), so these sections also give the
+# effect's own CPU: each tool's CPU time less that of the same tool copying the file unchanged.
+# harlune-cli's copy runs a flat EQ, which leaves the buffers untouched, so that the render pass
+# and the building of the new content count in the baseline, not in the effect.
+net_baselines() {
+    [ -n "${sox_copy_cpu:-}" ] && return
+    median "sox: copy (baseline)" sox "$work/in.wav" -b 32 -e float "$work/sox.wav"
+    sox_copy_cpu=$(cpu)
+    echo '[{"eq":{"_0":{"bands":[],"outputGainDB":0}}}]' >"$work/flat.json"
+    median "harlune-cli process --effects (flat eq, baseline)" "$cli" process "$work/in.wav" "$work/h.wav" \
+        --effects "$work/flat.json"
+    harlune_copy_cpu=$(cpu)
+}
+# `compare_net NAME JSON SOX_EFFECT...`: `compare`, then the ratio of the effects' own CPU
+# (sox's CPU is left in $sox_cpu by `compare`).
+compare_net() {
+    local name=$1
+    if [ ${#only[@]} -gt 0 ] && ! printf '%s\n' "${only[@]}" | grep -qx "$name"; then return; fi
+    net_baselines
+    compare "$@"
+    local h_cpu s_cpu=$sox_cpu
+    h_cpu=$(cpu)
+    printf '    %s: effect CPU, sox %.2f s, harlune %.2f s: sox / harlune %.1f\n' "$name" \
+        "$(echo "$s_cpu - $sox_copy_cpu" | bc -l)" "$(echo "$h_cpu - $harlune_copy_cpu" | bc -l)" \
+        "$(echo "($s_cpu - $sox_copy_cpu) / ($h_cpu - $harlune_copy_cpu)" | bc -l)"
+}
+
+# Compressor: threshold -20 dB, 4:1, 6 dB soft knee, 10 ms attack, 120 ms release, peak
+# detection, linked. sox's compand draws the same curve from its breakpoints (unity to -20 dB,
+# then 1/4 slope to 0 dB in -> -15 dB out) and smooths per channel with the same attack and decay.
+compare_net compressor \
+    '{"compressor":{"_0":{"thresholdDB":-20,"ratio":4,"kneeDB":6,"attackMs":10,"releaseMs":120,"makeupGainDB":0,"autoMakeup":false,"detection":"peak","stereoLink":true,"mix":1}}}' \
+    compand 0.01,0.12 6:-90,-90,-20,-20,0,-15 0 -90 0
+
+# Noise gate: opens at -45 dB, 60 dB range, 1 ms attack, 150 ms release (50 ms hold and 3 dB
+# hysteresis have no compand counterpart). compand as a gate: a steep expander just under the
+# threshold, 60 dB down below it.
+compare_net gate \
+    '{"gate":{"_0":{"thresholdDB":-45,"rangeDB":-60,"attackMs":1,"holdMs":50,"releaseMs":150,"hysteresisDB":3,"stereoLink":true}}}' \
+    compand 0.001,0.15 -90,-150,-45.1,-105.1,-45,-45,0,0 0 -90 0

@@ -97,6 +97,19 @@ const std::vector<ContractRow>& rows() {
                                .stereoSpread = 1,
                                .mix = 0.5},
                 ChorusSettings{.mode = ModulationMode::flanger, .delayMs = 3, .feedback = -0.7, .mix = 0}),
+        // Well into compression on the test noise; the RMS path is the one with more state.
+        builtin(CompressorSettings{.thresholdDB = -24,
+                                   .ratio = 6,
+                                   .kneeDB = 8,
+                                   .attackMs = 3,
+                                   .releaseMs = 80,
+                                   .makeupGainDB = 4,
+                                   .autoMakeup = true,
+                                   .detection = DetectionMode::rms,
+                                   .mix = 0.8},
+                CompressorSettings{.mix = 0}),
+        builtin(
+            GateSettings{.thresholdDB = -40, .rangeDB = -50, .attackMs = 0.5, .holdMs = 20, .releaseMs = 80}),
     };
     return all;
 }

@@ -1,5 +1,6 @@
 #include "dsp/effects/CompressorSettings.h"
 
+#include "dsp/effects/CompressorCurve.h"
 #include "dsp/effects/SettingsJSON.h"
 
 namespace harlune {
@@ -18,6 +19,14 @@ std::optional<DetectionMode> detectionModeFromRawValue(std::string_view raw) {
 
 std::string_view displayName(DetectionMode mode) {
     return mode == DetectionMode::peak ? "Peak" : "RMS";
+}
+
+double CompressorSettings::staticOutputDB(double inputDB) const {
+    return CompressorCurve::of(thresholdDB, ratio, kneeDB).outputDB(inputDB);
+}
+
+double CompressorSettings::effectiveMakeupDB() const {
+    return makeupGainDB + (autoMakeup ? -0.5 * staticOutputDB(0) : 0.0);
 }
 
 void to_json(nlohmann::json& json, const CompressorSettings& s) {

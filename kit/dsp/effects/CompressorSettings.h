@@ -31,6 +31,11 @@ struct CompressorSettings {
     /// 0 dry to 1 wet.
     double mix = 1.0;
 
+    /// The static curve without makeup, as the editor draws it: output dB for a steady input.
+    double staticOutputDB(double inputDB) const;
+    /// `makeupGainDB`, plus with `autoMakeup` half of what a 0 dBFS signal loses.
+    double effectiveMakeupDB() const;
+
     friend bool operator==(const CompressorSettings&, const CompressorSettings&) = default;
 };
 

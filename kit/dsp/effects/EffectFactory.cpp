@@ -2,9 +2,11 @@
 
 #include "base/HarluneError.h"
 #include "dsp/effects/ChorusProcessor.h"
+#include "dsp/effects/CompressorProcessor.h"
 #include "dsp/effects/DelayProcessor.h"
 #include "dsp/effects/DistortionProcessor.h"
 #include "dsp/effects/EQProcessor.h"
+#include "dsp/effects/GateProcessor.h"
 
 #include <string>
 
@@ -24,6 +26,10 @@ std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings
     switch (settings.kind()) {
     case EffectKind::eq:
         return made<EQProcessor>(settings);
+    case EffectKind::compressor:
+        return made<CompressorProcessor>(settings);
+    case EffectKind::gate:
+        return made<GateProcessor>(settings);
     case EffectKind::distortion:
         return made<DistortionProcessor>(settings);
     case EffectKind::delay:
