@@ -1,6 +1,7 @@
 #include "dsp/effects/ReverbProcessor.h"
 
 #include "base/HarluneError.h"
+#include "base/Vectorize.h"
 
 #include <algorithm>
 #include <bit>
@@ -284,7 +285,8 @@ void ReverbProcessor::doProcess(ChannelSpan channels) noexcept {
     }
 }
 
-void ReverbProcessor::runStretch(ChannelSpan channels, int offset, int frames) noexcept {
+HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int offset,
+                                                       int frames) noexcept {
     const int channelCount = channels.channelCount();
     const uint32_t w0 = writeIndex_;
     const int phase0 = controlPhase_;
@@ -319,29 +321,44 @@ void ReverbProcessor::runStretch(ChannelSpan channels, int offset, int frames) n
         }
     }
 
-    // Stage 2a: the two taps of each line's fractional read, line by line so that one line's
-    // data stays in cache.
-    const uint32_t lineMask = lineSize_ - 1;
-    const float* lineData = lineBuffer_.pointer();
-    for (int l = 0; l < lines; ++l) {
-        const auto li = static_cast<size_t>(l);
-        const float* line = lineData + static_cast<size_t>(l) * lineStride_;
-        const float start = delayStart_[li];
-        const float slope = (delayEnd_[li] - start) * 0.03125f;
+    // Stage 2a: each line's delay on its ramp, split into a whole read offset and the allpass
+    // coefficient of the fraction; per frame, all sixteen lines at once.
+    {
+        Lines start = delayStart_;
+        Lines slope{};
+        for (size_t l = 0; l < lines; ++l)
+            slope[l] = (delayEnd_[l] - start[l]) * 0.03125f;
         for (int f = 0; f < frames; ++f) {
-            const float delay = start + slope * static_cast<float>(phase0 + f);
-            const float whole = std::floor(delay - 0.5f);
-            const float fr = delay - whole;
-            const uint32_t at =
-                w0 + static_cast<uint32_t>(f) - static_cast<uint32_t>(static_cast<int32_t>(whole));
             const auto fi = static_cast<size_t>(f);
-            kappa_[fi][li] = (1 - fr) / (1 + fr);
-            tapNear_[fi][li] = line[at & lineMask];
-            tapFar_[fi][li] = line[(at - 1) & lineMask];
+            const auto t = static_cast<float>(phase0 + f);
+            Lines& kappa = kappa_[fi];
+            std::array<int32_t, lines>& readAt = readOffset_[fi];
+#pragma omp simd
+            for (size_t l = 0; l < lines; ++l) {
+                const float delay = start[l] + slope[l] * t;
+                const float whole = std::floor(delay - 0.5f);
+                const float fr = delay - whole;
+                kappa[l] = (1 - fr) / (1 + fr);
+                readAt[l] = static_cast<int32_t>(whole);
+            }
         }
     }
 
-    // Stage 2b: the allpass and damping recursions, all sixteen lines at once per frame.
+    // Stage 2b: the two taps of each fractional read, line by line so that one line's data
+    // stays in cache.
+    const uint32_t lineMask = lineSize_ - 1;
+    const float* lineData = lineBuffer_.pointer();
+    for (size_t l = 0; l < lines; ++l) {
+        const float* line = lineData + l * lineStride_;
+        for (int f = 0; f < frames; ++f) {
+            const auto fi = static_cast<size_t>(f);
+            const uint32_t at = w0 + static_cast<uint32_t>(f) - static_cast<uint32_t>(readOffset_[fi][l]);
+            tapNear_[fi][l] = line[at & lineMask];
+            tapFar_[fi][l] = line[(at - 1) & lineMask];
+        }
+    }
+
+    // Stage 2c: the allpass and damping recursions, all sixteen lines at once per frame.
     {
         Lines ap = allpassState_;
         Lines z = filterState_;
@@ -353,6 +370,7 @@ void ReverbProcessor::runStretch(ChannelSpan channels, int offset, int frames) n
             const Lines& far = tapFar_[fi];
             const Lines& k = kappa_[fi];
             Lines& out = chunkLines_[fi];
+#pragma omp simd
             for (size_t l = 0; l < lines; ++l) {
                 const float y = far[l] + k[l] * (near[l] - ap[l]);
                 ap[l] = y;
@@ -378,6 +396,7 @@ void ReverbProcessor::runStretch(ChannelSpan channels, int offset, int frames) n
         for (int c = 0; c < channelCount; ++c) {
             const Lines& row = outputRows_[c];
             float late = 0;
+#pragma omp simd reduction(+ : late)
             for (size_t l = 0; l < lines; ++l)
                 late += row[l] * v[l];
             float reflections = 0;
@@ -406,8 +425,12 @@ void ReverbProcessor::runStretch(ChannelSpan channels, int offset, int frames) n
         hadamard(mixed);
         const float input = chunkInput_[fi];
         const uint32_t at = w & lineMask;
+        alignas(64) Lines feedback;
+#pragma omp simd
         for (size_t l = 0; l < lines; ++l)
-            lineOut[l * lineStride_ + at] = 0.25f * mixed[l] + inputVector_[l] * input;
+            feedback[l] = 0.25f * mixed[l] + inputVector_[l] * input;
+        for (size_t l = 0; l < lines; ++l)
+            lineOut[l * lineStride_ + at] = feedback[l];
     }
 }
 

@@ -101,6 +101,7 @@ private:
     alignas(64) std::array<Lines, spaceTickFrames> tapNear_{};
     alignas(64) std::array<Lines, spaceTickFrames> tapFar_{};
     alignas(64) std::array<Lines, spaceTickFrames> kappa_{};
+    alignas(64) std::array<std::array<int32_t, lineCount>, spaceTickFrames> readOffset_{};
 
     SpaceSVFState lowCut_;
     double lowCutHz_ = 100;
