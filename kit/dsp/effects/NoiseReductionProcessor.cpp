@@ -19,7 +19,7 @@ float presenceProbability(double snr) {
         return 0;
     if (snr >= 0.316)
         return 1;
-    return static_cast<float>(std::log10(snr / 0.1) / 0.4996871);
+    return std::log10(static_cast<float>(snr * 10)) * (1 / 0.4996871f);
 }
 
 } // namespace

@@ -49,7 +49,7 @@ float fraction(float x) {
 }
 
 // The Catmull-Rom read at a delay of `delay` (>= 2) frames behind `w`.
-float cubicRead(const float* buffer, uint32_t mask, uint32_t w, double delay) {
+inline float cubicRead(const float* buffer, uint32_t mask, uint32_t w, double delay) {
     const auto whole = static_cast<uint32_t>(delay);
     const auto t = static_cast<float>(static_cast<double>(whole) - delay + 1.0);
     const uint32_t at = w - whole;
@@ -61,16 +61,24 @@ float cubicRead(const float* buffer, uint32_t mask, uint32_t w, double delay) {
                                              t * ((p0 - p1) * 1.5f + (p2 - pm) * 0.5f)));
 }
 
-// The Hadamard matrix of order 16 as a butterfly, in place, unscaled.
-inline void hadamard(std::array<float, lines>& v) {
-    for (int span = 1; span < lines; span *= 2)
-        for (int block = 0; block < lines; block += 2 * span)
-            for (int i = block; i < block + span; ++i) {
-                const float a = v[static_cast<size_t>(i)];
-                const float b = v[static_cast<size_t>(i + span)];
-                v[static_cast<size_t>(i)] = a + b;
-                v[static_cast<size_t>(i + span)] = a - b;
-            }
+// One stage of the butterfly: sums of neighbours to the front half, differences to the back.
+// Four of them make the Hadamard matrix of order 16 (unscaled, rows in a permuted order), with
+// every stage a plain vector operation.
+inline void butterflyStage(const std::array<float, lines>& in, std::array<float, lines>& out) {
+#pragma omp simd
+    for (size_t i = 0; i < lines / 2; ++i) {
+        out[i] = in[2 * i] + in[2 * i + 1];
+        out[i + lines / 2] = in[2 * i] - in[2 * i + 1];
+    }
+}
+
+inline void hadamard(const std::array<float, lines>& in, std::array<float, lines>& out) {
+    alignas(64) std::array<float, lines> a;
+    alignas(64) std::array<float, lines> b;
+    butterflyStage(in, a);
+    butterflyStage(a, b);
+    butterflyStage(b, a);
+    butterflyStage(a, out);
 }
 
 } // namespace
@@ -336,10 +344,11 @@ HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int
 #pragma omp simd
             for (size_t l = 0; l < lines; ++l) {
                 const float delay = start[l] + slope[l] * t;
-                const float whole = std::floor(delay - 0.5f);
-                const float fr = delay - whole;
+                // Delays are at least 47 frames, so truncation is the floor (and vectorises).
+                const auto whole = static_cast<int32_t>(delay - 0.5f);
+                const float fr = delay - static_cast<float>(whole);
                 kappa[l] = (1 - fr) / (1 + fr);
-                readAt[l] = static_cast<int32_t>(whole);
+                readAt[l] = whole;
             }
         }
     }
@@ -421,8 +430,8 @@ HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int
                 x = x + mix * (mid + width * (wet[static_cast<size_t>(c)] - mid) - x);
             }
         }
-        Lines mixed = v;
-        hadamard(mixed);
+        alignas(64) Lines mixed;
+        hadamard(v, mixed);
         const float input = chunkInput_[fi];
         const uint32_t at = w & lineMask;
         alignas(64) Lines feedback;
