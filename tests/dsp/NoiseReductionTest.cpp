@@ -98,6 +98,24 @@ TEST(NoiseReductionProcessor, LearntNoiseIsCutByTheSetAmount) {
     EXPECT_NEAR(noiseChangeDB(profile, 0), 0, 1e-3) << "a floor of 1 keeps every gain at 1";
 }
 
+// A profile learnt at 44.1 kHz serves at 96 kHz: mapped by bin frequency (4096-point bins here
+// are about as wide as 2048-point ones there) and scaled by the ratio of the rates, so noise
+// whose power per bin is that much higher is what it then cuts by the set amount.
+TEST(NoiseReductionProcessor, AProfileFromAnotherRateIsMappedAndScaled) {
+    const ArraySource learnt({gaussian(88200, sigma, 21)}, 44100);
+    const NoiseProfile profile = NoiseProfile::learn(learnt, {0, 88200}, 2048);
+    NoiseReductionProcessor processor;
+    processor.apply(NoiseReductionSettings{.profile = profile, .reductionDB = 12});
+    processor.prepare(96000, 1, 4096);
+    Planes planes{gaussian(4 * 96000, sigma * std::sqrt(96000 / 44100.0), 22)};
+    const std::vector<float> input = planes[0];
+    run(processor, planes);
+    const auto latency = static_cast<size_t>(processor.latencyFrames());
+    const double change = 10 * std::log10(power(planes[0], 96000 + latency, planes[0].size()) /
+                                          power(input, 96000, input.size() - latency));
+    EXPECT_NEAR(change, -12, 0.5);
+}
+
 // The tone's amplitude in the output over that in the input, in dB, by projection on the
 // known sinusoid after the latency.
 double toneChangeDB(double snrDB, double smoothing, double cyclesPerFrame) {
