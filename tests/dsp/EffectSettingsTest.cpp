@@ -107,10 +107,10 @@ TEST(EffectSettingsJSONTest, MalformedFormsFail) {
 }
 
 TEST(EffectFactoryTest, AKindWithoutAProcessorFailsClearly) {
-    EXPECT_THAT([] { EffectFactory::makeProcessor(ReverbSettings{}); },
+    EXPECT_THAT([] { EffectFactory::makeProcessor(CompressorSettings{}); },
                 ::testing::Throws<HarluneError>(::testing::Truly([](const HarluneError& error) {
                     return error.kind() == HarluneError::Kind::codecUnavailable &&
-                           error.detail().find("Reverb") != std::string::npos;
+                           error.detail().find("Compressor") != std::string::npos;
                 })));
 }
 
