@@ -353,17 +353,21 @@ HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int
         }
     }
 
-    // Stage 2b: the two taps of each fractional read, line by line so that one line's data
-    // stays in cache.
+    // Stage 2b: the two taps of each fractional read; per frame, from all sixteen lines, so
+    // that the loads are independent and the stores contiguous.
     const uint32_t lineMask = lineSize_ - 1;
     const float* lineData = lineBuffer_.pointer();
-    for (size_t l = 0; l < lines; ++l) {
-        const float* line = lineData + l * lineStride_;
-        for (int f = 0; f < frames; ++f) {
-            const auto fi = static_cast<size_t>(f);
-            const uint32_t at = w0 + static_cast<uint32_t>(f) - static_cast<uint32_t>(readOffset_[fi][l]);
-            tapNear_[fi][l] = line[at & lineMask];
-            tapFar_[fi][l] = line[(at - 1) & lineMask];
+    for (int f = 0; f < frames; ++f) {
+        const auto fi = static_cast<size_t>(f);
+        const uint32_t w = w0 + static_cast<uint32_t>(f);
+        const std::array<int32_t, lines>& readAt = readOffset_[fi];
+        Lines& near = tapNear_[fi];
+        Lines& far = tapFar_[fi];
+        for (size_t l = 0; l < lines; ++l) {
+            const float* line = lineData + l * lineStride_;
+            const uint32_t at = w - static_cast<uint32_t>(readAt[l]);
+            near[l] = line[at & lineMask];
+            far[l] = line[(at - 1) & lineMask];
         }
     }
 
