@@ -131,3 +131,23 @@ compare_net compressor \
 compare_net gate \
     '{"gate":{"_0":{"thresholdDB":-45,"rangeDB":-60,"attackMs":1,"holdMs":50,"releaseMs":150,"hysteresisDB":3,"stereoLink":true}}}' \
     compand 0.001,0.15 -90,-150,-45.1,-105.1,-45,-45,0,0 0 -90 0
+# `wanted NAME`: whether the command line asked for this effect (or for all).
+wanted() { [ ${#only[@]} -eq 0 ] || printf '%s\n' "${only[@]}" | grep -qx "$1"; }
+
+# --- Reverb: sox's reverb (a Freeverb-style bank of combs and allpasses, run per channel) at
+# middle reverberance and damping with our pre-delay, beside our 16-line feedback delay
+# network with early reflections at its default settings. Both add the wet signal to the dry.
+compare reverb '{"reverb":{"_0":{"preDelayMs":20,"decaySeconds":1.8,"size":0.6,"damping":0.5,"diffusion":0.8,"width":1,"lowCutHz":100,"mix":0.25}}}' \
+    reverb 50 50 100 100 20 -6
+
+# --- Noise reduction: sox's noisered (2048-point spectral subtraction with gain smoothing)
+# with a profile from its noiseprof over the first 2 s, beside ours (2048-point STFT at a
+# quarter hop, decision-directed Wiener gains with presence and floor) with a profile from
+# harlune-cli noise-profile over the same 2 s. Profiles are made outside the timing.
+if wanted noiseReduction; then
+    sox "$work/in.wav" -n trim 0 2 noiseprof "$work/sox.prof"
+    "$cli" noise-profile "$work/in.wav" --select 0:2 -o "$work/profile.json"
+    compare noiseReduction \
+        "{\"noiseReduction\":{\"_0\":{\"profile\":$(cat "$work/profile.json"),\"reductionDB\":18,\"sensitivityDB\":0,\"smoothing\":0.5,\"outputNoiseOnly\":false}}}" \
+        noisered "$work/sox.prof" 0.21
+fi

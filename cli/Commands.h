@@ -12,5 +12,6 @@ Command playCommand();
 Command processCommand();
 Command normalizeCommand();
 Command tempoCommand();
+Command noiseProfileCommand();
 
 } // namespace harlune::cli

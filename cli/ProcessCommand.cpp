@@ -9,6 +9,7 @@
 #include "CliSupport.h"
 #include "Commands.h"
 #include "EncodeOptions.h"
+#include "NoiseProfileOptions.h"
 #include "OpenAudio.h"
 #include "base/HarluneError.h"
 #include "core/AudioContentBuilder.h"
@@ -45,6 +46,7 @@ constexpr std::string_view usage =
     "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
     "  --reverse --invert --remove-dc --swap-channels --channels N\n"
     "  --envelope FILE.json    --effects FILE.json\n"
+    "  --learn-noise START:END --noise-profile FILE.json   the profile of later noise reduction\n"
     "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)\n"
     "  --stretch-engine NAME   finer (Rubber Band R3, default) or faster (R2), for later --tempo/--pitch";
 
@@ -140,7 +142,25 @@ Operation envelopeOperation(const std::string& path) {
             }};
 }
 
-Operation effectsOperation(const std::string& path) {
+/// The noise profile that later noise-reduction effects take, once an operation has set it.
+using NoiseProfileSlot = std::shared_ptr<std::optional<NoiseProfile>>;
+
+Operation learnNoiseOperation(const std::string& value, NoiseProfileSlot slot) {
+    const SecondsSpan span = parseSecondsSpan(value, "--learn-noise");
+    return {"--learn-noise", [span, slot](Document& document, ProgressBar*) {
+                *slot = learnNoiseProfile(document.content, span, "--learn-noise");
+            }};
+}
+
+Operation noiseProfileOperation(const std::string& path, NoiseProfileSlot slot) {
+    const NoiseProfile profile = readNoiseProfile(path, "--noise-profile");
+    return {"--noise-profile", [profile, slot](Document& document, ProgressBar*) {
+                requireProfileRate(profile, document.content.sampleRate(), "--noise-profile");
+                *slot = profile;
+            }};
+}
+
+Operation effectsOperation(const std::string& path, NoiseProfileSlot noiseProfile) {
     const nlohmann::json json = readJSON(path, "--effects");
     if (!json.is_array())
         throw std::runtime_error("--effects: \u2018" + path + "\u2019 must hold a list of effect settings");
@@ -153,11 +173,14 @@ Operation effectsOperation(const std::string& path) {
         }
     }
     return {"--effects",
-            [chain](Document& document, ProgressBar* bar) {
+            [chain, noiseProfile](Document& document, ProgressBar* bar) {
                 if (chain.empty())
                     return;
+                std::vector<EffectSettings> used = chain;
+                if (*noiseProfile)
+                    useNoiseProfile(used, **noiseProfile);
                 std::vector<std::shared_ptr<EffectProcessor>> processors;
-                for (const auto& settings : chain)
+                for (const auto& settings : used)
                     processors.push_back(EffectFactory::makeProcessor(settings));
                 document.content = applyingEffects(document.content, processors, document.scope(),
                                                    std::nullopt, EffectTailMode::mixIntoFollowing,
@@ -226,6 +249,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
     TimePitch::Engine stretchEngine = TimePitch::Engine::finer;
     std::optional<double> pendingTempo;
     std::optional<double> pendingCents;
+    const auto noiseProfile = std::make_shared<std::optional<NoiseProfile>>();
     auto flushTimePitch = [&] {
         if (pendingTempo || pendingCents)
             request.operations.push_back(
@@ -341,7 +365,11 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         } else if (argument == "--envelope") {
             request.operations.push_back(envelopeOperation(value()));
         } else if (argument == "--effects") {
-            request.operations.push_back(effectsOperation(value()));
+            request.operations.push_back(effectsOperation(value(), noiseProfile));
+        } else if (argument == "--learn-noise") {
+            request.operations.push_back(learnNoiseOperation(value(), noiseProfile));
+        } else if (argument == "--noise-profile") {
+            request.operations.push_back(noiseProfileOperation(value(), noiseProfile));
         } else if (argument == "--resample") {
             request.operations.push_back(resampleOperation(parsePositiveNumber(value(), argument)));
         } else if (!request.encode.parse(reader)) {

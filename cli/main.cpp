@@ -12,9 +12,9 @@ namespace {
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand(),
-            harlune::cli::tempoCommand()};
+    return {harlune::cli::infoCommand(),    harlune::cli::convertCommand(),   harlune::cli::loudnessCommand(),
+            harlune::cli::playCommand(),    harlune::cli::processCommand(),   harlune::cli::normalizeCommand(),
+            harlune::cli::tempoCommand(),   harlune::cli::noiseProfileCommand()};
 }
 
 void printUsage(std::FILE* stream, const std::vector<Command>& commands) {

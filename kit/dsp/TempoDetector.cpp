@@ -1,11 +1,10 @@
 #include "dsp/TempoDetector.h"
 
 #include "base/Precondition.h"
-#include "dsp/FFTWPlanning.h"
+#include "dsp/RealFFT.h"
 
 #include <algorithm>
 #include <cmath>
-#include <fftw3.h>
 #include <memory>
 #include <numbers>
 
@@ -18,44 +17,6 @@ constexpr int binCount = fftSize / 2;
 // A beat sits three quarters of the way into the first half of the analysis frame whose onset
 // shows it.
 constexpr int64_t beatOffset = 768;
-
-struct FFTWFree {
-    void operator()(void* p) const { fftwf_free(p); }
-};
-template <class T> using FFTWBuffer = std::unique_ptr<T[], FFTWFree>;
-
-// One real forward transform of `fftSize` floats, planned once per curve.
-class ForwardTransform {
-public:
-    ForwardTransform()
-        : input_(static_cast<float*>(fftwf_malloc(sizeof(float) * fftSize))),
-          output_(static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * (binCount + 1)))) {
-        HARLUNE_PRECONDITION(input_ && output_, "out of memory for the tempo transform");
-        const std::lock_guard lock(fftwPlannerMutex());
-        plan_ = fftwf_plan_dft_r2c_1d(fftSize, input_.get(), output_.get(), FFTW_ESTIMATE);
-        HARLUNE_PRECONDITION(plan_ != nullptr, "FFTW could not plan the tempo transform");
-    }
-    ~ForwardTransform() {
-        const std::lock_guard lock(fftwPlannerMutex());
-        fftwf_destroy_plan(plan_);
-    }
-    ForwardTransform(const ForwardTransform&) = delete;
-    ForwardTransform& operator=(const ForwardTransform&) = delete;
-
-    float* input() { return input_.get(); }
-    /// Magnitudes of bins 0..1023, at twice the plain DFT's scale: the compression that follows
-    /// was tuned on a packed real transform, which carries that factor.
-    void magnitudes(float* out) {
-        fftwf_execute(plan_);
-        for (int k = 0; k < binCount; ++k)
-            out[k] = 2.0f * std::hypot(output_[k][0], output_[k][1]);
-    }
-
-private:
-    FFTWBuffer<float> input_;
-    FFTWBuffer<fftwf_complex> output_;
-    fftwf_plan plan_ = nullptr;
-};
 
 // The channels of `range` added up (not averaged).
 std::vector<float> channelSum(const AudioSource& source, FrameRange range) {
@@ -119,17 +80,21 @@ std::vector<float> onsetEnvelope(const AudioSource& source, FrameRange range) {
         window[static_cast<size_t>(n)] =
             static_cast<float>(0.5 * (1.0 - std::cos(2.0 * std::numbers::pi * n / fftSize)));
 
-    ForwardTransform transform;
+    const RealFFT transform(fftSize);
     std::vector<float> magnitude(binCount);
     std::vector<float> value(binCount);
     std::vector<float> previous(binCount);
     std::vector<float> flux(count, 0.0f);
     for (size_t i = 0; i < count; ++i) {
         const float* frame = sum.data() + i * hopSize;
-        float* in = transform.input();
+        float* in = transform.time();
         for (int n = 0; n < fftSize; ++n)
             in[n] = frame[n] * window[static_cast<size_t>(n)];
-        transform.magnitudes(magnitude.data());
+        transform.forward();
+        // Twice the plain DFT's scale: the compression below was tuned on a packed real
+        // transform, which carries that factor.
+        for (int k = 0; k < binCount; ++k)
+            magnitude[static_cast<size_t>(k)] = 2.0f * std::abs(transform.spectrum()[k]);
         for (int k = 0; k < binCount; ++k)
             value[static_cast<size_t>(k)] = std::log(1.0f + 20.0f * magnitude[static_cast<size_t>(k)]);
         if (i > 0) {

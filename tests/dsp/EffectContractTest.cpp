@@ -110,6 +110,14 @@ const std::vector<ContractRow>& rows() {
                 CompressorSettings{.mix = 0}),
         builtin(
             GateSettings{.thresholdDB = -40, .rangeDB = -50, .attackMs = 0.5, .holdMs = 20, .releaseMs = 80}),
+        // builtin(DelaySettings{...}, DelaySettings{.mix = 0}), ...
+        builtin(ReverbSettings{.preDelayMs = 12, .decaySeconds = 1.2, .damping = 0.4, .mix = 0.5},
+                ReverbSettings{.decaySeconds = 1.2, .mix = 0}),
+        // A faint white profile: the impulse stands far above it, so the gains stay near 1 and
+        // the overlap-add closes within the latency. Without a profile it is an exact delay.
+        builtin(NoiseReductionSettings{.profile = NoiseProfile{2048, 48000, std::vector<float>(1025, 1e-9f)},
+                                       .reductionDB = 12},
+                NoiseReductionSettings{.profile = std::nullopt, .reductionDB = 12}),
     };
     return all;
 }

@@ -1,12 +1,14 @@
 #include "dsp/effects/EffectFactory.h"
 
-#include "base/HarluneError.h"
+#include "base/Precondition.h"
 #include "dsp/effects/ChorusProcessor.h"
 #include "dsp/effects/CompressorProcessor.h"
 #include "dsp/effects/DelayProcessor.h"
 #include "dsp/effects/DistortionProcessor.h"
 #include "dsp/effects/EQProcessor.h"
 #include "dsp/effects/GateProcessor.h"
+#include "dsp/effects/NoiseReductionProcessor.h"
+#include "dsp/effects/ReverbProcessor.h"
 
 #include <string>
 
@@ -36,11 +38,14 @@ std::shared_ptr<ConfigurableEffect> makeProcessor(const EffectSettings& settings
         return made<DelayProcessor>(settings);
     case EffectKind::chorus:
         return made<ChorusProcessor>(settings);
-    default:
-        break;
+    case EffectKind::reverb:
+        return made<ReverbProcessor>(settings);
+    case EffectKind::noiseReduction:
+        return made<NoiseReductionProcessor>(settings);
     }
-    throw HarluneError::codecUnavailable("the effect \"" + std::string(displayName(settings.kind())) +
-                                         "\" is not available in this build");
+    // Every kind has its processor; a value outside the enumeration is a programmer's error.
+    HARLUNE_PRECONDITION(false, "an effect kind without a processor");
+    return nullptr;
 }
 
 } // namespace harlune::EffectFactory

@@ -6,6 +6,9 @@
 
 namespace harlune {
 
+class AudioSource;
+struct FrameRange;
+
 /// The learnt spectrum of the noise.
 struct NoiseProfile {
     int fftSize = 0;
@@ -13,6 +16,11 @@ struct NoiseProfile {
     double sampleRate = 0;
     /// `fftSize / 2 + 1` values, the mean power of the noise per bin.
     std::vector<float> binPower;
+
+    /// The mean power per bin of `range` of `source` (clipped to it), all channels pooled, on
+    /// the scale `NoiseReductionProcessor` measures its input. `fftSize` is taken to a power of
+    /// two from 256 to 65536. An empty range gives all bins 0. Not for the audio thread.
+    static NoiseProfile learn(const AudioSource& source, FrameRange range, int fftSize);
 
     friend bool operator==(const NoiseProfile&, const NoiseProfile&) = default;
 };
