@@ -14,7 +14,6 @@
 #include "editor/AudioClipboard.h"
 #include "editor/BusyState.h"
 #include "editor/EditState.h"
-#include "editor/EffectsRackControl.h"
 #include "editor/InspectorTab.h"
 #include "editor/LoudnessAdjustMode.h"
 #include "editor/Marker.h"
@@ -22,7 +21,10 @@
 #include "editor/PlaybackControl.h"
 #include "editor/RecordMode.h"
 #include "editor/RecorderControl.h"
+#include "editor/RepeatingTimer.h"
 #include "editor/TimeFormat.h"
+#include "engine/EffectsRack.h"
+#include "engine/RackScheduler.h"
 
 #include <QObject>
 #include <QPointer>
@@ -39,13 +41,16 @@ class QTimer;
 
 namespace harlune {
 
-/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in, except
-/// the measurements, which default to the real `LoudnessAnalysisScheduler` (pass a
+/// The collaborators a model owns. Player and recorder left empty are replaced by do-nothing
+/// stand-ins; the measurements default to the real `LoudnessAnalysisScheduler` (pass a
 /// `NullAnalysisScheduler` to measure nothing); an absent clipboard by one of the model's own
-/// (the application shares one among all models).
+/// (the application shares one among all models). The effects rack is always the real one, on
+/// `rackScheduler` (Qt's event loop and thread pool when absent); the transport's 30 Hz timer
+/// comes from `timers` (Qt timers when absent).
 struct EditorCollaborators {
     std::unique_ptr<PlaybackControl> player;
-    std::unique_ptr<EffectsRackControl> rack;
+    std::unique_ptr<RackScheduler> rackScheduler;
+    RepeatingTimerFactory timers;
     std::unique_ptr<RecorderControl> recorder;
     std::unique_ptr<AnalysisScheduler> analysis;
     std::shared_ptr<AudioClipboard> clipboard;
@@ -89,7 +94,7 @@ public:
     // Collaborators --------------------------------------------------------------------------
 
     PlaybackControl& player() { return *player_; }
-    EffectsRackControl& rack() { return *rack_; }
+    EffectsRack& rack() { return *rack_; }
     RecorderControl& recorder() { return *recorder_; }
     AnalysisScheduler& analysis() { return *analysis_; }
     AudioClipboard& clipboard() { return *clipboard_; }
@@ -203,9 +208,8 @@ public:
     void setPlayhead(int64_t frame);
     const MeterReading& meter() const { return meter_; }
     void setMeter(MeterReading meter);
-    QTimer* transportTimer() const { return transportTimer_.get(); }
-    /// Takes ownership; replacing or clearing stops the previous timer.
-    void setTransportTimer(std::unique_ptr<QTimer> timer);
+    /// Runs while playing, calling `transportTick` 30 times a second.
+    RepeatingTimer* transportTimer() const { return transportTimer_.get(); }
     int64_t& playOrigin() { return playOrigin_; }
     int64_t& meterTick() { return meterTick_; }
 
@@ -293,6 +297,12 @@ public:
 
     // Transport ------------------------------------------------------------------------------
 
+    /// Plays the selection when there is one and `selectionOnly` or looping holds, otherwise the
+    /// whole content from the selection's start or the cursor (from 0 when that is the last frame
+    /// or later). Failures of the device go to `presentError` and change nothing.
+    void play(bool selectionOnly);
+    /// Stops a take in progress, else stops play keeping the position, else plays everything.
+    void togglePlayback();
     /// Stops play; with `keepPosition` and no selection the cursor moves to the playhead.
     void stop(bool keepPosition);
     /// Moves the cursor (clamped to the content), and while playing the playhead and the
@@ -302,6 +312,13 @@ public:
     void goToStart();
     /// Stops, clears the selection and seeks to the end.
     void goToEnd();
+    /// 30 times a second during play: ends a play that ran out (the playhead back at its origin),
+    /// moves the playhead to what is heard, keeps it in view and updates the meters.
+    void transportTick();
+    /// The meters from the content just before the playhead, after the envelopes' master curve
+    /// and the loudness preview's gain: peak and RMS falling at 20 dB/s, a peak hold, and
+    /// momentary and short-term loudness.
+    void updateMeters();
 
     // Edit commands: each one undo step; a missing precondition makes them do nothing -------
 
@@ -365,7 +382,7 @@ public:
     /// nearest zero crossing within about six screen points.
     int64_t snapped(int64_t frame) const;
 
-signals:
+Q_SIGNALS:
     void contentChanged();
     void contentVersionChanged();
     void fileInfoChanged();
@@ -410,6 +427,8 @@ signals:
     void limitTruePeaksChanged();
     void previewLoudnessChanged();
     void busyChanged();
+    /// Any observed field of the effects rack changed.
+    void rackChanged();
 
 private:
     template <class T> bool assign(T& field, T value, void (EditorModel::*changed)());
@@ -418,10 +437,13 @@ private:
                        const std::optional<std::optional<FrameRange>>& selection,
                        const MarkersProducer& markers, const EnvelopeProducer& envelope);
     void resetMeter();
-    /// Stores content and envelopes and raises the versions once; the player is not told.
-    void installAudio(AudioContent content, EnvelopeSet envelopes);
+    /// A new 30 Hz transport timer in place of any running one.
+    void startTransportTimer();
+    /// Stores content and envelopes and raises the versions once; the player is not told. Returns
+    /// whether the content differs from the one before.
+    bool installAudio(AudioContent content, EnvelopeSet envelopes);
     /// Hands content, envelopes and play range to the player, in one call.
-    void publishAudio();
+    void publishAudio(bool contentChanged);
     /// Hands `previewGain` to the player; runs wherever the plan or the preview may change.
     void updatePreviewGain();
     /// Hands a job's failure to `presentError`, unless it is a cancellation.
@@ -433,8 +455,12 @@ private:
     /// behind the busy overlay), then calls `then`, unless the conversion failed or was cancelled.
     void withConformed(AudioContent clip, ConformedContinuation then);
 
+    // The rack runs on its scheduler and publishes into the player's render state: the player
+    // goes first (its device stops before any runtime is dropped), the scheduler last.
+    std::unique_ptr<RackScheduler> rackScheduler_;
+    std::unique_ptr<EffectsRack> rack_;
     std::unique_ptr<PlaybackControl> player_;
-    std::unique_ptr<EffectsRackControl> rack_;
+    RepeatingTimerFactory timers_;
     std::unique_ptr<RecorderControl> recorder_;
     std::unique_ptr<AnalysisScheduler> analysis_;
     std::shared_ptr<AudioClipboard> clipboard_;
@@ -486,7 +512,9 @@ private:
     bool isLooping_ = false;
     int64_t playhead_ = 0;
     MeterReading meter_;
-    std::unique_ptr<QTimer> transportTimer_;
+    std::unique_ptr<RepeatingTimer> transportTimer_;
+    /// The range handed to the player for the play under way; kept over changes of the envelopes.
+    FrameRange rangeInPlay_;
     int64_t playOrigin_ = 0;
     int64_t meterTick_ = 0;
 
