@@ -72,6 +72,10 @@ struct EditorCollaborators {
 /// same way, from debounced measurements that the `AnalysisScheduler` starts after each change
 /// of content, envelopes or selection. Content and envelopes change together (`setAudio`): the
 /// player and the measurements never see one without the other.
+///
+/// The transport drives the player and the effects rack: each play activates the rack on the
+/// player's render state, and a 30 Hz timer moves the playhead to what is heard and derives the
+/// meters from the content before the playhead, so that no level is measured on the audio thread.
 class EditorModel : public QObject {
     Q_OBJECT
 
