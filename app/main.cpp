@@ -2,6 +2,9 @@
 #include "base/HarluneError.h"
 #include "core/DemoSound.h"
 #include "document/AudioDocument.h"
+#include "editor/EnginePlaybackControl.h"
+#include "engine/DeferredOutputDevice.h"
+#include "engine/devices/DefaultAudioDevice.h"
 #include "ui/MainWindow.h"
 
 #include <QApplication>
@@ -28,7 +31,13 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    AudioDocument document;
+    // The sound system is reached at the first play, so that the editor starts without one; a
+    // play then shows why nothing can be heard.
+    EditorCollaborators collaborators;
+    const PostToMainThread post = postToQtMainThread();
+    collaborators.player = std::make_unique<EnginePlaybackControl>(
+        std::make_unique<DeferredOutputDevice>([post] { return makeDefaultOutputDevice(post); }));
+    AudioDocument document(std::move(collaborators));
     MainWindow window(document);
     QObject::connect(&document, &AudioDocument::openFailed, &application,
                      [](const QString& message, bool cancelled) {

@@ -49,11 +49,13 @@ void PlaybackEngine::ensureGraph(const AudioContent& content) {
     nodeFormat_ = format;
 }
 
-void PlaybackEngine::start(AudioContent content, FrameRange range, bool loop, float gain) {
+void PlaybackEngine::start(AudioContent content, FrameRange range, bool loop, float gain,
+                           std::optional<int64_t> from) {
     checkRange(content, range);
     ensureGraph(content);
     state_->finished.store(false, std::memory_order_relaxed);
-    state_->position.store(range.lower, std::memory_order_relaxed);
+    // Stored before the program: a callback in between plays the old program from the new place.
+    state_->position.store(from.value_or(range.lower), std::memory_order_relaxed);
     std::optional<AudioContent> previous(std::move(content));
     {
         const SpinLockGuard lock(state_->programLock);

@@ -28,9 +28,10 @@ public:
     /// Makes the stream match the content's rate and channel count (at most 2), rebuilding it
     /// only when either differs. Throws the format error or the device's error.
     void ensureGraph(const AudioContent& content);
-    /// A new play of `range` from its start (the stream is built and started as needed). Keeps
-    /// the envelope set. Throws what `ensureGraph` or the device's start throws.
-    void start(AudioContent content, FrameRange range, bool loop, float gain);
+    /// A new play of `range` from `from` (its start when absent; the stream is built and started
+    /// as needed). Keeps the envelope set. Throws what `ensureGraph` or the device's start throws.
+    void start(AudioContent content, FrameRange range, bool loop, float gain,
+               std::optional<int64_t> from = std::nullopt);
     /// Swaps content, envelopes and range in as one, under one lock, so that no callback renders
     /// the new content through the old envelopes or the reverse; position and settings stay.
     /// Every edit, undo and redo comes through here once.

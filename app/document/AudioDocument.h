@@ -53,7 +53,7 @@ public:
     void exportAudio(const std::filesystem::path& url, const EncodeSettings& settings,
                      std::optional<FrameRange> range);
 
-signals:
+Q_SIGNALS:
     void opened();
     /// The content stays as it was; a cancelled open has an empty message and is not shown.
     void openFailed(const QString& message, bool cancelled);

@@ -7,6 +7,7 @@
 #include "editor/BackgroundJob.h"
 #include "editor/LoudnessAnalysisScheduler.h"
 #include "editor/Preferences.h"
+#include "editor/QtRackScheduler.h"
 
 #include <QThread>
 #include <QTimer>
@@ -80,14 +81,21 @@ constexpr int busyTickMilliseconds = 50;
 
 EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> fileInfo,
                          EditorCollaborators collaborators, QObject* parent)
-    : QObject(parent), player_(std::move(collaborators.player)), rack_(std::move(collaborators.rack)),
+    : QObject(parent), rackScheduler_(std::move(collaborators.rackScheduler)),
+      player_(std::move(collaborators.player)), timers_(std::move(collaborators.timers)),
       recorder_(std::move(collaborators.recorder)), analysis_(std::move(collaborators.analysis)),
       clipboard_(std::move(collaborators.clipboard)), content_(std::move(content)),
       fileInfo_(std::move(fileInfo)) {
+    if (!rackScheduler_)
+        rackScheduler_ = std::make_unique<QtRackScheduler>();
+    rack_ = std::make_unique<EffectsRack>(*rackScheduler_);
+    rack_->onChange = [this] {
+        emit rackChanged();
+    };
     if (!player_)
         player_ = std::make_unique<NullPlaybackControl>();
-    if (!rack_)
-        rack_ = std::make_unique<NullEffectsRackControl>();
+    if (!timers_)
+        timers_ = qtRepeatingTimers();
     if (!recorder_)
         recorder_ = std::make_unique<NullRecorderControl>();
     if (!analysis_)
@@ -110,8 +118,12 @@ EditorModel::EditorModel(AudioContent content, std::optional<AudioFileInfo> file
     recorder_->setModel(this);
 }
 
-// The scheduler cancels the measurements still under way as it goes.
-EditorModel::~EditorModel() = default;
+// The scheduler cancels the measurements still under way as it goes. The transport timer goes
+// first: it calls into the model.
+EditorModel::~EditorModel() {
+    transportTimer_.reset();
+    rack_->onChange = nullptr;
+}
 
 template <class T> bool EditorModel::assign(T& field, T value, void (EditorModel::*changed)()) {
     const bool differs = !equalValues(field, value);
@@ -135,18 +147,17 @@ void EditorModel::setEnvelopes(EnvelopeSet envelopes) {
     if (!assign(envelopes_, std::move(envelopes), &EditorModel::envelopesChanged))
         return;
     ++audioVersion_;
-    publishAudio();
+    publishAudio(false);
     analysis_->scheduleEnvelopeAnalysis(*this);
     if (selection_)
         analysis_->scheduleSelectionAnalysis(*this);
 }
 
 void EditorModel::setAudio(AudioContent content, EnvelopeSet envelopes) {
-    installAudio(std::move(content), std::move(envelopes));
-    publishAudio();
+    publishAudio(installAudio(std::move(content), std::move(envelopes)));
 }
 
-void EditorModel::installAudio(AudioContent content, EnvelopeSet envelopes) {
+bool EditorModel::installAudio(AudioContent content, EnvelopeSet envelopes) {
     // Both fields are stored before anyone is told, so no observer sees one without the other.
     const bool contentDiffers = !sameContent(content_, content);
     const bool envelopesDiffer = envelopes_ != envelopes;
@@ -158,10 +169,15 @@ void EditorModel::installAudio(AudioContent content, EnvelopeSet envelopes) {
         emit envelopesChanged();
     // One measurement of the whole file covers the envelopes too.
     contentDidChange();
+    return contentDiffers;
 }
 
-void EditorModel::publishAudio() {
-    player_->setAudio(content_, envelopes_, playRange());
+void EditorModel::publishAudio(bool contentChanged) {
+    // A play keeps its range (a selection played alone, say) until its content changes; then it
+    // goes on over the range that a new play would take.
+    if (!isPlaying_ || contentChanged)
+        rangeInPlay_ = playRange();
+    player_->setAudio(content_, envelopes_, rangeInPlay_);
 }
 
 void EditorModel::setSelection(std::optional<FrameRange> selection) {
@@ -220,12 +236,6 @@ void EditorModel::setCeilingDBTP(double ceiling) {
     assign(ceilingDBTP_, ceiling, &EditorModel::ceilingDBTPChanged);
     Preferences::setValue(Preferences::Keys::truePeakCeiling, ceiling);
     updatePreviewGain();
-}
-
-void EditorModel::setTransportTimer(std::unique_ptr<QTimer> timer) {
-    if (transportTimer_)
-        transportTimer_->stop();
-    transportTimer_ = std::move(timer);
 }
 
 // Plain observable fields ----------------------------------------------------------------------
@@ -356,7 +366,7 @@ void EditorModel::load(AudioContent content, std::optional<AudioFileInfo> fileIn
     setSelection(std::nullopt);
     setCursor(0);
     setActiveChannels(allChannels(content_.channelCount()));
-    publishAudio();
+    publishAudio(true);
     resetMeter();
     zoomToFit();
 }
@@ -386,7 +396,7 @@ void EditorModel::restore(const EditState& state) {
         stop(false);
     if (envelopeTarget_ && (*envelopeTarget_ < 0 || *envelopeTarget_ >= channels))
         setEnvelopeTarget(std::nullopt);
-    installAudio(next, state.envelope.fitted(channels));
+    const bool contentChanged = installAudio(next, state.envelope.fitted(channels));
 
     const int64_t frames = content_.frameCount();
     if (state.selection)
@@ -403,7 +413,7 @@ void EditorModel::restore(const EditState& state) {
     setCursor(std::min(state.cursor, frames));
     setMarkers(state.markers);
     // Once, with the selection in place: a loop over it plays on without a gap.
-    publishAudio();
+    publishAudio(contentChanged);
 
     if (meter_.peakDB.size() != static_cast<size_t>(channels))
         resetMeter();
@@ -511,41 +521,6 @@ void EditorModel::beginExternalBusy(const QString& title, std::shared_ptr<Progre
 void EditorModel::endExternalBusy() {
     busyTimer_.reset();
     assign(busy_, std::optional<BusyState>(), &EditorModel::busyChanged);
-}
-
-// Transport ------------------------------------------------------------------------------------
-
-void EditorModel::stop(bool keepPosition) {
-    if (!isPlaying_)
-        return;
-    player_->pause();
-    setIsPlaying(false);
-    setTransportTimer(nullptr);
-    if (keepPosition && !selection_)
-        setCursor(std::clamp(playhead_, int64_t{0}, content_.frameCount()));
-    resetMeter();
-}
-
-void EditorModel::seek(int64_t to) {
-    setCursor(std::clamp(to, int64_t{0}, content_.frameCount()));
-    if (isPlaying_) {
-        player_->setPosition(cursor_);
-        setPlayhead(cursor_);
-    }
-    ensureVisible(cursor_);
-}
-
-void EditorModel::goToStart() {
-    stop(false);
-    setSelection(std::nullopt);
-    seek(0);
-    setScrollFrame(0);
-}
-
-void EditorModel::goToEnd() {
-    stop(false);
-    setSelection(std::nullopt);
-    seek(content_.frameCount());
 }
 
 // View arithmetic ------------------------------------------------------------------------------

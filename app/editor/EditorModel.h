@@ -15,7 +15,6 @@
 #include "editor/AudioClipboard.h"
 #include "editor/BusyState.h"
 #include "editor/EditState.h"
-#include "editor/EffectsRackControl.h"
 #include "editor/InspectorTab.h"
 #include "editor/LoudnessAdjustMode.h"
 #include "editor/Marker.h"
@@ -23,7 +22,10 @@
 #include "editor/PlaybackControl.h"
 #include "editor/RecordMode.h"
 #include "editor/RecorderControl.h"
+#include "editor/RepeatingTimer.h"
 #include "editor/TimeFormat.h"
+#include "engine/EffectsRack.h"
+#include "engine/RackScheduler.h"
 
 #include <QObject>
 #include <QPointer>
@@ -40,13 +42,16 @@ class QTimer;
 
 namespace harlune {
 
-/// The collaborators a model owns. Any left empty is replaced by a do-nothing stand-in, except
-/// the measurements, which default to the real `LoudnessAnalysisScheduler` (pass a
+/// The collaborators a model owns. Player and recorder left empty are replaced by do-nothing
+/// stand-ins; the measurements default to the real `LoudnessAnalysisScheduler` (pass a
 /// `NullAnalysisScheduler` to measure nothing); an absent clipboard by one of the model's own
-/// (the application shares one among all models).
+/// (the application shares one among all models). The effects rack is always the real one, on
+/// `rackScheduler` (Qt's event loop and thread pool when absent); the transport's 30 Hz timer
+/// comes from `timers` (Qt timers when absent).
 struct EditorCollaborators {
     std::unique_ptr<PlaybackControl> player;
-    std::unique_ptr<EffectsRackControl> rack;
+    std::unique_ptr<RackScheduler> rackScheduler;
+    RepeatingTimerFactory timers;
     std::unique_ptr<RecorderControl> recorder;
     std::unique_ptr<AnalysisScheduler> analysis;
     std::shared_ptr<AudioClipboard> clipboard;
@@ -68,6 +73,10 @@ struct EditorCollaborators {
 /// same way, from debounced measurements that the `AnalysisScheduler` starts after each change
 /// of content, envelopes or selection. Content and envelopes change together (`setAudio`): the
 /// player and the measurements never see one without the other.
+///
+/// The transport drives the player and the effects rack: each play activates the rack on the
+/// player's render state, and a 30 Hz timer moves the playhead to what is heard and derives the
+/// meters from the content before the playhead, so that no level is measured on the audio thread.
 class EditorModel : public QObject {
     Q_OBJECT
 
@@ -90,7 +99,7 @@ public:
     // Collaborators --------------------------------------------------------------------------
 
     PlaybackControl& player() { return *player_; }
-    EffectsRackControl& rack() { return *rack_; }
+    EffectsRack& rack() { return *rack_; }
     RecorderControl& recorder() { return *recorder_; }
     AnalysisScheduler& analysis() { return *analysis_; }
     AudioClipboard& clipboard() { return *clipboard_; }
@@ -204,9 +213,8 @@ public:
     void setPlayhead(int64_t frame);
     const MeterReading& meter() const { return meter_; }
     void setMeter(MeterReading meter);
-    QTimer* transportTimer() const { return transportTimer_.get(); }
-    /// Takes ownership; replacing or clearing stops the previous timer.
-    void setTransportTimer(std::unique_ptr<QTimer> timer);
+    /// Runs while playing, calling `transportTick` 30 times a second.
+    RepeatingTimer* transportTimer() const { return transportTimer_.get(); }
     int64_t& playOrigin() { return playOrigin_; }
     int64_t& meterTick() { return meterTick_; }
 
@@ -294,6 +302,12 @@ public:
 
     // Transport ------------------------------------------------------------------------------
 
+    /// Plays the selection when there is one and `selectionOnly` or looping holds, otherwise the
+    /// whole content from the selection's start or the cursor (from 0 when that is the last frame
+    /// or later). Failures of the device go to `presentError` and change nothing.
+    void play(bool selectionOnly);
+    /// Stops a take in progress, else stops play keeping the position, else plays everything.
+    void togglePlayback();
     /// Stops play; with `keepPosition` and no selection the cursor moves to the playhead.
     void stop(bool keepPosition);
     /// Moves the cursor (clamped to the content), and while playing the playhead and the
@@ -303,6 +317,13 @@ public:
     void goToStart();
     /// Stops, clears the selection and seeks to the end.
     void goToEnd();
+    /// 30 times a second during play: ends a play that ran out (the playhead back at its origin),
+    /// moves the playhead to what is heard, keeps it in view and updates the meters.
+    void transportTick();
+    /// The meters from the content just before the playhead, after the envelopes' master curve
+    /// and the loudness preview's gain: peak and RMS falling at 20 dB/s, a peak hold, and
+    /// momentary and short-term loudness.
+    void updateMeters();
 
     // Edit commands: each one undo step; a missing precondition makes them do nothing -------
 
@@ -415,7 +436,7 @@ public:
     /// nearest zero crossing within about six screen points.
     int64_t snapped(int64_t frame) const;
 
-signals:
+Q_SIGNALS:
     void contentChanged();
     void contentVersionChanged();
     void fileInfoChanged();
@@ -460,6 +481,8 @@ signals:
     void limitTruePeaksChanged();
     void previewLoudnessChanged();
     void busyChanged();
+    /// Any observed field of the effects rack changed.
+    void rackChanged();
 
 private:
     template <class T> bool assign(T& field, T value, void (EditorModel::*changed)());
@@ -471,10 +494,13 @@ private:
     static double wallClockSeconds();
     /// One undo step from `before` to `edited` envelopes, the rest of the state as it is.
     void commitEnvelopes(const EnvelopeSet& before, EnvelopeSet edited, const QString& name);
-    /// Stores content and envelopes and raises the versions once; the player is not told.
-    void installAudio(AudioContent content, EnvelopeSet envelopes);
+    /// A new 30 Hz transport timer in place of any running one.
+    void startTransportTimer();
+    /// Stores content and envelopes and raises the versions once; the player is not told. Returns
+    /// whether the content differs from the one before.
+    bool installAudio(AudioContent content, EnvelopeSet envelopes);
     /// Hands content, envelopes and play range to the player, in one call.
-    void publishAudio();
+    void publishAudio(bool contentChanged);
     /// Hands `previewGain` to the player; runs wherever the plan or the preview may change.
     void updatePreviewGain();
     /// Hands a job's failure to `presentError`, unless it is a cancellation.
@@ -486,8 +512,12 @@ private:
     /// behind the busy overlay), then calls `then`, unless the conversion failed or was cancelled.
     void withConformed(AudioContent clip, ConformedContinuation then);
 
+    // The rack runs on its scheduler and publishes into the player's render state: the player
+    // goes first (its device stops before any runtime is dropped), the scheduler last.
+    std::unique_ptr<RackScheduler> rackScheduler_;
+    std::unique_ptr<EffectsRack> rack_;
     std::unique_ptr<PlaybackControl> player_;
-    std::unique_ptr<EffectsRackControl> rack_;
+    RepeatingTimerFactory timers_;
     std::unique_ptr<RecorderControl> recorder_;
     std::unique_ptr<AnalysisScheduler> analysis_;
     std::shared_ptr<AudioClipboard> clipboard_;
@@ -540,7 +570,9 @@ private:
     int64_t playhead_ = 0;
     std::function<double()> tapClock_ = wallClockSeconds;
     MeterReading meter_;
-    std::unique_ptr<QTimer> transportTimer_;
+    std::unique_ptr<RepeatingTimer> transportTimer_;
+    /// The range handed to the player for the play under way; kept over changes of the envelopes.
+    FrameRange rangeInPlay_;
     int64_t playOrigin_ = 0;
     int64_t meterTick_ = 0;
 

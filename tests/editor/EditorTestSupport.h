@@ -33,8 +33,8 @@ struct Probe {
     int64_t lastPosition = -1;
     int setGain = 0;
     float lastGain = 1.0f;
-    int processMaskWrites = 0;
-    std::vector<bool> processMask;
+    int setEnvelopes = 0;
+    int starts = 0;
     int scheduleAnalysis = 0;
     int scheduleSelectionAnalysis = 0;
     int scheduleEnvelopeAnalysis = 0;
@@ -62,18 +62,17 @@ public:
         ++probe_->setGain;
         probe_->lastGain = gain;
     }
-
-private:
-    std::shared_ptr<Probe> probe_;
-};
-
-class ProbeRack final : public EffectsRackControl {
-public:
-    explicit ProbeRack(std::shared_ptr<Probe> probe) : probe_(std::move(probe)) {}
-    void setProcessMask(std::vector<bool> mask) override {
-        ++probe_->processMaskWrites;
-        probe_->processMask = std::move(mask);
+    void setEnvelopes(const EnvelopeSet&) override { ++probe_->setEnvelopes; }
+    void ensureGraph(const AudioContent&) override {}
+    void start(const AudioContent&, FrameRange range, int64_t from, bool, float) override {
+        ++probe_->starts;
+        probe_->lastRange = range;
+        probe_->lastPosition = from;
     }
+    std::shared_ptr<RenderState> renderState() const override { return nullptr; }
+    int64_t audiblePosition() const override { return probe_->lastPosition; }
+    int64_t position() const override { return probe_->lastPosition; }
+    bool finished() const override { return false; }
 
 private:
     std::shared_ptr<Probe> probe_;
@@ -94,7 +93,6 @@ private:
 inline EditorCollaborators probeCollaborators(const std::shared_ptr<Probe>& probe, bool withAnalysis = true) {
     EditorCollaborators collaborators;
     collaborators.player = std::make_unique<ProbePlayer>(probe);
-    collaborators.rack = std::make_unique<ProbeRack>(probe);
     if (withAnalysis)
         collaborators.analysis = std::make_unique<ProbeAnalysis>(probe);
     return collaborators;

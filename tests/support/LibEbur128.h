@@ -27,4 +27,22 @@ inline double libebur128Integrated(const Planes& planes, double rate) {
     return loudness;
 }
 
+/// Loudness by libebur128 of the last `windowMs` milliseconds (at most 3000) of the first
+/// `frames` frames of `planes`; NaN if it refuses the format.
+inline double libebur128Window(const Planes& planes, size_t frames, double rate, unsigned long windowMs) {
+    const auto channels = static_cast<unsigned>(planes.size());
+    ebur128_state* state = ebur128_init(channels, static_cast<unsigned long>(rate), EBUR128_MODE_S);
+    if (!state)
+        return std::nan("");
+    std::vector<float> interleaved(frames * channels);
+    for (size_t i = 0; i < frames; ++i)
+        for (size_t c = 0; c < channels; ++c)
+            interleaved[i * channels + c] = planes[c][i];
+    ebur128_add_frames_float(state, interleaved.data(), frames);
+    double loudness = std::nan("");
+    ebur128_loudness_window(state, windowMs, &loudness);
+    ebur128_destroy(&state);
+    return loudness;
+}
+
 } // namespace harlune::testing

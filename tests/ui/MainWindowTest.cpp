@@ -4,12 +4,15 @@
 
 #include "core/DemoSound.h"
 #include "document/AudioDocument.h"
+#include "editor/EnginePlaybackControl.h"
+#include "engine/devices/TestAudioDevice.h"
 #include "io/AudioEncoder.h"
 #include "support/TestAudio.h"
 #include "ui/OverviewView.h"
 
 #include <QAccessible>
 #include <QApplication>
+#include <QMessageBox>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -70,6 +73,32 @@ TEST(MainWindowTest, AFileOpensUnderItsNameAndTheOverviewFollows) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return opened.count() == 1; }, 20000));
     EXPECT_EQ(window.windowTitle(), "tone.wav");
     EXPECT_EQ(accessibleText(window.overview(), QAccessible::Value), "12345 frames");
+}
+
+TEST(MainWindowTest, SpacePlaysAndStopsAndAFailedPlayIsShown) {
+    EditorCollaborators collaborators;
+    auto output = std::make_unique<TestAudioDevice>();
+    TestAudioDevice& device = *output;
+    collaborators.player = std::make_unique<EnginePlaybackControl>(std::move(output));
+    AudioDocument document(std::move(collaborators));
+    MainWindow window(document);
+    document.adopt(AudioContent(testing::noisePlanes(2, 4800), 48000), QStringLiteral("Noise"));
+    window.show();
+    window.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+
+    QTest::keyClick(&window, Qt::Key_Space);
+    EXPECT_TRUE(document.model().isPlaying());
+    EXPECT_TRUE(device.isRunning());
+    QTest::keyClick(&window, Qt::Key_Space);
+    EXPECT_FALSE(document.model().isPlaying());
+
+    device.failNextStart("the card is gone");
+    QTest::keyClick(&window, Qt::Key_Space);
+    EXPECT_FALSE(document.model().isPlaying());
+    auto* message = window.findChild<QMessageBox*>();
+    ASSERT_NE(message, nullptr);
+    EXPECT_TRUE(message->text().contains(QStringLiteral("the card is gone")));
 }
 
 } // namespace
