@@ -12,4 +12,7 @@ Command playCommand();
 Command processCommand();
 Command normalizeCommand();
 
+/// "effects --plugins": the installed LV2 effect plug-ins, a name and a URI per line.
+int listPlugins();
+
 } // namespace harlune::cli
