@@ -158,6 +158,23 @@ TEST(Lv2EffectTest, NewRateMakesNewInstancesAndKeepsControls) {
         for (size_t n = 480; n < input[c].size(); ++n)
             ASSERT_NEAR(output[c][n], down * input[c][n - 480], 1e-4) << c << " " << n;
 
+    // Bounds given as fractions of the rate follow it; the value stays in Hz.
+    const auto equaliser =
+        PluginEffect::instantiate({"http://plugin.org.uk/swh-plugins/singlePara", "Single band parametric"});
+    const auto centre = [&] {
+        return *std::ranges::find(equaliser->parameters(), std::string("fc"), &PluginParameter::symbol);
+    };
+    EXPECT_FLOAT_EQ(centre().maximum, 0.4f * 48000);
+    EXPECT_FLOAT_EQ(centre().defaultValue, 440);
+    equaliser->setParameter("fc", 30000);
+    equaliser->prepare(96000, 1, 256);
+    EXPECT_FLOAT_EQ(centre().maximum, 0.4f * 96000);
+    EXPECT_FLOAT_EQ(dynamic_cast<Lv2Effect&>(*equaliser).parameterValue("fc"), 0.4f * 48000);
+    equaliser->setParameter("fc", 30000);
+    EXPECT_FLOAT_EQ(dynamic_cast<Lv2Effect&>(*equaliser).parameterValue("fc"), 30000);
+    equaliser->prepare(44100, 1, 256);
+    EXPECT_FLOAT_EQ(dynamic_cast<Lv2Effect&>(*equaliser).parameterValue("fc"), 0.4f * 44100);
+
     // The amplifier, too, keeps its gain across a change of rate.
     const auto gain = PluginEffect::instantiate(amp);
     gain->setParameter("gain", static_cast<float>(doubling));

@@ -21,8 +21,9 @@ Lv2Effect::Lv2Effect(std::shared_ptr<Lv2World> world, Lv2PluginLayout layout)
     : world_(std::move(world)), layout_(std::move(layout)),
       values_(std::make_unique<std::atomic<float>[]>(layout_.parameters.size())),
       staging_(layout_.parameters.size()) {
-    for (size_t i = 0; i < layout_.parameters.size(); ++i)
-        values_[i].store(layout_.parameters[i].defaultValue, std::memory_order_relaxed);
+    scaleParameters(probeSampleRate);
+    for (size_t i = 0; i < parameters_.size(); ++i)
+        values_[i].store(parameters_[i].defaultValue, std::memory_order_relaxed);
     Instance first;
     first.handle = world_->makeInstance(layout_.descriptor.id, probeSampleRate);
     instances_.push_back(std::move(first));
@@ -42,6 +43,22 @@ void Lv2Effect::freeInstance(Instance& instance) noexcept {
     instance.handle = nullptr;
 }
 
+void Lv2Effect::scaleParameters(double sampleRate) {
+    const std::lock_guard lock(writers_);
+    parameters_ = layout_.parameters;
+    for (size_t i = 0; i < parameters_.size(); ++i) {
+        PluginParameter& p = parameters_[i];
+        if (layout_.boundsFollowRate[i]) {
+            p.minimum = static_cast<float>(p.minimum * sampleRate);
+            p.maximum = static_cast<float>(p.maximum * sampleRate);
+        }
+        p.defaultValue = std::clamp(p.defaultValue, p.minimum, p.maximum);
+        // Called before any run or between runs: no reader to keep consistent with.
+        values_[i].store(normalised(i, values_[i].load(std::memory_order_relaxed)),
+                         std::memory_order_relaxed);
+    }
+}
+
 void Lv2Effect::doPrepare(double sampleRate, int channelCount, int maxFrames) {
     if (!(sampleRate > 0))
         sampleRate = probeSampleRate;
@@ -55,6 +72,7 @@ void Lv2Effect::doPrepare(double sampleRate, int channelCount, int maxFrames) {
             freeInstance(instance);
         instances_.clear();
         sampleRate_ = sampleRate;
+        scaleParameters(sampleRate_);
     }
     while (instances_.size() > groups) {
         freeInstance(instances_.back());
@@ -180,7 +198,7 @@ void Lv2Effect::doProcess(ChannelSpan channels) noexcept {
 }
 
 float Lv2Effect::normalised(size_t parameter, float value) const {
-    const PluginParameter& p = layout_.parameters[parameter];
+    const PluginParameter& p = parameters_[parameter];
     if (!std::isfinite(value))
         return p.defaultValue;
     value = std::clamp(value, p.minimum, p.maximum);
@@ -219,7 +237,7 @@ float Lv2Effect::parameterValue(std::string_view symbol) const {
 }
 
 std::optional<std::string> Lv2Effect::stateData() const {
-    if (layout_.parameters.empty())
+    if (parameters_.empty())
         return std::nullopt;
     nlohmann::json state = nlohmann::json::object();
     for (size_t i = 0; i < layout_.parameters.size(); ++i)

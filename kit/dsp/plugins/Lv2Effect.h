@@ -33,7 +33,9 @@ public:
     ~Lv2Effect() override;
 
     const PluginDescriptor& descriptor() const override { return layout_.descriptor; }
-    std::span<const PluginParameter> parameters() const override { return layout_.parameters; }
+    /// Ranges at the rate last prepared (48 kHz before): some ports give their bounds as
+    /// fractions of the sample rate.
+    std::span<const PluginParameter> parameters() const override { return parameters_; }
     std::optional<std::string> stateData() const override;
     void restoreState(std::string_view data) override;
     void setParameter(std::string_view symbol, float value) override;
@@ -64,6 +66,8 @@ private:
     };
 
     void freeInstance(Instance& instance) noexcept;
+    /// Sets `parameters_` for `sampleRate`, and brings the values into the new ranges.
+    void scaleParameters(double sampleRate);
     void connect(Instance& instance, int maxFrames);
     /// The value as the port takes it: finite, rounded for integers and toggles, in range.
     float normalised(size_t parameter, float value) const;
@@ -74,6 +78,7 @@ private:
 
     std::shared_ptr<Lv2World> world_;
     Lv2PluginLayout layout_;
+    std::vector<PluginParameter> parameters_; ///< main thread; as `layout_`'s, bounds scaled to the rate
     double sampleRate_ = 0;
     int groupWidth_ = 1; ///< channels per instance
     std::vector<Instance> instances_;

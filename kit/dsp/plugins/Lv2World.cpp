@@ -63,10 +63,11 @@ struct Lv2World::State {
     LilvNode* integer = nullptr;
     LilvNode* enumeration = nullptr;
     LilvNode* logarithmic = nullptr;
+    LilvNode* sampleRate = nullptr;
 
     ~State() {
         for (LilvNode* node : {audioPort, controlPort, cvPort, inputPort, outputPort, connectionOptional,
-                               toggled, integer, enumeration, logarithmic})
+                               toggled, integer, enumeration, logarithmic, sampleRate})
             lilv_node_free(node);
         if (world)
             lilv_world_free(world);
@@ -119,6 +120,7 @@ Lv2World::Lv2World(std::optional<std::string> searchPath) : state_(std::make_uni
     s.integer = lilv_new_uri(s.world, LV2_CORE__integer);
     s.enumeration = lilv_new_uri(s.world, LV2_CORE__enumeration);
     s.logarithmic = lilv_new_uri(s.world, logarithmicProperty);
+    s.sampleRate = lilv_new_uri(s.world, LV2_CORE__sampleRate);
 }
 
 Lv2World::~Lv2World() = default;
@@ -204,10 +206,10 @@ Lv2PluginLayout Lv2World::layout(std::string_view uri) {
             const float high = std::isfinite(maximums[index]) ? maximums[index] : std::max(low, 1.0f);
             parameter.minimum = std::min(low, high);
             parameter.maximum = std::max(low, high);
-            const float fallback = parameter.minimum;
-            parameter.defaultValue = std::clamp(std::isfinite(defaults[index]) ? defaults[index] : fallback,
-                                                parameter.minimum, parameter.maximum);
+            // Clamped by the effect, once bounds relative to the rate are scaled.
+            parameter.defaultValue = std::isfinite(defaults[index]) ? defaults[index] : parameter.minimum;
             layout.parameters.push_back(std::move(parameter));
+            layout.boundsFollowRate.push_back(lilv_port_has_property(plugin, port, s.sampleRate));
             layout.controlPorts.push_back(index);
         }
         if (entry.role == Lv2Port::Role::controlOut && latencyPort == index)

@@ -28,6 +28,9 @@ struct Lv2PluginLayout {
     /// The control inputs, in port order; `controlPorts[i]` is the index of `parameters[i]`.
     std::vector<PluginParameter> parameters;
     std::vector<uint32_t> controlPorts;
+    /// Parallel to `parameters`: bounds given as fractions of the sample rate (the value itself
+    /// is in Hz); `parameters` hold them unscaled.
+    std::vector<bool> boundsFollowRate;
     std::optional<uint32_t> latencyPort; ///< a control output that reports the latency in frames
     int audioInputs = 0;
     int audioOutputs = 0;
