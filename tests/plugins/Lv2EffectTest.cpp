@@ -258,6 +258,32 @@ TEST(Lv2EffectTest, ControlChangesWhileRunningArriveWholeAndAllocateNothing) {
     EXPECT_NEAR(block[0], std::pow(10.0f, 12.0f / 20), 1e-4);
 }
 
+// Whatever is installed either runs (allocation-free, on mono and stereo, after a reset) or is
+// refused with a reason.
+TEST(Lv2EffectTest, EveryListedPluginRunsOrIsRefused) {
+    REQUIRE_SWH();
+    int running = 0;
+    for (const PluginDescriptor& descriptor : PluginEffect::installedPlugins()) {
+        SCOPED_TRACE(descriptor.id);
+        std::shared_ptr<PluginEffect> effect;
+        try {
+            effect = PluginEffect::instantiate(descriptor);
+        } catch (const HarluneError& error) {
+            EXPECT_NE(std::string(error.what()).find(descriptor.name), std::string::npos) << error.what();
+            continue;
+        }
+        for (const int channels : {1, 2}) {
+            effect->prepare(44100, channels, 512);
+            effect->reset();
+            Planes signal = sines(channels, 1500);
+            EXPECT_EQ(run(*effect, signal), 0);
+        }
+        EXPECT_GE(effect->latencyFrames(), 0);
+        ++running;
+    }
+    EXPECT_GT(running, 0);
+}
+
 TEST(Lv2EffectTest, AbsentPluginIsAClearError) {
     for (const char* uri : {"http://example.invalid/no-such-plugin", "not a uri at all", ""}) {
         try {

@@ -24,15 +24,24 @@ Lv2Effect::Lv2Effect(std::shared_ptr<Lv2World> world, Lv2PluginLayout layout)
     scaleParameters(probeSampleRate);
     for (size_t i = 0; i < parameters_.size(); ++i)
         values_[i].store(parameters_[i].defaultValue, std::memory_order_relaxed);
-    Instance first;
-    first.handle = world_->makeInstance(layout_.descriptor.id, probeSampleRate);
-    instances_.push_back(std::move(first));
     sampleRate_ = probeSampleRate;
+    instances_.push_back(makeInstance(64));
 }
 
 Lv2Effect::~Lv2Effect() {
     for (Instance& instance : instances_)
         freeInstance(instance);
+}
+
+Lv2Effect::Instance Lv2Effect::makeInstance(int maxFrames) {
+    Instance instance;
+    instance.handle = world_->makeInstance(layout_.descriptor.id, sampleRate_);
+    // Some plug-ins free in their cleanup what only activation made, so an instance is always
+    // connected and activated before it can be freed.
+    connect(instance, maxFrames);
+    lilv_instance_activate(instance.handle);
+    instance.active = true;
+    return instance;
 }
 
 void Lv2Effect::freeInstance(Instance& instance) noexcept {
@@ -79,9 +88,7 @@ void Lv2Effect::doPrepare(double sampleRate, int channelCount, int maxFrames) {
         instances_.pop_back();
     }
     while (instances_.size() < groups) {
-        Instance instance;
-        instance.handle = world_->makeInstance(layout_.descriptor.id, sampleRate_);
-        instances_.push_back(std::move(instance));
+        instances_.push_back(makeInstance(maxFrames));
     }
 
     {

@@ -65,6 +65,8 @@ private:
         std::vector<std::vector<float>> cvBuffers; ///< silent inputs and ignored outputs
     };
 
+    /// A new instance at `sampleRate_`, connected and active.
+    Instance makeInstance(int maxFrames);
     void freeInstance(Instance& instance) noexcept;
     /// Sets `parameters_` for `sampleRate`, and brings the values into the new ranges.
     void scaleParameters(double sampleRate);
