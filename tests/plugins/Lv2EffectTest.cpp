@@ -297,7 +297,7 @@ TEST(Lv2EffectTest, AbsentPluginIsAClearError) {
 }
 
 // A search path of made-up bundles: one that is not Turtle at all, one whose library is missing,
-// and one that needs a host feature.
+// one that needs a host feature, and one with an event port.
 class PrivatePathTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -307,6 +307,9 @@ protected:
               "@prefix lv2: <http://lv2plug.in/ns/lv2core#> .\n<urn:x> a lv2:Plugin ;;; [[[");
         writeBundle("hollow", "");
         writeBundle("needy", "lv2:requiredFeature <http://lv2plug.in/ns/ext/worker#schedule> ;");
+        writeBundle("chatty",
+                    "lv2:port [ a lv2:InputPort, <http://lv2plug.in/ns/ext/atom#AtomPort> ; lv2:index 2 ;"
+                    " lv2:symbol \"events\" ; lv2:name \"Events\" ] ;");
     }
     void TearDown() override { std::filesystem::remove_all(root_); }
 
@@ -341,7 +344,7 @@ TEST_F(PrivatePathTest, BrokenBundlesAreSurvivedAndRefusedWithAReason) {
     std::vector<std::string> names;
     for (const auto& descriptor : found)
         names.push_back(descriptor.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"hollow", "needy"}));
+    EXPECT_EQ(names, (std::vector<std::string>{"chatty", "hollow", "needy"}));
 
     const auto refusal = [&](const std::string& name) -> std::string {
         try {
@@ -354,6 +357,7 @@ TEST_F(PrivatePathTest, BrokenBundlesAreSurvivedAndRefusedWithAReason) {
     EXPECT_NE(refusal("hollow").find("\u201Chollow\u201D couldn\u2019t be loaded"), std::string::npos)
         << refusal("hollow");
     EXPECT_NE(refusal("needy").find("worker#schedule"), std::string::npos) << refusal("needy");
+    EXPECT_NE(refusal("chatty").find("can\u2019t feed: events"), std::string::npos) << refusal("chatty");
     EXPECT_NE(refusal("broken").find("isn\u2019t installed"), std::string::npos) << refusal("broken");
 }
 
