@@ -15,6 +15,13 @@ namespace {
 // Until `prepare` names the real rate, the first instance is made at this one.
 constexpr double probeSampleRate = 48000;
 
+// Frames, from what a plug-in wrote to its latency port (anything, from a careless one).
+int framesReported(float reported) noexcept {
+    if (!std::isfinite(reported))
+        return 0;
+    return static_cast<int>(std::lround(std::clamp(reported, 0.0f, 1e8f)));
+}
+
 } // namespace
 
 Lv2Effect::Lv2Effect(std::shared_ptr<Lv2World> world, Lv2PluginLayout layout)
@@ -111,9 +118,7 @@ void Lv2Effect::doPrepare(double sampleRate, int channelCount, int maxFrames) {
         lilv_instance_activate(first.handle);
         first.active = true;
         lilv_instance_run(first.handle, 1);
-        const float reported = first.controls[*layout_.latencyPort];
-        latency_.store(std::isfinite(reported) ? std::max(0, static_cast<int>(std::lround(reported))) : 0,
-                       std::memory_order_relaxed);
+        latency_.store(framesReported(first.controls[*layout_.latencyPort]), std::memory_order_relaxed);
     }
 }
 
@@ -198,9 +203,8 @@ void Lv2Effect::doProcess(ChannelSpan channels) noexcept {
                         instance.audioOutputs[static_cast<size_t>(output)].data(), bytes);
     }
     if (layout_.latencyPort && !instances_.empty()) {
-        const float reported = instances_.front().controls[*layout_.latencyPort];
-        if (std::isfinite(reported))
-            latency_.store(std::max(0, static_cast<int>(std::lround(reported))), std::memory_order_relaxed);
+        latency_.store(framesReported(instances_.front().controls[*layout_.latencyPort]),
+                       std::memory_order_relaxed);
     }
 }
 
