@@ -377,10 +377,3 @@ TEST_F(PrivatePathTest, BrokenBundlesAreSurvivedAndRefusedWithAReason) {
 
 } // namespace
 } // namespace harlune
-
-// Some swh plug-ins allocate anew at each activation and free only the last in their cleanup:
-// those leaks are theirs, and the leak checker of the sanitizer build is told so.
-extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:-swh.lv2/\n";
-}
