@@ -21,6 +21,7 @@ namespace harlune {
 /// An LV2 instance has its sample rate fixed when it is made, so `prepare` with a new rate makes
 /// new instances; control values are kept. Every port is connected in `prepare`, to buffers
 /// owned here; `process` copies the channels in and out, so plug-ins that can't run in place work.
+/// `reset` deactivates and activates every instance, which is how LV2 clears a plug-in's state.
 ///
 /// Control values: the main thread writes them into atomics under a sequence count (even when
 /// settled); `process` copies them when the count moved and stayed even across the copy, so a
