@@ -14,4 +14,7 @@ Command normalizeCommand();
 Command tempoCommand();
 Command noiseProfileCommand();
 
+/// "effects --plugins": the installed LV2 effect plug-ins, a name and a URI per line.
+int listPlugins();
+
 } // namespace harlune::cli

@@ -2,6 +2,7 @@
 #include "CliSupport.h"
 #include "Commands.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -56,6 +57,14 @@ int main(int argc, char** argv) {
         else
             printUsage(stdout, commands);
         return harlune::cli::exitSuccess;
+    }
+    if (name == "effects" && std::ranges::find(arguments, "--plugins") != arguments.end()) {
+        try {
+            return harlune::cli::listPlugins();
+        } catch (const std::exception& error) {
+            harlune::cli::printError(error.what());
+            return harlune::cli::exitFailure;
+        }
     }
     const Command* command = find(commands, name);
     if (!command) {
