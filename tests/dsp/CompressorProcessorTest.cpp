@@ -210,8 +210,9 @@ TEST(CompressorProcessorTest, MixBlendsInTheGainDomain) {
         testing::runAll(compressor, planes);
         const double wet = std::pow(10.0, -15.0 / 20);
         EXPECT_NEAR(planes[0].back(), wet * mix + (1 - mix), 1e-5) << mix;
-        if (mix == 0)
+        if (mix == 0) {
             EXPECT_EQ(planes[0].back(), 1.0f);
+        }
     }
 }
 

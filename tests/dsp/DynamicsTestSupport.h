@@ -20,10 +20,10 @@ using Planes = std::vector<std::vector<float>>;
 
 /// Processes frames `from ..< to` of `planes` in place, in calls of `block` frames.
 inline void runFrames(EffectProcessor& processor, Planes& planes, size_t from, size_t to, int block = 256) {
-    std::array<float*, 16> pointers{};
-    for (size_t c = 0; c < planes.size(); ++c)
-        pointers.at(c) = planes[c].data();
-    const ChannelSpan whole(ChannelPointers(pointers).first(planes.size()), static_cast<int>(to));
+    std::vector<float*> pointers;
+    for (auto& plane : planes)
+        pointers.push_back(plane.data());
+    const ChannelSpan whole(ChannelPointers(pointers), static_cast<int>(to));
     for (auto done = static_cast<int>(from); done < static_cast<int>(to); done += block)
         processor.process(whole.frames(done, std::min(block, static_cast<int>(to) - done)));
 }

@@ -89,9 +89,10 @@ TEST(GateProcessorTest, ClosedGainIsTheRangeAndTheMeterReadsIt) {
         testing::runAll(gate, output);
         for (size_t c = 0; c < 2; ++c)
             for (size_t i = 0; i < input[c].size(); ++i)
-                if (input[c][i] != 0)
+                if (input[c][i] != 0) {
                     ASSERT_NEAR(testing::gainDB(input[c][i], output[c][i]), range, 0.01)
                         << range << " dB, frame " << i;
+                }
         EXPECT_NEAR(gate.gainReductionDB(), -range, 0.01);
     }
     // Above 0 dB the range does nothing; a closed gate with a range of -1000 dB is silent.
