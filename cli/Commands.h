@@ -11,5 +11,6 @@ Command loudnessCommand();
 Command playCommand();
 Command processCommand();
 Command normalizeCommand();
+Command effectsCommand();
 
 } // namespace harlune::cli

@@ -8,6 +8,7 @@
 // one dialog does; a flag repeated starts a new one.
 #include "CliSupport.h"
 #include "Commands.h"
+#include "EffectArguments.h"
 #include "EncodeOptions.h"
 #include "OpenAudio.h"
 #include "base/HarluneError.h"
@@ -18,6 +19,8 @@
 #include "dsp/Resampler.h"
 #include "dsp/effects/EffectFactory.h"
 #include "dsp/effects/EffectSettings.h"
+#include "dsp/plugins/PluginEffect.h"
+#include "engine/RackFile.h"
 #include "io/AudioEncoder.h"
 
 #include <algorithm>
@@ -44,7 +47,14 @@ constexpr std::string_view usage =
     "  --fade-shape NAME       linear, logarithmic, exponential, sCurve (default), equalPower\n"
     "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
     "  --reverse --invert --remove-dc --swap-channels --channels N\n"
-    "  --envelope FILE.json    --effects FILE.json\n"
+    "  --envelope FILE.json\n"
+    "  --effect KIND[=JSON|@FILE]  a built-in effect; JSON holds some or all of its settings keys,\n"
+    "                          the rest keep their defaults (harlune-cli effects lists kinds and keys)\n"
+    "  --effect lv2:URI[=JSON] an LV2 plug-in; JSON holds control values by port symbol\n"
+    "                          adjacent --effect options form one chain, in order\n"
+    "  --effects RACK.json     a saved rack (or a list of effect settings): its enabled slots\n"
+    "  --tail mix|keep|cut     effect tails: mixed over what follows (default; a rack file's own\n"
+    "                          tail mode otherwise), kept whole and inserted after the range, or cut\n"
     "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)\n"
     "  --stretch-engine NAME   finer (Rubber Band R3, default) or faster (R2), for later --tempo/--pitch";
 
@@ -140,30 +150,57 @@ Operation envelopeOperation(const std::string& path) {
             }};
 }
 
-Operation effectsOperation(const std::string& path) {
-    const nlohmann::json json = readJSON(path, "--effects");
-    if (!json.is_array())
-        throw std::runtime_error("--effects: \u2018" + path + "\u2019 must hold a list of effect settings");
-    std::vector<EffectSettings> chain;
-    for (const auto& item : json) {
-        try {
-            chain.push_back(effectSettingsFromJSON(item));
-        } catch (const nlohmann::json::exception& error) {
-            throw std::runtime_error("--effects: \u2018" + path + "\u2019: " + error.what());
-        }
-    }
-    return {"--effects",
-            [chain](Document& document, ProgressBar* bar) {
-                if (chain.empty())
+/// Runs `slots` over the scope. `tail` absent: `fallback` (a rack file's own mode, or mix).
+Operation chainOperation(std::string name, std::vector<EffectSlot> slots,
+                         const std::optional<TailChoice>& tail, TailChoice fallback) {
+    return {std::move(name),
+            [slots = std::move(slots), tail, fallback](Document& document, ProgressBar* bar) {
+                const auto processors = makeOfflineChain(slots);
+                if (processors.empty())
                     return;
-                std::vector<std::shared_ptr<EffectProcessor>> processors;
-                for (const auto& settings : chain)
-                    processors.push_back(EffectFactory::makeProcessor(settings));
-                document.content = applyingEffects(document.content, processors, document.scope(),
-                                                   std::nullopt, EffectTailMode::mixIntoFollowing,
-                                                   [bar](double fraction) { return bar->update(fraction); });
+                const auto progress = [bar](double fraction) {
+                    return bar->update(fraction);
+                };
+                const FrameRange range = document.scope();
+                switch (tail.value_or(fallback)) {
+                case TailChoice::mix:
+                case TailChoice::cut:
+                    document.content = applyingEffects(document.content, processors, range, std::nullopt,
+                                                       tail.value_or(fallback) == TailChoice::cut
+                                                           ? EffectTailMode::truncate
+                                                           : EffectTailMode::mixIntoFollowing,
+                                                       progress);
+                    return;
+                case TailChoice::keep: {
+                    // The range alone, with its whole tail, takes the range's place.
+                    const AudioContent processed =
+                        applyingEffects(document.content.slice(range), processors, std::nullopt, std::nullopt,
+                                        EffectTailMode::mixIntoFollowing, progress);
+                    document.content.replaceSubrange(range, processed);
+                    if (document.selection)
+                        document.selection = FrameRange{range.lower, range.lower + processed.frameCount()};
+                    return;
+                }
+                }
             },
             true};
+}
+
+/// A rack file for an offline render: anything the lenient reader had to skip or repair is an
+/// error here, since the file written would not be what the rack was meant to do.
+Operation effectsOperation(const std::string& path, const std::optional<TailChoice>& tail) {
+    const auto installed = PluginEffect::installedPlugins();
+    const auto reading = RackFile::readFile(path, [&](const PluginDescriptor& plugin) {
+        return std::any_of(installed.begin(), installed.end(),
+                           [&](const PluginDescriptor& p) { return p.id == plugin.id; });
+    });
+    if (!reading.rack || !reading.messages.empty()) {
+        std::string text;
+        for (const auto& message : reading.messages)
+            text += (text.empty() ? "" : "; ") + message;
+        throw std::runtime_error("--effects: \u2018" + path + "\u2019: " + text);
+    }
+    return chainOperation("--effects", reading.rack->slots, tail, tailChoice(reading.rack->tailMode));
 }
 
 Operation resampleOperation(double rate) {
@@ -226,6 +263,20 @@ ProcessRequest parse(std::span<const std::string> arguments) {
     TimePitch::Engine stretchEngine = TimePitch::Engine::finer;
     std::optional<double> pendingTempo;
     std::optional<double> pendingCents;
+    // --tail holds for every chain, so the chains are made once the whole line is read.
+    std::optional<TailChoice> tail;
+    std::vector<std::function<Operation()>> deferred;
+    std::vector<EffectSlot> pendingEffects;
+    auto flushEffects = [&] {
+        if (pendingEffects.empty())
+            return;
+        deferred.resize(request.operations.size() + 1);
+        deferred.back() = [&tail, slots = std::move(pendingEffects)] {
+            return chainOperation("--effect", slots, tail, TailChoice::mix);
+        };
+        request.operations.push_back({});
+        pendingEffects.clear();
+    };
     auto flushTimePitch = [&] {
         if (pendingTempo || pendingCents)
             request.operations.push_back(
@@ -245,6 +296,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         };
         if (argument == "--tempo" || argument == "--pitch") {
             const bool tempo = argument == "--tempo";
+            flushEffects();
             if ((tempo && pendingTempo) || (!tempo && pendingCents))
                 flushTimePitch();
             if (tempo)
@@ -254,6 +306,15 @@ ProcessRequest parse(std::span<const std::string> arguments) {
             continue;
         }
         flushTimePitch();
+        if (argument == "--effect") {
+            pendingEffects.push_back(parseEffectArgument(value()));
+            continue;
+        }
+        if (argument == "--tail") {
+            tail = parseTailChoice(value());
+            continue;
+        }
+        flushEffects();
         if (argument == "--select") {
             request.operations.push_back(selectOperation(value()));
         } else if (argument == "--gain") {
@@ -341,7 +402,12 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         } else if (argument == "--envelope") {
             request.operations.push_back(envelopeOperation(value()));
         } else if (argument == "--effects") {
-            request.operations.push_back(effectsOperation(value()));
+            const std::string path = value();
+            deferred.resize(request.operations.size() + 1);
+            deferred.back() = [&tail, path] {
+                return effectsOperation(path, tail);
+            };
+            request.operations.push_back({});
         } else if (argument == "--resample") {
             request.operations.push_back(resampleOperation(parsePositiveNumber(value(), argument)));
         } else if (!request.encode.parse(reader)) {
@@ -349,6 +415,10 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         }
     }
     flushTimePitch();
+    flushEffects();
+    for (size_t i = 0; i < deferred.size(); ++i)
+        if (deferred[i])
+            request.operations[i] = deferred[i]();
     if (positional.size() != 2)
         throw UsageError{"expected an input and an output file"};
     request.input = positional[0];

@@ -12,8 +12,9 @@ namespace {
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {harlune::cli::infoCommand(), harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand(), harlune::cli::processCommand(), harlune::cli::normalizeCommand()};
+    return {harlune::cli::infoCommand(),   harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
+            harlune::cli::playCommand(),   harlune::cli::processCommand(), harlune::cli::normalizeCommand(),
+            harlune::cli::effectsCommand()};
 }
 
 void printUsage(std::FILE* stream, const std::vector<Command>& commands) {
