@@ -225,7 +225,7 @@ RackFileReading fromText(std::string_view text, const PluginCheck& isInstalled) 
         parsed = json::parse(text);
     } catch (const json::exception& error) {
         RackFileReading reading;
-        reading.messages.push_back(std::string("not JSON: ") + error.what());
+        reading.messages.push_back(std::string("not valid JSON: ") + error.what());
         return reading;
     }
     return fromJSON(parsed, isInstalled);
