@@ -104,6 +104,21 @@ private:
     void pruneRetired();
     void changed();
 
+    /// Starts a background load for every plug-in slot that has no instance and none coming.
+    void startMissingLoads();
+    void pluginLoaded(const Uuid& id, std::shared_ptr<PluginEffect> instance);
+    void pluginFailed(const Uuid& id, const std::string& name, const std::string& message);
+    /// Hands each loaded instance the state of its slot where that differs from `old`.
+    void restoreChangedPluginStates(const std::vector<EffectSlot>& old);
+    /// Gives `instance` the slot's state, or its defaults when the slot has none. Throws.
+    static void restorePluginState(PluginEffect& instance, const EffectSlot::Plugin& plugin);
+    /// The lists of `PreviewEffectsState` for the current runtime, parallel to its processors.
+    void fillState(PreviewEffectsState& state) const;
+    /// Makes sure no callback runs the current runtime any more, before its plug-in instances
+    /// are prepared again for the next one.
+    void takeRuntimeOffAudioThread(RenderState& renderState);
+    void setError(std::string message);
+
     RackScheduler& scheduler_;
     PluginLoader loader_;
     std::vector<EffectSlot> slots_;
