@@ -13,4 +13,7 @@ Command processCommand();
 Command normalizeCommand();
 Command effectsCommand();
 
+/// "effects --plugins": the installed LV2 effect plug-ins, a name and a URI per line.
+int listPlugins();
+
 } // namespace harlune::cli

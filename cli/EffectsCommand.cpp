@@ -100,19 +100,12 @@ void printTable(std::span<const EffectParameter> parameters, const char* indent)
                     rangeText(parameter).c_str());
 }
 
-int listPlugins(bool json) {
-    const auto plugins = PluginEffect::installedPlugins();
-    if (json) {
-        nlohmann::json list = nlohmann::json::array();
-        for (const auto& plugin : plugins)
-            list.push_back({{"uri", plugin.id}, {"name", plugin.name}});
-        std::printf("%s\n", list.dump(2).c_str());
-        return exitSuccess;
-    }
-    if (plugins.empty())
-        std::printf("no LV2 effect plug-ins found\n");
-    for (const auto& plugin : plugins)
-        std::printf("%s\n  lv2:%s\n", plugin.name.c_str(), plugin.id.c_str());
+/// The text form is `listPlugins` (a name and a URI per line); this is the same as JSON.
+int listPluginsAsJSON() {
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto& plugin : PluginEffect::installedPlugins())
+        list.push_back({{"uri", plugin.id}, {"name", plugin.name}});
+    std::printf("%s\n", list.dump(2).c_str());
     return exitSuccess;
 }
 
@@ -132,7 +125,7 @@ int runEffects(std::span<const std::string> arguments) {
             throw UsageError{"effects takes no file"};
     }
     if (plugins)
-        return listPlugins(json);
+        return json ? listPluginsAsJSON() : listPlugins();
     if (json) {
         nlohmann::json kinds = nlohmann::json::array();
         for (const EffectKind kind : allEffectKinds()) {

@@ -3,6 +3,7 @@
 #include "base/EffectProcessor.h"
 #include "dsp/effects/ConfigurableEffect.h"
 #include "dsp/effects/EffectFactory.h"
+#include "dsp/plugins/PluginEffect.h"
 #include "support/AllocationCounter.h"
 #include "support/TestAudio.h"
 #include "support/TestProcessors.h"
@@ -13,6 +14,7 @@
 #include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <string>
@@ -48,6 +50,26 @@ struct ContractRow {
             tailOfDryOnly};
 }
 
+// An installed LV2 plug-in's row, with control values; none where the plug-in isn't installed.
+std::vector<ContractRow> pluginRow(const std::string& uri,
+                                   std::vector<std::pair<std::string, float>> controls) {
+    const auto installed = PluginEffect::installedPlugins();
+    const auto found = std::ranges::find(installed, uri, &PluginDescriptor::id);
+    if (found == installed.end())
+        return {};
+    return {{.name = found->name, .make = [descriptor = *found, controls] {
+                 auto effect = PluginEffect::instantiate(descriptor);
+                 for (const auto& [symbol, value] : controls)
+                     effect->setParameter(symbol, value);
+                 return std::shared_ptr<EffectProcessor>(effect);
+             }}};
+}
+
+std::vector<ContractRow> joined(std::vector<ContractRow> rows, std::vector<ContractRow> more) {
+    std::ranges::move(more, std::back_inserter(rows));
+    return rows;
+}
+
 const std::vector<ContractRow>& rows() {
     static const std::vector<ContractRow> all{
         {.name = "latency 47",
@@ -77,7 +99,10 @@ const std::vector<ContractRow>& rows() {
                 EQSettings{.outputGainDB = -2}, -60, true),
         // builtin(DelaySettings{...}, DelaySettings{.mix = 0}), ...
     };
-    return all;
+    // An installed mono plug-in (swh-lv2), which runs once per channel.
+    static const std::vector<ContractRow> withPlugins =
+        joined(all, pluginRow("http://plugin.org.uk/swh-plugins/amp", {{"gain", 6}}));
+    return withPlugins;
 }
 
 struct Format {

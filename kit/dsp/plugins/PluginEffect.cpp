@@ -1,16 +1,15 @@
 #include "dsp/plugins/PluginEffect.h"
 
-#include "base/HarluneError.h"
+#include "dsp/plugins/Lv2World.h"
 
 namespace harlune {
 
-// Placeholder until the LV2 host lands: no plug-in is installed.
 std::shared_ptr<PluginEffect> PluginEffect::instantiate(const PluginDescriptor& descriptor) {
-    throw HarluneError::codecUnavailable("plug-in hosting is not built in: " + descriptor.id);
+    return instantiateLv2Effect(Lv2World::shared(), descriptor);
 }
 
 std::vector<PluginDescriptor> PluginEffect::installedPlugins() {
-    return {};
+    return Lv2World::shared()->installedPlugins();
 }
 
 } // namespace harlune
