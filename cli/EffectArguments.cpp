@@ -1,6 +1,7 @@
 #include "EffectArguments.h"
 
 #include "dsp/effects/EffectFactory.h"
+#include "dsp/effects/EffectParameters.h"
 #include "dsp/effects/PartialSettings.h"
 #include "dsp/plugins/PluginEffect.h"
 
@@ -73,9 +74,9 @@ EffectSlot pluginSlot(const std::string& uri, const std::optional<std::string>& 
                 problems.push_back(symbol + " must be a number, not " + std::string(value.type_name()));
             } else if (const double v = value.get<double>();
                        v < parameter->minimum || v > parameter->maximum) {
-                problems.push_back(symbol + " " + value.dump() + " lies outside " +
-                                   nlohmann::json(parameter->minimum).dump() + " to " +
-                                   nlohmann::json(parameter->maximum).dump());
+                problems.push_back(symbol + " " + formatParameterNumber(v) + " lies outside " +
+                                   formatParameterNumber(parameter->minimum) + " to " +
+                                   formatParameterNumber(parameter->maximum));
             }
         }
         if (!problems.empty()) {

@@ -1,6 +1,7 @@
 // harlune-cli effects and the effect options of process, run as a user runs them.
 #include "cli/CliTestSupport.h"
 #include "dsp/effects/PartialSettings.h"
+#include "dsp/plugins/PluginEffect.h"
 #include "engine/RackFile.h"
 
 #include <cmath>
@@ -98,6 +99,27 @@ TEST_F(EffectOptions, EffectsReadsASavedRackAndRefusesARepairedOne) {
               std::string::npos)
         << clamped.err;
     EXPECT_FALSE(std::filesystem::exists(file("bad.wav")));
+}
+
+TEST_F(EffectOptions, PluginTakesControlValuesBySymbol) {
+    const std::string amp = "http://plugin.org.uk/swh-plugins/amp";
+    const auto installed = PluginEffect::installedPlugins();
+    if (std::ranges::find(installed, amp, &PluginDescriptor::id) == installed.end())
+        GTEST_SKIP() << "swh-lv2 is not installed";
+    expectGain(run({"--effect", "lv2:" + amp + R"(={"gain": -6})", "--effect", R"(eq={"outputGainDB": 1})"}),
+               -5, 0, 48000);
+    for (const auto& [controls, says] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"gian": 1})", "unknown control \u201cgian\u201d (its controls: gain)"},
+             {R"({"gain": "loud"})", "gain must be a number, not string"},
+             {R"({"gain": -600})", "gain -600 lies outside -70 to 70"},
+             {"[1]", "must be an object"},
+             {"{", "not valid JSON"}}) {
+        const CliResult result = testing::cli(
+            {"process", "--effect", "lv2:" + amp + "=" + controls, file("in.wav"), file("bad.wav")});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(result.err.find("--effect lv2:" + amp + ": "), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find(says), std::string::npos) << result.err;
+    }
 }
 
 } // namespace
