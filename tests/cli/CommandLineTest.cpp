@@ -213,6 +213,8 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
         {{"process", "--effect"}, "--effect needs a value"},
         {{"process", "--tail", "wrap", "--effect", "eq", tone, out}, "--tail takes keep, cut or mix"},
         {{"effects", "--bogus"}, "unknown option --bogus"},
+        {{"play", tone, "--watch"}, "--watch watches the file of --effects, and there is none"},
+        {{"play", tone, "--effects"}, "--effects needs a value"},
         {{"effects", tone}, "effects takes no file"},
     };
     for (const Case& c : cases) {

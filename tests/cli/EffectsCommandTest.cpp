@@ -101,6 +101,19 @@ TEST_F(EffectOptions, EffectsReadsASavedRackAndRefusesARepairedOne) {
     EXPECT_FALSE(std::filesystem::exists(file("bad.wav")));
 }
 
+// A rack file that holds no rack stops play before any device is opened; one with faults that
+// can be skipped would play (not tried here: no sound server).
+TEST_F(EffectOptions, PlayRefusesARackFileThatHoldsNoRack) {
+    testing::writeFile(file("broken.json"), "{\"slots\": [");
+    for (const auto& [rack, says] : std::vector<std::pair<std::string, std::string>>{
+             {file("absent.json"), "can\u2019t read"}, {file("broken.json"), "not valid JSON"}}) {
+        const CliResult result = testing::cli({"play", file("in.wav"), "--effects", rack});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.err.find("--effects: \u2018" + rack + "\u2019: " + says), std::string::npos)
+            << result.err;
+    }
+}
+
 TEST_F(EffectOptions, PluginTakesControlValuesBySymbol) {
     const std::string amp = "http://plugin.org.uk/swh-plugins/amp";
     const auto installed = PluginEffect::installedPlugins();

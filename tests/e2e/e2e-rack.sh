@@ -71,7 +71,8 @@ grep -q "slot 1 (Parametric EQ): outputGainDB -2 -> -8" "$work/play-watched.log"
 
 # 3. An LV2 amplifier after the EQ, when one is installed.
 amp=http://plugin.org.uk/swh-plugins/amp
-if "$cli" effects --plugins | grep -q " $amp\$"; then
+"$cli" effects --plugins >"$work/plugins.txt" 2>&1
+if grep -q " $amp\$" "$work/plugins.txt"; then
     write_rack "$work/amp.json" -2 "{\"id\": \"0b8a3f55-1f7e-4d0a-b7a4-3f9c4c1d5e22\", \"isEnabled\": true,
         \"plugin\": {\"uri\": \"$amp\", \"name\": \"Simple amplifier\", \"state\": {\"gain\": -6}}}"
     start_recorder amp
