@@ -141,19 +141,19 @@ struct Reader {
             slot(list[i], i);
     }
 
-    void rack(const json& json) {
-        if (json.is_array()) {
+    void rack(const json& root) {
+        if (root.is_array()) {
             reading.rack = SavedRack{};
-            slots(json);
+            slots(root);
             return;
         }
-        if (!json.is_object()) {
+        if (!root.is_object()) {
             say(std::string(notARack));
             return;
         }
         reading.rack = SavedRack{};
         SavedRack& rack = *reading.rack;
-        for (const auto& [key, value] : json.items()) {
+        for (const auto& [key, value] : root.items()) {
             if (key == "slots") {
                 if (value.is_array())
                     slots(value);
@@ -177,7 +177,7 @@ struct Reader {
                 say("unknown key \u201c" + key + "\u201d skipped");
             }
         }
-        if (!json.contains("slots"))
+        if (!root.contains("slots"))
             say("no \u201cslots\u201d: the rack is empty");
     }
 };

@@ -160,17 +160,8 @@ void check(const EffectParameter& parameter, const nlohmann::json& record, const
         return;
     }
     const double ceiling = parameter.maximumAt(sampleRate);
-    if (value < parameter.minimum || value > ceiling) {
-        std::string range;
-        if (std::isinf(parameter.minimum))
-            range = "at most " + formatParameterNumber(ceiling);
-        else if (std::isinf(ceiling))
-            range = "at least " + formatParameterNumber(parameter.minimum);
-        else
-            range = formatParameterNumber(parameter.minimum) + " to " + formatParameterNumber(ceiling);
-        problems.push_back({path, path + " " + formatParameterNumber(value) + " lies outside " + range +
-                                      (parameter.unit.empty() ? "" : " " + std::string(parameter.unit))});
-    }
+    if (value < parameter.minimum || value > ceiling)
+        problems.push_back({path, outOfRangeText(parameter, path, value, ceiling)});
 }
 
 } // namespace
@@ -250,6 +241,31 @@ std::vector<ParameterProblem> parameterProblems(const EffectSettings& settings,
                                              std::to_string(EQSettings::maxBands) + " are used"});
     }
     return problems;
+}
+
+std::string outOfRangeText(const EffectParameter& parameter, const std::string& path, double value,
+                           double ceiling) {
+    // Built by appending: g++ 12 warns falsely (-Wrestrict) on long chains of string + string.
+    std::string text = path;
+    text += ' ';
+    text += formatParameterNumber(value);
+    text += " lies outside ";
+    if (std::isinf(parameter.minimum)) {
+        text += "at most ";
+        text += formatParameterNumber(ceiling);
+    } else if (std::isinf(ceiling)) {
+        text += "at least ";
+        text += formatParameterNumber(parameter.minimum);
+    } else {
+        text += formatParameterNumber(parameter.minimum);
+        text += " to ";
+        text += formatParameterNumber(ceiling);
+    }
+    if (!parameter.unit.empty()) {
+        text += ' ';
+        text += parameter.unit;
+    }
+    return text;
 }
 
 std::string formatParameterNumber(double value) {

@@ -59,6 +59,10 @@ struct ParameterProblem {
 std::vector<ParameterProblem> parameterProblems(const EffectSettings& settings,
                                                 std::optional<double> sampleRate = std::nullopt);
 
+/// "feedback 1.2 lies outside 0 to 0.95", for a value outside [minimum, `ceiling`].
+std::string outOfRangeText(const EffectParameter& parameter, const std::string& path, double value,
+                           double ceiling);
+
 /// A number as the messages print it: shortest form, no trailing zeros.
 std::string formatParameterNumber(double value);
 

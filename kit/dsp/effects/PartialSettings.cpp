@@ -74,15 +74,7 @@ void readValue(const EffectParameter& parameter, const nlohmann::json& value, nl
     const double ceiling = parameter.maximumAt(std::nullopt);
     if (number < parameter.minimum || number > ceiling) {
         const double clamped = std::clamp(number, parameter.minimum, ceiling);
-        std::string range =
-            formatParameterNumber(parameter.minimum) + " to " + formatParameterNumber(ceiling);
-        if (std::isinf(parameter.minimum))
-            range = "at most " + formatParameterNumber(ceiling);
-        else if (std::isinf(ceiling))
-            range = "at least " + formatParameterNumber(parameter.minimum);
-        issues.push_back({Kind::outOfRange, path,
-                          path + " " + formatParameterNumber(number) + " lies outside " + range +
-                              (parameter.unit.empty() ? "" : " " + std::string(parameter.unit)),
+        issues.push_back({Kind::outOfRange, path, outOfRangeText(parameter, path, number, ceiling),
                           "clamped to " + formatParameterNumber(clamped)});
         number = clamped;
     }
