@@ -120,7 +120,13 @@ void readBands(const nlohmann::json& given, nlohmann::json& record, std::vector<
     }
     const std::vector<EQBand> defaults = EQSettings::defaultBands();
     nlohmann::json bands = nlohmann::json::array();
-    for (size_t b = 0; b < given.size(); ++b) {
+    const auto limit = static_cast<size_t>(EQSettings::maxBands);
+    if (given.size() > limit)
+        issues.push_back({Kind::outOfRange, "bands",
+                          "bands holds " + std::to_string(given.size()) + " bands, at most " +
+                              std::to_string(limit) + " are used",
+                          "dropped the bands after the " + std::to_string(limit) + "th"});
+    for (size_t b = 0; b < std::min(given.size(), limit); ++b) {
         const nlohmann::json base =
             b < defaults.size() ? nlohmann::json(defaults[b]) : nlohmann::json(EQBand{});
         bands.push_back(readBand(given[b], base, "bands[" + std::to_string(b) + "]", issues));
