@@ -13,6 +13,7 @@ Command processCommand();
 Command normalizeCommand();
 Command tempoCommand();
 Command noiseProfileCommand();
+Command effectsCommand();
 
 /// "effects --plugins": the installed LV2 effect plug-ins, a name and a URI per line.
 int listPlugins();

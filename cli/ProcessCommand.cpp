@@ -8,6 +8,7 @@
 // one dialog does; a flag repeated starts a new one.
 #include "CliSupport.h"
 #include "Commands.h"
+#include "EffectArguments.h"
 #include "EncodeOptions.h"
 #include "NoiseProfileOptions.h"
 #include "OpenAudio.h"
@@ -19,6 +20,8 @@
 #include "dsp/Resampler.h"
 #include "dsp/effects/EffectFactory.h"
 #include "dsp/effects/EffectSettings.h"
+#include "dsp/plugins/PluginEffect.h"
+#include "engine/RackFile.h"
 #include "io/AudioEncoder.h"
 
 #include <algorithm>
@@ -45,7 +48,14 @@ constexpr std::string_view usage =
     "  --fade-shape NAME       linear, logarithmic, exponential, sCurve (default), equalPower\n"
     "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
     "  --reverse --invert --remove-dc --swap-channels --channels N\n"
-    "  --envelope FILE.json    --effects FILE.json\n"
+    "  --envelope FILE.json\n"
+    "  --effect KIND[=JSON|@FILE]  a built-in effect; JSON holds some or all of its settings keys,\n"
+    "                          the rest keep their defaults (harlune-cli effects lists kinds and keys)\n"
+    "  --effect lv2:URI[=JSON] an LV2 plug-in; JSON holds control values by port symbol\n"
+    "                          adjacent --effect options form one chain, in order\n"
+    "  --effects RACK.json     a saved rack (or a list of effect settings): its enabled slots\n"
+    "  --tail mix|keep|cut     effect tails: mixed over what follows (default; a rack file's own\n"
+    "                          tail mode otherwise), kept whole and inserted after the range, or cut\n"
     "  --learn-noise START:END --noise-profile FILE.json   the profile of later noise reduction\n"
     "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)\n"
     "  --stretch-engine NAME   finer (Rubber Band R3, default) or faster (R2), for later --tempo/--pitch";
@@ -160,33 +170,75 @@ Operation noiseProfileOperation(const std::string& path, NoiseProfileSlot slot) 
             }};
 }
 
-Operation effectsOperation(const std::string& path, NoiseProfileSlot noiseProfile) {
-    const nlohmann::json json = readJSON(path, "--effects");
-    if (!json.is_array())
-        throw std::runtime_error("--effects: \u2018" + path + "\u2019 must hold a list of effect settings");
-    std::vector<EffectSettings> chain;
-    for (const auto& item : json) {
-        try {
-            chain.push_back(effectSettingsFromJSON(item));
-        } catch (const nlohmann::json::exception& error) {
-            throw std::runtime_error("--effects: \u2018" + path + "\u2019: " + error.what());
+/// The slots with the profile that `--learn-noise` or `--noise-profile` set, if any, given to
+/// every noise reduction among them.
+std::vector<EffectSlot> withNoiseProfile(std::vector<EffectSlot> slots, const NoiseProfileSlot& profile) {
+    if (!*profile)
+        return slots;
+    for (EffectSlot& slot : slots) {
+        if (auto* settings = std::get_if<EffectSettings>(&slot.source)) {
+            std::vector<EffectSettings> one{*settings};
+            useNoiseProfile(one, **profile);
+            *settings = one.front();
         }
     }
-    return {"--effects",
-            [chain, noiseProfile](Document& document, ProgressBar* bar) {
-                if (chain.empty())
+    return slots;
+}
+
+/// Runs `slots` over the scope. `tail` absent: `fallback` (a rack file's own mode, or mix).
+Operation chainOperation(std::string name, std::vector<EffectSlot> slots,
+                         const std::optional<TailChoice>& tail, TailChoice fallback,
+                         NoiseProfileSlot noiseProfile) {
+    return {std::move(name),
+            [slots = std::move(slots), tail, fallback, noiseProfile](Document& document, ProgressBar* bar) {
+                const auto processors = makeOfflineChain(withNoiseProfile(slots, noiseProfile));
+                if (processors.empty())
                     return;
-                std::vector<EffectSettings> used = chain;
-                if (*noiseProfile)
-                    useNoiseProfile(used, **noiseProfile);
-                std::vector<std::shared_ptr<EffectProcessor>> processors;
-                for (const auto& settings : used)
-                    processors.push_back(EffectFactory::makeProcessor(settings));
-                document.content = applyingEffects(document.content, processors, document.scope(),
-                                                   std::nullopt, EffectTailMode::mixIntoFollowing,
-                                                   [bar](double fraction) { return bar->update(fraction); });
+                const auto progress = [bar](double fraction) {
+                    return bar->update(fraction);
+                };
+                const FrameRange range = document.scope();
+                switch (tail.value_or(fallback)) {
+                case TailChoice::mix:
+                case TailChoice::cut:
+                    document.content = applyingEffects(document.content, processors, range, std::nullopt,
+                                                       tail.value_or(fallback) == TailChoice::cut
+                                                           ? EffectTailMode::truncate
+                                                           : EffectTailMode::mixIntoFollowing,
+                                                       progress);
+                    return;
+                case TailChoice::keep: {
+                    // The range alone, with its whole tail, takes the range's place.
+                    const AudioContent processed =
+                        applyingEffects(document.content.slice(range), processors, std::nullopt, std::nullopt,
+                                        EffectTailMode::mixIntoFollowing, progress);
+                    document.content.replaceSubrange(range, processed);
+                    if (document.selection)
+                        document.selection = FrameRange{range.lower, range.lower + processed.frameCount()};
+                    return;
+                }
+                }
             },
             true};
+}
+
+/// A rack file for an offline render: anything the lenient reader had to skip or repair is an
+/// error here, since the file written would not be what the rack was meant to do.
+Operation effectsOperation(const std::string& path, const std::optional<TailChoice>& tail,
+                           NoiseProfileSlot noiseProfile) {
+    const auto installed = PluginEffect::installedPlugins();
+    const auto reading = RackFile::readFile(path, [&](const PluginDescriptor& plugin) {
+        return std::any_of(installed.begin(), installed.end(),
+                           [&](const PluginDescriptor& p) { return p.id == plugin.id; });
+    });
+    if (!reading.rack || !reading.messages.empty()) {
+        std::string text;
+        for (const auto& message : reading.messages)
+            text += (text.empty() ? "" : "; ") + message;
+        throw std::runtime_error("--effects: \u2018" + path + "\u2019: " + text);
+    }
+    return chainOperation("--effects", reading.rack->slots, tail, tailChoice(reading.rack->tailMode),
+                          std::move(noiseProfile));
 }
 
 Operation resampleOperation(double rate) {
@@ -250,6 +302,20 @@ ProcessRequest parse(std::span<const std::string> arguments) {
     std::optional<double> pendingTempo;
     std::optional<double> pendingCents;
     const auto noiseProfile = std::make_shared<std::optional<NoiseProfile>>();
+    // --tail holds for every chain, so the chains are made once the whole line is read.
+    std::optional<TailChoice> tail;
+    std::vector<std::function<Operation()>> deferred;
+    std::vector<EffectSlot> pendingEffects;
+    auto flushEffects = [&] {
+        if (pendingEffects.empty())
+            return;
+        deferred.resize(request.operations.size() + 1);
+        deferred.back() = [&tail, noiseProfile, slots = std::move(pendingEffects)] {
+            return chainOperation("--effect", slots, tail, TailChoice::mix, noiseProfile);
+        };
+        request.operations.push_back({});
+        pendingEffects.clear();
+    };
     auto flushTimePitch = [&] {
         if (pendingTempo || pendingCents)
             request.operations.push_back(
@@ -269,6 +335,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         };
         if (argument == "--tempo" || argument == "--pitch") {
             const bool tempo = argument == "--tempo";
+            flushEffects();
             if ((tempo && pendingTempo) || (!tempo && pendingCents))
                 flushTimePitch();
             if (tempo)
@@ -278,6 +345,15 @@ ProcessRequest parse(std::span<const std::string> arguments) {
             continue;
         }
         flushTimePitch();
+        if (argument == "--effect") {
+            pendingEffects.push_back(parseEffectArgument(value()));
+            continue;
+        }
+        if (argument == "--tail") {
+            tail = parseTailChoice(value());
+            continue;
+        }
+        flushEffects();
         if (argument == "--select") {
             request.operations.push_back(selectOperation(value()));
         } else if (argument == "--gain") {
@@ -365,7 +441,12 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         } else if (argument == "--envelope") {
             request.operations.push_back(envelopeOperation(value()));
         } else if (argument == "--effects") {
-            request.operations.push_back(effectsOperation(value(), noiseProfile));
+            const std::string path = value();
+            deferred.resize(request.operations.size() + 1);
+            deferred.back() = [&tail, path, noiseProfile] {
+                return effectsOperation(path, tail, noiseProfile);
+            };
+            request.operations.push_back({});
         } else if (argument == "--learn-noise") {
             request.operations.push_back(learnNoiseOperation(value(), noiseProfile));
         } else if (argument == "--noise-profile") {
@@ -377,6 +458,10 @@ ProcessRequest parse(std::span<const std::string> arguments) {
         }
     }
     flushTimePitch();
+    flushEffects();
+    for (size_t i = 0; i < deferred.size(); ++i)
+        if (deferred[i])
+            request.operations[i] = deferred[i]();
     if (positional.size() != 2)
         throw UsageError{"expected an input and an output file"};
     request.input = positional[0];

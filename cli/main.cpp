@@ -2,7 +2,6 @@
 #include "CliSupport.h"
 #include "Commands.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -13,9 +12,10 @@ namespace {
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {harlune::cli::infoCommand(),    harlune::cli::convertCommand(),   harlune::cli::loudnessCommand(),
-            harlune::cli::playCommand(),    harlune::cli::processCommand(),   harlune::cli::normalizeCommand(),
-            harlune::cli::tempoCommand(),   harlune::cli::noiseProfileCommand()};
+    return {
+        harlune::cli::infoCommand(),    harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
+        harlune::cli::playCommand(),    harlune::cli::processCommand(), harlune::cli::normalizeCommand(),
+        harlune::cli::effectsCommand(), harlune::cli::tempoCommand(),   harlune::cli::noiseProfileCommand()};
 }
 
 void printUsage(std::FILE* stream, const std::vector<Command>& commands) {
@@ -57,14 +57,6 @@ int main(int argc, char** argv) {
         else
             printUsage(stdout, commands);
         return harlune::cli::exitSuccess;
-    }
-    if (name == "effects" && std::ranges::find(arguments, "--plugins") != arguments.end()) {
-        try {
-            return harlune::cli::listPlugins();
-        } catch (const std::exception& error) {
-            harlune::cli::printError(error.what());
-            return harlune::cli::exitFailure;
-        }
     }
     const Command* command = find(commands, name);
     if (!command) {

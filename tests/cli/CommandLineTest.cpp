@@ -184,7 +184,7 @@ TEST_F(CommandLine, aDashedFileNameIsAnUnknownOptionUntilTheOptionsEnd) {
 }
 
 TEST_F(CommandLine, everyCommandAnswersHelpOnStandardOutput) {
-    for (const char* name : {"info", "loudness", "normalize", "process", "convert", "play", "tempo"})
+    for (const char* name : {"info", "loudness", "normalize", "process", "convert", "play", "tempo", "effects"})
         for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
                  {name, "--help"}, {name, "-h"}, {name, "--gain", "--help"}, {"help", name}}) {
             SCOPED_TRACE(arguments[0] + " " + arguments[1]);
@@ -235,6 +235,27 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
         {{"process", "--gain"}, "--gain needs a value"},
         {{"tempo"}, "expected a file"},
         {{"tempo", "--beats-per-bar", "99", tone}, "--beats-per-bar is at most 32"},
+        {{"process", "--effect", "echo", tone, out}, "--effect: unknown effect \u2018echo\u2019"},
+        {{"process", "--effect", "delay={", tone, out}, "--effect delay: not valid JSON"},
+        {{"process", "--effect", "delay=[1]", tone, out}, "delay settings must be an object"},
+        {{"process", "--effect", R"(delay={"feedbak": 0.5})", tone, out},
+         "unknown key \u201cfeedbak\u201d for delay"},
+        {{"process", "--effect", R"(delay={"mix": "half"})", tone, out}, "mix must be a number, not string"},
+        {{"process", "--effect", R"(delay={"pingPong": 1})", tone, out}, "pingPong must be true or false"},
+        {{"process", "--effect", R"(delay={"feedback": 3})", tone, out}, "feedback 3 lies outside 0 to 0.95"},
+        {{"process", "--effect", R"(chorus={"voices": 2.5})", tone, out}, "voices must be a whole number"},
+        {{"process", "--effect", R"(chorus={"mode": "vibrato"})", tone, out},
+         "mode must be one of chorus, flanger"},
+        {{"process", "--effect", R"(eq={"bands": [{"q": 0}]})", tone, out}, "bands[0].q 0 lies outside"},
+        {{"process", "--effect", "gate@/nonexistent/gate.json", tone, out}, "--effect gate: can\u2019t read"},
+        {{"process", "--effect", "lv2:", tone, out}, "needs the plug-in\u2019s URI"},
+        {{"process", "--effect", "lv2:urn:nothing", tone, out}, "no LV2 plug-in \u2018urn:nothing\u2019"},
+        {{"process", "--effect"}, "--effect needs a value"},
+        {{"process", "--tail", "wrap", "--effect", "eq", tone, out}, "--tail takes keep, cut or mix"},
+        {{"effects", "--bogus"}, "unknown option --bogus"},
+        {{"play", tone, "--watch"}, "--watch watches the file of --effects, and there is none"},
+        {{"play", tone, "--effects"}, "--effects needs a value"},
+        {{"effects", tone}, "effects takes no file"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments[0] + " " + c.reason);
