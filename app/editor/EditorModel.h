@@ -369,6 +369,9 @@ public:
     void changeSampleRate(double to);
     /// All channels; markers inside the range follow the stretch, those after it move.
     void timePitch(double rate, double pitchCents);
+    /// The rack's active slots over the scope, with the envelopes baked in first; turns the
+    /// preview off. Only the alert with no active slot or while busy.
+    void applyEffects();
 
     // Envelope commands ------------------------------------------------------------------------
 

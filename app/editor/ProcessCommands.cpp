@@ -179,4 +179,38 @@ void EditorModel::timePitch(double rate, double pitchCents) {
             newSelection, std::move(markers), [adjusted](const AudioContent&) { return adjusted; });
 }
 
+void EditorModel::applyEffects() {
+    if (rack_->activeSlots().empty() || busy_) {
+        if (alertSound_)
+            alertSound_();
+        return;
+    }
+    const std::optional<FrameRange> range = selection_; // absent: the whole file
+    const auto channels = targetChannels();
+    const EffectTailMode tail = rack_->tailMode();
+    const QString name = QStringLiteral("Apply ") + QString::fromStdString(rack_->chainName());
+
+    // Fresh processors: the preview's keep playing undisturbed. Plug-ins are made here too, on
+    // the main thread, before any busy state.
+    ProcessorHandoff handoff;
+    try {
+        handoff = rack_->makeOfflineChain();
+    } catch (...) {
+        presentFailure(std::current_exception());
+        return;
+    }
+
+    // The effects hear the audio as the user hears it: the envelopes go into the samples first,
+    // and the document's envelopes are emptied in the same step.
+    Work work = [set = envelopes_, chain = std::move(handoff.chain), range, channels,
+                 tail](AudioContent content, std::shared_ptr<ProgressToken> token) {
+        const AudioContent baked = applyingEnvelopes(content, set);
+        auto progress = progressInto(token);
+        return applyingEffects(baked, chain, range, channels, tail, EffectRenderer::Progress(progress));
+    };
+    process(name, std::move(work), std::nullopt, {}, [](const AudioContent&) { return EnvelopeSet{}; });
+    // The processed audio must not be heard through the effects a second time.
+    rack_->setPreviewEnabled(false);
+}
+
 } // namespace harlune

@@ -60,8 +60,9 @@ TEST_F(EffectOptions, ListingDescribesWhatTheReadersTake) {
             record[parameter.at("key").get<std::string>()] = parameter.at("default");
         const auto reading = readSettingsOverDefaults(*kind, record);
         EXPECT_TRUE(reading.issues.empty()) << entry.at("kind");
-        if (*kind != EffectKind::eq) // EQ bands get new ids
+        if (*kind != EffectKind::eq) { // EQ bands get new ids
             EXPECT_EQ(reading.settings, defaultSettings(*kind)) << entry.at("kind");
+        }
     }
     const CliResult text = testing::cli({"effects"});
     EXPECT_EQ(text.status, 0);

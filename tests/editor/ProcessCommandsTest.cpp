@@ -201,6 +201,47 @@ TEST_F(ProcessCommandsTest, CancelledCommandsLeaveDocumentAndStackAsTheyWere) {
     EXPECT_TRUE(errors.empty());
 }
 
+TEST_F(ProcessCommandsTest, ApplyEffectsBakesEnvelopesRunsTheChainAndStopsThePreview) {
+    model->applyEffects(); // an empty rack
+    EXPECT_EQ(alerts, 1);
+    EXPECT_EQ(stack.count(), 0);
+
+    EnvelopeSet set;
+    set.setTrim(0, -6, 2);
+    model->setEnvelopes(set);
+    model->rack().add(EQSettings{.outputGainDB = -10});
+    model->rack().add(EQSettings{.outputGainDB = 4});
+    const Planes original = testing::planesOf(model->content());
+    model->setSelection(FrameRange{1000, 2000}, ChannelSet{0});
+    model->applyEffects();
+    EXPECT_FALSE(model->rack().previewEnabled());
+    ASSERT_TRUE(waitUntilIdle());
+    ASSERT_TRUE(errors.empty()) << errors.front();
+    EXPECT_EQ(lastUndoName(), QStringLiteral("Apply Parametric EQ + Parametric EQ"));
+    EXPECT_TRUE(model->envelopes().isEmpty());
+
+    // The trim is baked into the whole of channel 0, the chain's -6 dB only into the selection;
+    // channel 1 is untouched.
+    const Planes after = testing::planesOf(model->content());
+    const double trim = std::pow(10.0, -6.0 / 20), chain = std::pow(10.0, -6.0 / 20);
+    for (size_t i = 0; i < after[0].size(); i += 37) {
+        const double expected = original[0][i] * trim * (i >= 1000 && i < 2000 ? chain : 1.0);
+        EXPECT_NEAR(after[0][i], expected, 1e-5) << i;
+    }
+    EXPECT_EQ(after[1], original[1]);
+    stack.undo();
+    EXPECT_EQ(model->envelopes(), set);
+    EXPECT_EQ(testing::planesOf(model->content()), original);
+
+    // A disabled slot takes no part; with none enabled only the alert sounds.
+    auto slots = model->rack().slots();
+    for (auto& slot : slots)
+        slot.isEnabled = false;
+    model->rack().setSlots(slots);
+    model->applyEffects();
+    EXPECT_EQ(alerts, 2);
+}
+
 // Envelope commands -------------------------------------------------------------------------
 
 TEST_F(ProcessCommandsTest, AnEnvelopeDragIsOneStepAndAClickIsNone) {
