@@ -17,6 +17,7 @@
 #include "core/GainEnvelope.h"
 #include "core/Processing.h"
 #include "core/TimePitchProcessing.h"
+#include "dsp/ChannelLoudness.h"
 #include "dsp/Resampler.h"
 #include "dsp/effects/EffectFactory.h"
 #include "dsp/effects/EffectSettings.h"
@@ -47,8 +48,9 @@ constexpr std::string_view usage =
     "  --gain DB               --normalize-peak DBFS [--independent]\n"
     "  --fade-shape NAME       linear, logarithmic, exponential, sCurve (default), equalPower\n"
     "  --fade-in --fade-out --silence --delete --trim   (need a selection)\n"
-    "  --reverse --invert --remove-dc --swap-channels --channels N\n"
-    "  --envelope FILE.json\n"
+    "  --reverse --invert --remove-dc --swap-channels --channels N (or --convert-channels N)\n"
+    "  --balance-channels      trims that level the channels' loudness, applied (2 to 8 channels)\n"
+    "  --envelope FILE.json    the gain envelopes of the file, applied (or --apply-envelope FILE)\n"
     "  --effect KIND[=JSON|@FILE]  a built-in effect; JSON holds some or all of its settings keys,\n"
     "                          the rest keep their defaults (harlune-cli effects lists kinds and keys)\n"
     "  --effect lv2:URI[=JSON] an LV2 plug-in; JSON holds control values by port symbol\n"
@@ -58,6 +60,7 @@ constexpr std::string_view usage =
     "                          tail mode otherwise), kept whole and inserted after the range, or cut\n"
     "  --learn-noise START:END --noise-profile FILE.json   the profile of later noise reduction\n"
     "  --resample HZ           --tempo PERCENT --pitch CENTS (adjacent ones combine)\n"
+    "  --time-pitch RATE:CENTS the same as one pair: 1.25:-100 plays 25 % faster, a semitone down\n"
     "  --stretch-engine NAME   finer (Rubber Band R3, default) or faster (R2), for later --tempo/--pitch";
 
 /// What each operation sees and changes.
@@ -183,6 +186,31 @@ std::vector<EffectSlot> withNoiseProfile(std::vector<EffectSlot> slots, const No
         }
     }
     return slots;
+}
+
+/// The channels brought to the same loudness by gains (the trims `balanceChannels` would set,
+/// applied to the samples).
+AudioContent balancedChannels(const AudioContent& content) {
+    const std::vector<double> trims = balancingTrims(measureChannels(content));
+    if (trims.empty())
+        throw std::runtime_error("--balance-channels needs 2 to 8 channels, each with a measurable loudness");
+    AudioContent result = content;
+    for (size_t c = 0; c < trims.size(); ++c)
+        result = applyingGain(result, std::clamp(trims[c], -24.0, 24.0), std::nullopt,
+                              ChannelSet{static_cast<int>(c)});
+    return result;
+}
+
+/// RATE:CENTS, a rate above 0 and finite cents.
+std::pair<double, double> parseTimePitch(const std::string& text) {
+    const auto colon = text.find(':');
+    if (colon == std::string::npos)
+        throw UsageError{"--time-pitch takes RATE:CENTS, as 1.25:-100"};
+    const double rate = parseNumber(text.substr(0, colon), "--time-pitch");
+    const double cents = parseNumber(text.substr(colon + 1), "--time-pitch");
+    if (!(rate > 0))
+        throw UsageError{"--time-pitch needs a rate above 0"};
+    return {rate, cents};
 }
 
 /// Runs `slots` over the scope. `tail` absent: `fallback` (a rack file's own mode, or mix).
@@ -410,7 +438,16 @@ ProcessRequest parse(std::span<const std::string> arguments) {
             request.operations.push_back(scoped(argument, [](const AudioContent& content, FrameRange range) {
                 return removingDCOffset(content, range);
             }));
-        } else if (argument == "--channels") {
+        } else if (argument == "--balance-channels") {
+            request.operations.push_back({argument, [](Document& document, ProgressBar*) {
+                                              document.content = balancedChannels(document.content);
+                                          }});
+        } else if (argument == "--time-pitch") {
+            flushEffects();
+            flushTimePitch();
+            const auto [rate, cents] = parseTimePitch(value());
+            request.operations.push_back(timePitchOperation(rate, cents, stretchEngine));
+        } else if (argument == "--channels" || argument == "--convert-channels") {
             const int count = parsePositiveInteger(value(), argument);
             request.operations.push_back({argument, [count](Document& document, ProgressBar*) {
                                               if (count != document.content.channelCount())
@@ -438,7 +475,7 @@ ProcessRequest parse(std::span<const std::string> arguments) {
                                               document.content = document.content.slice(range);
                                               document.selection.reset();
                                           }});
-        } else if (argument == "--envelope") {
+        } else if (argument == "--envelope" || argument == "--apply-envelope") {
             request.operations.push_back(envelopeOperation(value()));
         } else if (argument == "--effects") {
             const std::string path = value();

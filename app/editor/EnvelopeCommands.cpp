@@ -3,6 +3,7 @@
 
 #include "base/HarluneError.h"
 #include "core/Processing.h"
+#include "dsp/ChannelLoudness.h"
 #include "editor/EditorModel.h"
 
 #include <algorithm>
@@ -51,22 +52,15 @@ void EditorModel::clearEnvelope() {
 
 void EditorModel::balanceChannels() {
     const int channels = content_.channelCount();
-    std::vector<double> loudness;
-    for (const double value : channelLoudness_)
-        if (std::isfinite(value))
-            loudness.push_back(value);
-    if (channels < 2 || loudness.size() != static_cast<size_t>(channels)) {
+    const std::vector<double> trims = balancingTrims(channelLoudness_);
+    if (channels < 2 || trims.size() != static_cast<size_t>(channels)) {
         if (alertSound_)
             alertSound_();
         return;
     }
-    double mean = 0;
-    for (const double value : loudness)
-        mean += value;
-    mean /= static_cast<double>(loudness.size());
     EditState next = snapshot();
     for (int c = 0; c < channels; ++c)
-        next.envelope.setTrim(c, next.envelope.trim(c) - (loudness[static_cast<size_t>(c)] - mean), channels);
+        next.envelope.setTrim(c, next.envelope.trim(c) + trims[static_cast<size_t>(c)], channels);
     commitEdit(next, QStringLiteral("Balance Channels"));
 }
 

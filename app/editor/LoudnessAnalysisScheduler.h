@@ -2,6 +2,7 @@
 
 #include "base/AudioSource.h"
 #include "base/FunctionRef.h"
+#include "dsp/ChannelLoudness.h"
 #include "editor/AnalysisScheduler.h"
 #include "editor/BackgroundJob.h"
 
@@ -65,11 +66,5 @@ private:
     std::shared_ptr<const Observers> observers_ = std::make_shared<Observers>();
     std::unique_ptr<BackgroundJob> jobs_[3];
 };
-
-/// Integrated loudness of each channel alone (weight 1 for it, 0 for the others), LUFS; negative
-/// infinity for a channel whose measurement fails or is cancelled by `progress`. Empty for fewer
-/// than 2 or more than 8 channels, where a per-channel figure says nothing the whole does not.
-std::vector<double> measureChannels(const AudioSource& source,
-                                    std::optional<FunctionRef<bool(double)>> progress = std::nullopt);
 
 } // namespace harlune

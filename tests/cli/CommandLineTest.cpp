@@ -184,7 +184,8 @@ TEST_F(CommandLine, aDashedFileNameIsAnUnknownOptionUntilTheOptionsEnd) {
 }
 
 TEST_F(CommandLine, everyCommandAnswersHelpOnStandardOutput) {
-    for (const char* name : {"info", "loudness", "normalize", "process", "convert", "play", "tempo", "effects"})
+    for (const char* name :
+         {"info", "loudness", "normalize", "process", "convert", "play", "tempo", "effects"})
         for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
                  {name, "--help"}, {name, "-h"}, {name, "--gain", "--help"}, {"help", name}}) {
             SCOPED_TRACE(arguments[0] + " " + arguments[1]);
@@ -234,6 +235,8 @@ TEST_F(CommandLine, wrongCommandLinesExitTwoWithTheReasonAndTheUsage) {
         {{"process", "--independent", tone, out}, "--independent belongs right after --normalize-peak"},
         {{"process", "--gain"}, "--gain needs a value"},
         {{"tempo"}, "expected a file"},
+        {{"process", "--time-pitch", "1.25", tone, out}, "--time-pitch takes RATE:CENTS"},
+        {{"process", "--time-pitch", "0:100", tone, out}, "--time-pitch needs a rate above 0"},
         {{"tempo", "--beats-per-bar", "99", tone}, "--beats-per-bar is at most 32"},
         {{"process", "--effect", "echo", tone, out}, "--effect: unknown effect \u2018echo\u2019"},
         {{"process", "--effect", "delay={", tone, out}, "--effect delay: not valid JSON"},

@@ -1,6 +1,8 @@
 // harlune-cli process, run as a user runs it; each result is read back by the real ffmpeg and
 // checked against the same operation computed here on the samples of the input.
+#include "base/AudioSource.h"
 #include "cli/CliTestSupport.h"
+#include "dsp/ChannelLoudness.h"
 #include "dsp/effects/EffectSettings.h"
 
 #include <algorithm>
@@ -202,6 +204,39 @@ TEST_F(ProcessCommand, ConvertChangesTheRateForEveryLosslessFormat) {
         ASSERT_EQ(result.status, 0) << name << ": " << result.err;
         EXPECT_EQ(testing::referenceDecode(file(name), 2)[0].size(), 44100u) << name;
     }
+}
+
+TEST_F(ProcessCommand, BalanceChannelsLevelsTheirLoudness) {
+    // Left 6 dB under right: the balance meets in the middle, +3 and -3 dB.
+    testing::ffmpeg({"-f", "lavfi", "-i", "aevalsrc=0.1*sin(2*PI*1000*t)|0.2*sin(2*PI*1000*t):d=3:s=48000",
+                     "-c:a", "pcm_f32le", file("uneven.wav")});
+    const CliResult result =
+        process({"--balance-channels", "--bits", "float", file("uneven.wav"), file("balanced.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const Planes before = testing::referenceDecode(file("uneven.wav"), 2);
+    const Planes after = testing::referenceDecode(file("balanced.wav"), 2);
+    const auto loudness = measureChannels(ArraySource(after, 48000));
+    ASSERT_EQ(loudness.size(), 2u);
+    EXPECT_NEAR(loudness[0], loudness[1], 0.1);
+    const size_t f = 12345;
+    EXPECT_NEAR(20 * std::log10(after[0][f] / before[0][f]), 3.0, 0.05);
+    EXPECT_NEAR(20 * std::log10(after[1][f] / before[1][f]), -3.0, 0.05);
+
+    // Mono has nothing to balance.
+    testing::ffmpeg({"-f", "lavfi", "-i", "sine=f=440:d=1", "-c:a", "pcm_f32le", file("mono.wav")});
+    const CliResult mono = process({"--balance-channels", file("mono.wav"), file("never.wav")});
+    EXPECT_EQ(mono.status, 1);
+    EXPECT_NE(mono.err.find("--balance-channels needs 2 to 8 channels"), std::string::npos) << mono.err;
+}
+
+TEST_F(ProcessCommand, TimePitchSpellingsAgree) {
+    const Planes pair = run({"--tempo", "125", "--pitch", "-100"});
+    const Planes spelled = run({"--time-pitch", "1.25:-100"});
+    ASSERT_EQ(pair[0].size(), 38400u);
+    EXPECT_EQ(spelled, pair);
+    const Planes converted = run({"--convert-channels", "1"}, 1);
+    ASSERT_EQ(converted.size(), 1u);
+    EXPECT_NEAR(converted[0][100], (input[0][100] + input[1][100]) / 2, 1e-6);
 }
 
 } // namespace
