@@ -3,7 +3,8 @@
 # generated file, Ctrl+A, Ctrl+G, type -6 and Return in the Gain sheet, Ctrl+Shift+S, save as
 # out.flac. Every step waits for the program's trace line, never for a fixed time. The saved file
 # must be FLAC with the input's frame count and equal the input × 10^(−6/20) within 1.5 LSB of
-# 16 bits (the default dither). Then a second start forwards a file to the running editor.
+# 16 bits (the default dither). Then a second start forwards a file to the running editor, and
+# Escape during the open of a long FLAC ends a fresh instance with 0 and only trace lines.
 # A screenshot stays in the work folder as the test's artefact.
 # Usage: e2e-editor.sh PATH/TO/harlune [ARTEFACT-FOLDER]
 set -uo pipefail
@@ -107,4 +108,20 @@ kill -0 "$editor" 2>/dev/null && fail "the editor did not quit on Ctrl+Q"
 wait "$editor"
 rc=$?
 [[ $rc == 0 ]] || fail "the editor ended with $rc"
-echo "e2e-editor: 1 passed, 0 failed"
+# Opening a FLAC long enough that decoding outlasts the overlay's delay: Escape cancels the open,
+# the window closes silently and the program ends with 0 and only trace lines on stderr.
+sox -n -r 48000 -c 2 -b 16 "$work/long.flac" synth 1200 sine 300 vol 0.3 || fail "sox could not make the long file"
+"$harlune" --trace --new-instance "$work/long.flac" 2>"$work/cancel.log" &
+cancelled=$!
+pids+=($cancelled)
+wait_for "$work/cancel.log" "busy shown Opening"
+long=$(xdotool search --sync --onlyvisible --name "long.flac" | head -1)
+xdotool windowfocus --sync "$long"
+xdotool key Escape
+for _ in $(seq 200); do kill -0 "$cancelled" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$cancelled" 2>/dev/null && fail "the cancelled open did not end the program"
+wait "$cancelled"
+rc=$?
+[[ $rc == 0 ]] || fail "the program ended with $rc after a cancelled open"
+if grep -v '^harlune: trace: ' "$work/cancel.log" | grep -q .; then fail "more than trace lines after a cancelled open"; fi
+echo "e2e-editor: 2 passed, 0 failed"
