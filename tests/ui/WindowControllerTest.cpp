@@ -13,6 +13,9 @@
 #include <QComboBox>
 #include <QDialog>
 #include <QDoubleSpinBox>
+#include <QLabel>
+#include <QMenu>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -278,6 +281,62 @@ TEST(WindowControllerTest, TheTraceFollowsWhatTheUserSees) {
                 lines.filter(QStringLiteral("command done ")).size() == 1)
         << lines.join(QLatin1Char('\n')).toStdString();
     window->document().undoStack().setClean();
+    window->close();
+}
+
+} // namespace
+} // namespace harlune
+
+namespace harlune {
+namespace {
+
+// The Effects menu's section titles are labels of their own: some styles draw no text for
+// QMenu::addSection.
+TEST(WindowControllerTest, TheEffectsMenusSectionTitlesShow) {
+    AudioDocument document;
+    MainWindow window(document);
+    QMenu* effects = nullptr;
+    for (QAction* menu : window.menuBar()->actions())
+        if (menu->text().remove(QLatin1Char('&')) == "Effects")
+            effects = menu->menu();
+    ASSERT_NE(effects, nullptr);
+    effects->popup(QPoint(0, 0));
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(effects));
+    QStringList shown;
+    for (QLabel* label : effects->findChildren<QLabel*>())
+        if (label->isVisible() && label->width() > 0)
+            shown << label->text();
+    EXPECT_EQ(shown, (QStringList{"Tone", "Dynamics", "Time & Space", "Restoration"}));
+    if (const QByteArray path = qgetenv("HARLUNE_SCREENSHOT"); !path.isEmpty())
+        effects->grab().save(QString::fromUtf8(path));
+    effects->close();
+}
+
+} // namespace
+} // namespace harlune
+
+namespace harlune {
+namespace {
+
+TEST(WindowControllerTest, AFailedSaveShowsItsErrorAndTheWindowStaysModified) {
+    QTemporaryDir folder;
+    QStringList lines;
+    DocumentWindows windows(Trace([&lines](const QString& line) { lines << line; }));
+    MainWindow* window = windows.adopt(AudioContent(quietNoise(1, 4800), rate), QStringLiteral("Take"));
+    window->document().model().insertSilence(10);
+    ASSERT_TRUE(window->isWindowModified());
+    QSignalSpy failed(&window->document(), &AudioDocument::writeFailed);
+    window->saveTo(folder.filePath(QStringLiteral("missing/take.wav")));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return failed.count() == 1; }, 20000));
+    EXPECT_TRUE(window->isWindowModified());
+    EXPECT_FALSE(window->document().file());
+    auto* message = waitForChild<QMessageBox>(*window);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->text(), failed.front().front().toString());
+    EXPECT_EQ(lines.filter(QStringLiteral("error shown ")).size(), 1);
+    EXPECT_TRUE(window->action("save")->isEnabled());
+    window->document().undoStack().setClean();
+    message->close();
     window->close();
 }
 
