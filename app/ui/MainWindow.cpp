@@ -1,6 +1,7 @@
 #include "ui/MainWindow.h"
 
 #include "document/AudioDocument.h"
+#include "dsp/plugins/PluginEffect.h"
 #include "editor/Preferences.h"
 #include "io/AudioEncoder.h"
 #include "ui/BusyOverlay.h"
@@ -15,11 +16,14 @@
 #include <QActionGroup>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDragEnterEvent>
+#include <QDropEvent>
 #include <QFileInfo>
 #include <QKeySequence>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QPushButton>
 #include <QSettings>
 #include <QShortcut>
@@ -83,6 +87,7 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
             [this] { trace_.line(QStringLiteral("busy shown %1").arg(document_.model().busy()->title)); });
 
     setMinimumSize(820, 480);
+    setAcceptDrops(windows_ != nullptr);
     setUnifiedTitleAndToolBarOnMac(true);
     auto* toolbar = addToolBar(tr("Editor"));
     toolbar->setObjectName(QStringLiteral("EditorToolbar"));
@@ -417,9 +422,20 @@ void MainWindow::buildMenus() {
     }
     effects->addSeparator();
     QMenu* plugins = effects->addMenu(tr("LV2 Plug-ins"));
-    connect(plugins, &QMenu::aboutToShow, this, [plugins] {
+    connect(plugins, &QMenu::aboutToShow, this, [this, plugins] {
+        // Read from lilv each time the menu opens: plug-ins may be installed while the editor runs.
         plugins->clear();
-        plugins->addAction(tr("No LV2 effects installed"))->setEnabled(false);
+        const std::vector<PluginDescriptor> installed = PluginEffect::installedPlugins();
+        if (installed.empty())
+            plugins->addAction(tr("No LV2 effects installed"))->setEnabled(false);
+        for (const PluginDescriptor& descriptor : installed)
+            plugins->addAction(QString::fromStdString(descriptor.name), this, [this, descriptor] {
+                if (document_.model().busy())
+                    return beep();
+                document_.model().rack().addPlugin(descriptor);
+                document_.model().setShowInspector(true);
+                document_.model().setInspectorTab(InspectorTab::effects);
+            });
     });
     effects->addSeparator();
     addItem(effects, "applyEffectsRack", [] {});
@@ -697,6 +713,19 @@ void MainWindow::askToSaveThenClose() {
         }
     });
     box->open();
+}
+
+void MainWindow::dragEnterEvent(QDragEnterEvent* event) {
+    if (windows_ && event->mimeData()->hasUrls())
+        event->acceptProposedAction();
+}
+
+void MainWindow::dropEvent(QDropEvent* event) {
+    // Dropped files open in windows of their own, as from the command line.
+    for (const QUrl& url : event->mimeData()->urls())
+        if (url.isLocalFile())
+            windows_->openFile(url.toLocalFile().toStdString());
+    event->acceptProposedAction();
 }
 
 void MainWindow::showEvent(QShowEvent* event) {

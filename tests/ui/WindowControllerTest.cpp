@@ -1,6 +1,7 @@
 // The window as its controller: items enabled from the model, keys reaching the model's
 // commands, the close prompt, saving and exporting real files, the busy overlay and the trace.
 #include "document/AudioDocument.h"
+#include "dsp/plugins/PluginEffect.h"
 #include "io/AudioDecoder.h"
 #include "support/TestAudio.h"
 #include "ui/BusyOverlay.h"
@@ -310,6 +311,23 @@ TEST(WindowControllerTest, TheEffectsMenusSectionTitlesShow) {
     if (const QByteArray path = qgetenv("HARLUNE_SCREENSHOT"); !path.isEmpty())
         effects->grab().save(QString::fromUtf8(path));
     effects->close();
+
+    // The plug-in submenu lists what lilv finds when it opens, or says that there is none.
+    QMenu* plugins = nullptr;
+    for (QAction* item : effects->actions())
+        if (item->text() == "LV2 Plug-ins")
+            plugins = item->menu();
+    ASSERT_NE(plugins, nullptr);
+    Q_EMIT plugins->aboutToShow();
+    QStringList expected;
+    for (const PluginDescriptor& descriptor : PluginEffect::installedPlugins())
+        expected << QString::fromStdString(descriptor.name);
+    if (expected.isEmpty())
+        expected << QStringLiteral("No LV2 effects installed");
+    QStringList listed;
+    for (QAction* item : plugins->actions())
+        listed << item->text();
+    EXPECT_EQ(listed, expected);
 }
 
 } // namespace
