@@ -56,8 +56,10 @@ static EditorCollaborators withClipboard(EditorCollaborators collaborators,
 
 MainWindow* DocumentWindows::openFile(const std::filesystem::path& url) {
     // A file already open comes to the front instead of opening twice.
+    std::error_code unused;
     for (MainWindow* window : windows())
-        if (window->document().file() && std::filesystem::equivalent(*window->document().file(), url)) {
+        if (window->document().file() &&
+            std::filesystem::equivalent(*window->document().file(), url, unused)) {
             window->raise();
             window->activateWindow();
             return window;
