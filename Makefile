@@ -22,7 +22,8 @@ build: deps
 # The window on the demo sound where there is a display to show it, the command line's summary elsewhere.
 run: build
 	@if [ -n "$$DISPLAY$$WAYLAND_DISPLAY" ]; then ./$(BUILD_DIR)/bin/harlune --demo; \
-	else ./$(BUILD_DIR)/bin/harlune-cli info --demo; fi
+	else echo "No display to show the editor on (DISPLAY and WAYLAND_DISPLAY are unset); the demo sound's summary instead:"; \
+	./$(BUILD_DIR)/bin/harlune-cli info --demo; fi
 
 test: build
 	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 600

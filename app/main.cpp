@@ -1,59 +1,77 @@
-// harlune [FILE] [--demo]: the editor's window on one audio file, or on the built-in demo sound.
-#include "base/HarluneError.h"
+// harlune [FILE...] [--demo] [--trace] [--new-instance]: the editor, one window per document.
 #include "core/DemoSound.h"
-#include "document/AudioDocument.h"
 #include "editor/EnginePlaybackControl.h"
 #include "engine/DeferredOutputDevice.h"
 #include "engine/devices/DefaultAudioDevice.h"
+#include "ui/DocumentWindows.h"
 #include "ui/MainWindow.h"
+#include "ui/SingleInstance.h"
+#include "ui/Trace.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
-#include <cstdio>
+#include <QFileInfo>
+#include <QTimer>
 
 int main(int argc, char** argv) {
     using namespace harlune;
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Harlune"));
     QApplication::setOrganizationName(QStringLiteral("Harlune"));
+    QApplication::setDesktopFileName(QStringLiteral("harlune"));
+    // The program ends when its last document window has closed and no error about it is still
+    // up; Qt's own rule would also end it under an open message box.
+    QApplication::setQuitOnLastWindowClosed(false);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Harlune, an audio waveform editor."));
     parser.addHelpOption();
     const QCommandLineOption demo(QStringLiteral("demo"), QStringLiteral("Open the built-in demo sound."));
-    parser.addOption(demo);
-    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("The audio file to open."),
-                                 QStringLiteral("[FILE]"));
+    const QCommandLineOption trace(
+        QStringLiteral("trace"), QStringLiteral("Print one line per user-visible event to standard error."));
+    const QCommandLineOption newInstance(
+        QStringLiteral("new-instance"),
+        QStringLiteral("Do not hand the files to an editor already running."));
+    parser.addOptions({demo, trace, newInstance});
+    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Audio files to open."),
+                                 QStringLiteral("[FILE...]"));
     parser.process(application);
-    const QStringList files = parser.positionalArguments();
-    if (files.size() > 1 || (files.size() == 1 && parser.isSet(demo))) {
-        std::fprintf(stderr, "harlune: give one file or --demo\n");
-        return 2;
+    QStringList files;
+    for (const QString& file : parser.positionalArguments())
+        files << QFileInfo(file).absoluteFilePath();
+
+    SingleInstance instance(SingleInstance::socketName());
+    if (!parser.isSet(newInstance)) {
+        if (!parser.isSet(demo) && instance.forward(files))
+            return 0;
+        instance.listen();
     }
 
     // The sound system is reached at the first play, so that the editor starts without one; a
     // play then shows why nothing can be heard.
-    EditorCollaborators collaborators;
     const PostToMainThread post = postToQtMainThread();
-    collaborators.player = std::make_unique<EnginePlaybackControl>(
-        std::make_unique<DeferredOutputDevice>([post] { return makeDefaultOutputDevice(post); }));
-    AudioDocument document(std::move(collaborators));
-    MainWindow window(document);
-    QObject::connect(&document, &AudioDocument::openFailed, &application,
-                     [](const QString& message, bool cancelled) {
-                         if (!cancelled)
-                             std::fprintf(stderr, "harlune: %s\n", qPrintable(message));
-                         QApplication::exit(1);
+    DocumentWindows windows(parser.isSet(trace) ? Trace::toStandardError() : Trace(), [post] {
+        EditorCollaborators collaborators;
+        collaborators.player = std::make_unique<EnginePlaybackControl>(
+            std::make_unique<DeferredOutputDevice>([post] { return makeDefaultOutputDevice(post); }));
+        return collaborators;
+    });
+    QObject::connect(&instance, &SingleInstance::filesReceived, &windows,
+                     [&windows](const QStringList& received) {
+                         for (const QString& file : received)
+                             windows.openFile(file.toStdString());
+                         if (received.isEmpty() && !windows.windows().empty()) {
+                             windows.windows().front()->raise();
+                             windows.windows().front()->activateWindow();
+                         }
                      });
-    try {
-        if (parser.isSet(demo))
-            document.adopt(makeDemoSound(), QStringLiteral("Demo"));
-        else if (!files.isEmpty())
-            document.open(files.front().toStdString());
-    } catch (const HarluneError& error) {
-        std::fprintf(stderr, "harlune: %s\n", error.what());
-        return 1;
-    }
-    window.show();
+
+    if (parser.isSet(demo))
+        windows.adopt(makeDemoSound(), QStringLiteral("Demo"));
+    for (const QString& file : files)
+        windows.openFile(file.toStdString());
+    // Started without a document: the open dialog; cancelling it with no window ends the program.
+    if (!parser.isSet(demo) && files.isEmpty())
+        QTimer::singleShot(0, &windows, [&windows] { windows.showOpenDialog(nullptr, true); });
     return QApplication::exec();
 }

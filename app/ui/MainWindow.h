@@ -1,31 +1,99 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QString>
 #include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+class QAction;
+class QMenu;
 
 namespace harlune {
 
 class AudioDocument;
+class BusyOverlay;
+class DocumentWindows;
 class OverviewView;
+class Trace;
 
-/// The window of one document. For now it shows the overview of the whole file under a title
-/// that names the document; Space plays and stops, and the model's failures show as messages.
+/// The window of one document and its controller: the menu bar, whose items call the model's
+/// commands and are enabled from the model's state; the title with the document's name and its
+/// edited mark; the close prompt for unsaved changes; open, save, save as and export; and the
+/// busy overlay over the views. The centre shows the document's overview.
 class MainWindow final : public QMainWindow {
     Q_OBJECT
 
 public:
-    /// The document must outlive the window.
+    /// A window on a document it does not own, with no application around it (the items that
+    /// need one, such as New and Open, are disabled). The document must outlive the window.
     explicit MainWindow(AudioDocument& document, QWidget* parent = nullptr);
+    /// A window that owns its document, one of `windows`' set; deleted when it closes.
+    MainWindow(std::unique_ptr<AudioDocument> document, DocumentWindows& windows);
     ~MainWindow() override;
 
+    AudioDocument& document() { return document_; }
     OverviewView& overview() { return *overview_; }
+    BusyOverlay& busyOverlay() { return *overlay_; }
+    /// The action of a menu command by its id ("save", "showGain"); null for an unknown id.
+    QAction* action(std::string_view id) const;
+    /// Recomputes every item's enabled and checked state from the model and the document.
+    void updateActions();
+
+    /// Save: writes the file back in its own format, or asks where and how when it cannot.
+    void save();
+    void saveAs();
+    void exportSelection();
+    /// Save and Save As without the dialog: for the dialog's accept and for tests.
+    void saveTo(const QString& path);
+
+Q_SIGNALS:
+    /// A process sheet was opened (its window title names it).
+    void sheetOpened(QWidget* sheet);
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
 
 private:
+    MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> owned, DocumentWindows* windows);
+    void buildMenus();
+    QAction* addItem(QMenu* menu, std::string_view id, void (MainWindow::*slot)());
+    QAction* addItem(QMenu* menu, std::string_view id, std::function<void()> perform);
+    void enable(std::string_view id, bool enabled);
+    void check(std::string_view id, bool checked);
     void updateTitle();
-    void presentError(const std::exception& error);
+    void presentError(const QString& message);
+    void traceCommand(int undoIndex);
+    void askToSaveThenClose();
+    void beep();
+    void openSheet(QWidget* sheet);
 
+    // Commands that need more than one model call.
+    void cut();
+    void pasteAsNew();
+    void revert();
+    void showHelp();
+    void showAbout();
+    void fadeWithPreferredShape(bool fadeIn);
+
+    std::unique_ptr<AudioDocument> owned_;
     AudioDocument& document_;
+    DocumentWindows* windows_;
+    const Trace& trace_;
     OverviewView* overview_;
+    BusyOverlay* overlay_;
+    QMenu* recentMenu_ = nullptr;
+    std::map<std::string, QAction*, std::less<>> actions_;
+    bool closeConfirmed_ = false;
+    bool closeAfterSave_ = false;
+    bool painted_ = false;
+    bool writing_ = false;
 };
 
 } // namespace harlune

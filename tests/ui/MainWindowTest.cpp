@@ -50,7 +50,7 @@ TEST(MainWindowTest, TheDemoOpensUnderItsNameWithItsLength) {
     window.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
 
-    EXPECT_EQ(window.windowTitle(), "Demo");
+    EXPECT_EQ(window.windowTitle(), "Demo[*]"); // the edited mark goes where "[*]" is
     OverviewView& overview = window.overview();
     EXPECT_EQ(accessibleText(overview, QAccessible::Name), "Overview");
     EXPECT_EQ(accessibleText(overview, QAccessible::Value), "192000 frames");
@@ -71,7 +71,7 @@ TEST(MainWindowTest, AFileOpensUnderItsNameAndTheOverviewFollows) {
     QSignalSpy opened(&document, &AudioDocument::opened);
     document.open(url);
     ASSERT_TRUE(QTest::qWaitFor([&] { return opened.count() == 1; }, 20000));
-    EXPECT_EQ(window.windowTitle(), "tone.wav");
+    EXPECT_EQ(window.windowTitle(), "tone.wav[*]");
     EXPECT_EQ(accessibleText(window.overview(), QAccessible::Value), "12345 frames");
 }
 

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Start-up of the editor to its first painted window, and open of a file to a usable window,
+# from the program's trace lines, under a private X server (warm caches).
+# Usage: bench/editor-open.sh PATH/TO/harlune [AUDIO-FILE]
+set -uo pipefail
+harlune=$1
+file=${2:-}
+work=$(mktemp -d /tmp/harlune-bench-open.XXXXXX)
+for display in $(seq 130 160); do
+    [[ -e /tmp/.X11-unix/X$display || -e /tmp/.X$display-lock ]] || break
+done
+Xvfb ":$display" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
+xvfb=$!
+trap 'kill $xvfb 2>/dev/null; rm -rf "$work"' EXIT
+export DISPLAY=":$display" XDG_RUNTIME_DIR="$work" HOME="$work"
+for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
+
+# seconds_until ARGS... PATTERN: runs the editor until the trace line, prints the seconds.
+seconds_until() {
+    local pattern=${*: -1}
+    local start end
+    rm -f "$work/trace.log"
+    start=$(date +%s.%N)
+    "$harlune" --trace --new-instance "${@:1:$#-1}" 2>"$work/trace.log" &
+    local pid=$!
+    until grep -q -- "$pattern" "$work/trace.log" 2>/dev/null; do sleep 0.005; done
+    end=$(date +%s.%N)
+    kill "$pid"
+    wait "$pid" 2>/dev/null
+    echo "$end - $start" | bc
+}
+for run in 1 2 3; do
+    echo "start-up to first paint (demo), run $run: $(seconds_until --demo 'first paint') s"
+done
+if [[ -n $file ]]; then
+    for run in 1 2; do
+        echo "open $(basename "$file") to a usable window, run $run: $(seconds_until "$file" 'file opened') s"
+    done
+fi

@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# The editor driven by keystrokes under a private X server with no window manager: open a
+# generated file, Ctrl+A, Ctrl+G, type -6 and Return in the Gain sheet, Ctrl+Shift+S, save as
+# out.flac. Every step waits for the program's trace line, never for a fixed time. The saved file
+# must be FLAC with the input's frame count and equal the input × 10^(−6/20) within 1.5 LSB of
+# 16 bits (the default dither). Then a second start forwards a file to the running editor, and
+# Escape during the open of a long FLAC ends a fresh instance with 0 and only trace lines.
+# A screenshot stays in the work folder as the test's artefact.
+# Usage: e2e-editor.sh PATH/TO/harlune [ARTEFACT-FOLDER]
+set -uo pipefail
+harlune=$1
+work=$(mktemp -d /tmp/harlune-e2e-editor.XXXXXX)
+artefacts=${2:-$work}
+mkdir -p "$artefacts"
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+    wait 2>/dev/null
+}
+trap cleanup EXIT
+fail() {
+    echo "e2e-editor: FAIL: $*" >&2
+    echo "--- trace" >&2
+    cat "$work"/*.log >&2 2>/dev/null
+    exit 1
+}
+for tool in Xvfb xdotool sox ffprobe; do
+    command -v "$tool" >/dev/null || fail "$tool is not installed (scripts/packages.txt)"
+done
+
+# A display number nobody uses.
+for display in $(seq 90 120); do
+    [[ -e /tmp/.X11-unix/X$display || -e /tmp/.X$display-lock ]] || break
+done
+Xvfb ":$display" -screen 0 1280x800x24 -nolisten tcp >"$work/xvfb.out" 2>&1 &
+pids+=($!)
+export DISPLAY=":$display"
+for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
+export XDG_RUNTIME_DIR="$work/runtime"
+mkdir -m 700 -p "$XDG_RUNTIME_DIR"
+export HOME="$work/home" # preferences and recent files in the scratch folder
+mkdir -p "$HOME"
+
+# wait_for LOG PATTERN [SECONDS]: until a trace line matches.
+wait_for() {
+    local seconds=${3:-60}
+    for _ in $(seq $((seconds * 10))); do
+        grep -q -- "$2" "$1" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    fail "no trace line matching '$2' in $1"
+}
+
+sox -n -r 48000 -c 2 -b 16 "$work/in.wav" synth 1.5 sine 440 sine 660 vol 0.5 || fail "sox could not make the input"
+frames=$(soxi -s "$work/in.wav")
+
+"$harlune" --trace "$work/in.wav" 2>"$work/editor.log" &
+editor=$!
+pids+=($editor)
+wait_for "$work/editor.log" "file opened .*in.wav frames $frames"
+wait_for "$work/editor.log" "first paint"
+window=$(xdotool search --sync --onlyvisible --name "in.wav" | head -1)
+[[ -n $window ]] || fail "no window named in.wav"
+xdotool windowfocus --sync "$window"
+
+xdotool key ctrl+a
+wait_for "$work/editor.log" "selection 0..$frames"
+xdotool key ctrl+g
+sheet=$(xdotool search --sync --onlyvisible --name "^Gain$" | head -1)
+[[ -n $sheet ]] || fail "the Gain sheet did not open"
+xdotool type -- -6
+xdotool key Return
+wait_for "$work/editor.log" "command done Gain -6.0 dB"
+xdotool windowfocus --sync "$window"
+xdotool key ctrl+shift+s
+dialog=$(xdotool search --sync --onlyvisible --name "^Save As$" | head -1)
+[[ -n $dialog ]] || fail "the Save As dialog did not open"
+xdotool key ctrl+a
+xdotool type -- "$work/out.flac"
+sleep 0.3 # the completer of the name field settles before Return (no trace exists for it)
+xwd -root -silent >"$artefacts/editor-save.xwd" 2>/dev/null
+xdotool key Return
+wait_for "$work/editor.log" "save finished $work/out.flac"
+
+[[ $(ffprobe -v error -show_entries format=format_name -of csv=p=0 "$work/out.flac") == flac ]] ||
+    fail "out.flac is not FLAC"
+saved=$(ffprobe -v error -select_streams a:0 -show_entries stream=duration_ts -of csv=p=0 "$work/out.flac")
+[[ $saved == "$frames" ]] || fail "out.flac has $saved frames, the input $frames"
+# The independent decode: sox mixes the saved file with the input scaled by -10^(-6/20).
+sox -m -v 1 "$work/out.flac" -v -0.50118723362727 "$work/in.wav" -b 32 "$work/diff.wav" || fail "sox could not compare"
+peak=$(sox "$work/diff.wav" -n stat 2>&1 | awk '/Maximum amplitude/ {max=$3} /Minimum amplitude/ {min=-$3} END {print (max > min ? max : min)}')
+awk -v p="$peak" 'BEGIN {exit !(p <= 1.5 / 32768)}' || fail "out.flac differs from the input at -6 dB by $peak"
+
+# A second start hands its file to the running editor and ends at once.
+cp "$work/in.wav" "$work/second.wav"
+"$harlune" "$work/second.wav" 2>"$work/second.log" || fail "the second start failed"
+wait_for "$work/editor.log" "file opened .*second.wav frames $frames"
+
+if grep -qi ambiguous "$work/editor.log"; then fail "Qt reported an ambiguous shortcut"; fi
+if command -v convert >/dev/null && convert "xwd:$artefacts/editor-save.xwd" "$artefacts/editor-save.png" 2>/dev/null; then
+    rm -f "$artefacts/editor-save.xwd"
+fi
+
+xdotool windowfocus --sync "$window"
+xdotool key ctrl+q
+for _ in $(seq 100); do kill -0 "$editor" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$editor" 2>/dev/null && fail "the editor did not quit on Ctrl+Q"
+wait "$editor"
+rc=$?
+[[ $rc == 0 ]] || fail "the editor ended with $rc"
+# Opening a FLAC long enough that decoding outlasts the overlay's delay: Escape cancels the open,
+# the window closes silently and the program ends with 0 and only trace lines on stderr.
+sox -n -r 48000 -c 2 -b 16 "$work/long.flac" synth 1200 sine 300 vol 0.3 || fail "sox could not make the long file"
+"$harlune" --trace --new-instance "$work/long.flac" 2>"$work/cancel.log" &
+cancelled=$!
+pids+=($cancelled)
+wait_for "$work/cancel.log" "busy shown Opening"
+long=$(xdotool search --sync --onlyvisible --name "long.flac" | head -1)
+xdotool windowfocus --sync "$long"
+xdotool key Escape
+for _ in $(seq 200); do kill -0 "$cancelled" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$cancelled" 2>/dev/null && fail "the cancelled open did not end the program"
+wait "$cancelled"
+rc=$?
+[[ $rc == 0 ]] || fail "the program ended with $rc after a cancelled open"
+if grep -v '^harlune: trace: ' "$work/cancel.log" | grep -q .; then fail "more than trace lines after a cancelled open"; fi
+echo "e2e-editor: 2 passed, 0 failed"
