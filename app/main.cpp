@@ -1,4 +1,5 @@
 // harlune [FILE] [--demo]: the editor's window on one audio file, or on the built-in demo sound.
+#include "RenderCommand.h"
 #include "base/HarluneError.h"
 #include "core/DemoSound.h"
 #include "document/AudioDocument.h"
@@ -13,6 +14,8 @@
 
 int main(int argc, char** argv) {
     using namespace harlune;
+    if (const auto rendered = runRenderCommand(argc, argv))
+        return *rendered;
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Harlune"));
     QApplication::setOrganizationName(QStringLiteral("Harlune"));
