@@ -74,11 +74,21 @@ private:
     const TimelineCanvas& canvas_;
     TimelineLayout layout_;
     TimelineDrawing drawing_;
+    /// The target image when columns may be written into it directly: an unclipped drawing of
+    /// opaque colours onto premultiplied 32-bit pixels.
+    QImage* directImage_ = nullptr;
 
     const QColor& colour(const Theme::Colour& themed) const { return themed.of(canvas_.dark); }
 };
 
 TimelineDrawing Pass::run() {
+    QPaintDevice* device = painter_.device();
+    if (device && device->devType() == QInternal::Image && !painter_.hasClipping() &&
+        painter_.transform().isIdentity()) {
+        auto* image = static_cast<QImage*>(device);
+        if (image->format() == QImage::Format_ARGB32_Premultiplied && image->devicePixelRatio() == 1)
+            directImage_ = image;
+    }
     painter_.save();
     painter_.scale(canvas_.scale, canvas_.scale);
     layout_ = timelineLayout(canvas_.width, canvas_.height,
@@ -217,12 +227,73 @@ void Pass::drawColumns(int channel, const QRectF& lane, double halfHeight, const
         if (summary.max >= 0.999f || summary.min <= -0.999f)
             clips.emplace_back(x, laneTop, 1, clipHeight);
     }
-    for (const QRect& rect : peaks)
-        painter_.fillRect(rect, peakColour);
-    for (const QRect& rect : cores)
-        painter_.fillRect(rect, rmsColour);
-    for (const QRect& rect : clips)
-        painter_.fillRect(rect, colour(Theme::clip));
+    if (directImage_) {
+        // Tall one-pixel rectangles cost the painter a span per row; written straight into the
+        // image they are a plain column store (1920×600 at fit: about 25 ms against a few).
+        const int firstRow = std::max(0, static_cast<int>(std::lround(lane.top() * scale)));
+        const int endRow =
+            std::min(directImage_->height(), static_cast<int>(std::lround(lane.bottom() * scale)));
+        // Row by row over dense per-column spans, so that stores run along memory rather than
+        // down the columns, and the inner loop is a plain compare and select.
+        const int width = directImage_->width();
+        std::vector<int> tops(static_cast<size_t>(width));
+        std::vector<int> bottoms(static_cast<size_t>(width));
+        const auto fill = [&](const std::vector<QRect>& rects, const QColor& fillColour) {
+            if (rects.empty())
+                return;
+            const QRgb value = qPremultiply(fillColour.rgba());
+            std::fill(tops.begin(), tops.end(), 0);
+            std::fill(bottoms.begin(), bottoms.end(), 0);
+            int top = endRow;
+            int bottom = firstRow;
+            for (const QRect& rect : rects) {
+                if (rect.x() < 0 || rect.x() >= width)
+                    continue;
+                tops[static_cast<size_t>(rect.x())] = rect.top();
+                bottoms[static_cast<size_t>(rect.x())] = rect.top() + rect.height();
+                top = std::min(top, rect.top());
+                bottom = std::max(bottom, rect.top() + rect.height());
+            }
+            top = std::max(top, firstRow);
+            bottom = std::min(bottom, endRow);
+            int64_t area = 0;
+            for (const QRect& rect : rects)
+                area += rect.height();
+            if (area * 8 < static_cast<int64_t>(width) * (bottom - top)) {
+                // Short columns (zoomed in, quiet audio): fewer stores straight down each one.
+                const auto stride = static_cast<size_t>(directImage_->bytesPerLine() / 4);
+                auto* pixels = reinterpret_cast<QRgb*>(directImage_->bits());
+                for (const QRect& rect : rects) {
+                    if (rect.x() < 0 || rect.x() >= width)
+                        continue;
+                    const int from = std::max(rect.top(), firstRow);
+                    const int to = std::min(rect.top() + rect.height(), endRow);
+                    QRgb* pixel = pixels + static_cast<size_t>(std::max(from, 0)) * stride +
+                                  static_cast<size_t>(rect.x());
+                    for (int y = from; y < to; ++y, pixel += stride)
+                        *pixel = value;
+                }
+                return;
+            }
+            const int* __restrict columnTops = tops.data();
+            const int* __restrict columnBottoms = bottoms.data();
+            for (int y = top; y < bottom; ++y) {
+                auto* __restrict row = reinterpret_cast<QRgb*>(directImage_->scanLine(y));
+                for (int x = 0; x < width; ++x)
+                    row[x] = (y >= columnTops[x] && y < columnBottoms[x]) ? value : row[x];
+            }
+        };
+        fill(peaks, peakColour);
+        fill(cores, rmsColour);
+        fill(clips, colour(Theme::clip));
+    } else {
+        for (const QRect& rect : peaks)
+            painter_.fillRect(rect, peakColour);
+        for (const QRect& rect : cores)
+            painter_.fillRect(rect, rmsColour);
+        for (const QRect& rect : clips)
+            painter_.fillRect(rect, colour(Theme::clip));
+    }
     painter_.restore();
 }
 
