@@ -353,10 +353,29 @@ TEST_F(TimelineViewTest, RedrawEconomy) {
     picture();
     EXPECT_EQ(view->cache().rebuildCount(), start + 2);
 
+    model->setScrollFrame(3000); // a follow scroll
+    picture();
+    EXPECT_EQ(view->cache().rebuildCount(), start + 3);
+
+    // A new loudness measurement redraws only while the lane that shows it is on.
+    LoudnessResult measured;
+    measured.integratedLUFS = -20;
+    measured.shortTerm.assign(10, -20.0f);
+    model->setContentLoudness(measured);
+    picture();
+    EXPECT_EQ(view->cache().rebuildCount(), start + 3);
+    model->setShowLoudnessLane(true);
+    picture();
+    measured.integratedLUFS = -18;
+    model->setContentLoudness(measured);
+    picture();
+    EXPECT_EQ(view->cache().rebuildCount(), start + 5);
+
+    const int rebuilds = view->cache().rebuildCount();
     const int strips = view->cache().stripCount();
     model->setCursor(40000);
     picture();
-    EXPECT_EQ(view->cache().rebuildCount(), start + 2);
+    EXPECT_EQ(view->cache().rebuildCount(), rebuilds);
     EXPECT_EQ(view->cache().stripCount(), strips + 1);
 }
 
