@@ -115,6 +115,7 @@ int main(int argc, char** argv) {
     using namespace harlune;
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication application(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // long runs show their figures as they come
     const bool fresh = argc > 1 && std::strcmp(argv[1], "--fresh") == 0;
     const bool all = argc > 1 && std::strcmp(argv[1], "--all") == 0;
 
