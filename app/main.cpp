@@ -1,4 +1,7 @@
-// harlune [FILE...] [--demo] [--trace] [--new-instance]: the editor, one window per document.
+// harlune [FILE...] [--demo] [--trace] [--new-instance]: the editor, one window per document;
+// harlune --render OUT.png FILE: a waveform picture, without a window.
+#include "RenderCommand.h"
+#include "base/HarluneError.h"
 #include "core/DemoSound.h"
 #include "editor/EnginePlaybackControl.h"
 #include "engine/DeferredOutputDevice.h"
@@ -15,6 +18,8 @@
 
 int main(int argc, char** argv) {
     using namespace harlune;
+    if (const auto rendered = runRenderCommand(argc, argv))
+        return *rendered;
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Harlune"));
     QApplication::setOrganizationName(QStringLiteral("Harlune"));

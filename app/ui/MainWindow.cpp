@@ -10,6 +10,7 @@
 #include "ui/OverviewView.h"
 #include "ui/ProcessSheets.h"
 #include "ui/SaveDialog.h"
+#include "ui/TimelineView.h"
 #include "ui/Trace.h"
 
 #include <QAction>
@@ -29,6 +30,7 @@
 #include <QShortcut>
 #include <QStackedLayout>
 #include <QToolBar>
+#include <QVBoxLayout>
 #include <QWidgetAction>
 #include <ranges>
 
@@ -76,11 +78,19 @@ MainWindow::MainWindow(std::unique_ptr<AudioDocument> document, DocumentWindows&
 MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> owned, DocumentWindows* windows)
     : owned_(std::move(owned)), document_(owned_ ? *owned_ : *unowned), windows_(windows),
       trace_(windows ? windows->trace() : silentTrace()) {
-    // The centre is one slot: the overview today, replaceable by a timeline view as a whole.
+    // The centre: the whole file as a strip above the timeline, where the work is done.
     auto* centre = new QWidget(this);
     auto* stack = new QStackedLayout(centre);
-    overview_ = new OverviewView(document_.model(), centre);
-    stack->addWidget(overview_);
+    auto* views = new QWidget(centre);
+    auto* column = new QVBoxLayout(views);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+    overview_ = new OverviewView(document_.model(), views);
+    overview_->setFixedHeight(overviewHeight);
+    timeline_ = new TimelineView(document_.model(), views);
+    column->addWidget(overview_);
+    column->addWidget(timeline_, 1);
+    stack->addWidget(views);
     setCentralWidget(centre);
     overlay_ = new BusyOverlay(document_.model(), centre);
     connect(overlay_, &BusyOverlay::panelShown, this,
@@ -438,7 +448,7 @@ void MainWindow::buildMenus() {
             });
     });
     effects->addSeparator();
-    addItem(effects, "applyEffectsRack", [] {});
+    addItem(effects, "applyEffectsRack", [&model] { model.applyEffects(); });
     addItem(effects, "toggleEffectsPreview", [&model] {
         model.rack().setPreviewEnabled(!model.rack().previewEnabled());
     })->setCheckable(true);
@@ -551,7 +561,7 @@ void MainWindow::updateActions() {
     for (const MenuCommand& command : menuCommands())
         if (command.id.starts_with("addEffect."))
             enable(command.id, true);
-    enable("applyEffectsRack", false);
+    enable("applyEffectsRack", idle && content && !model.rack().activeSlots().empty());
     check("toggleEffectsPreview", model.rack().previewEnabled());
     enable("clearEffectsRack", !model.rack().slots().empty());
 }

@@ -17,6 +17,7 @@ class AudioDocument;
 class BusyOverlay;
 class DocumentWindows;
 class OverviewView;
+class TimelineView;
 class Trace;
 
 /// The window of one document and its controller: the menu bar, whose items call the model's
@@ -36,6 +37,7 @@ public:
 
     AudioDocument& document() { return document_; }
     OverviewView& overview() { return *overview_; }
+    TimelineView& timeline() { return *timeline_; }
     BusyOverlay& busyOverlay() { return *overlay_; }
     /// The action of a menu command by its id ("save", "showGain"); null for an unknown id.
     QAction* action(std::string_view id) const;
@@ -87,6 +89,9 @@ private:
     DocumentWindows* windows_;
     const Trace& trace_;
     OverviewView* overview_;
+    TimelineView* timeline_;
+    /// Points: the whole-file strip above the timeline.
+    static constexpr int overviewHeight = 56;
     BusyOverlay* overlay_;
     QMenu* recentMenu_ = nullptr;
     std::map<std::string, QAction*, std::less<>> actions_;
