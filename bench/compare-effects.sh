@@ -151,3 +151,13 @@ if wanted noiseReduction; then
         "{\"noiseReduction\":{\"_0\":{\"profile\":$(cat "$work/profile.json"),\"reductionDB\":18,\"sensitivityDB\":0,\"smoothing\":0.5,\"outputNoiseOnly\":false}}}" \
         noisered "$work/sox.prof" 0.21
 fi
+
+# Parametric EQ, eight peaking bands at Q 1, alternating +-3 dB: the same bands as sox's eight
+# `equalizer` stages (biquads of the same cookbook design).
+eq_bands='[{"frequency":60,"gainDB":3},{"frequency":150,"gainDB":-3},{"frequency":400,"gainDB":3},
+{"frequency":1000,"gainDB":-3},{"frequency":2500,"gainDB":3},{"frequency":5000,"gainDB":-3},
+{"frequency":8000,"gainDB":3},{"frequency":12000,"gainDB":-3}]'
+eq_json="{\"eq\":{\"_0\":{\"bands\":$(echo "$eq_bands" | python3 -c 'import json,sys
+print(json.dumps([dict(b, type="peak", q=1, isEnabled=True, slopeDBPerOctave=24, id="00000000-0000-4000-8000-00000000000%d" % i) for i, b in enumerate(json.load(sys.stdin))]))'),\"outputGainDB\":0}}}"
+compare eq "$eq_json" equalizer 60 1q 3 equalizer 150 1q -3 equalizer 400 1q 3 equalizer 1000 1q -3 \
+    equalizer 2500 1q 3 equalizer 5000 1q -3 equalizer 8000 1q 3 equalizer 12000 1q -3
