@@ -112,7 +112,11 @@ EffectSlot parseEffectArgument(const std::string& text) {
         return EffectSlot{.source = defaultSettings(*kind)};
     // KIND@FILE and KIND=@FILE both read the file.
     const std::string value = text[split] == '@' ? text.substr(split) : text.substr(split + 1);
-    const auto reading = readSettingsOverDefaults(*kind, parseSettingsText(value, where));
+    nlohmann::json json = parseSettingsText(value, where);
+    // A profile as `noise-profile` writes it stands for noise reduction with that profile.
+    if (*kind == EffectKind::noiseReduction && json.is_object() && json.contains("binPower"))
+        json = nlohmann::json{{"profile", std::move(json)}};
+    const auto reading = readSettingsOverDefaults(*kind, json);
     if (!reading.issues.empty()) {
         std::string problems;
         for (const auto& issue : reading.issues)

@@ -76,6 +76,16 @@ TEST_F(NoiseProfileCommand, ProcessLearnsTheNoiseAndCutsIt) {
                   .status,
               0);
     EXPECT_EQ(testing::readBytes(file("read.wav")), testing::readBytes(file("learnt.wav")));
+
+    // The profile can also stand as the effect's settings file: the default reduction, 18 dB.
+    ASSERT_EQ(run({"process", "--effect", "noiseReduction=@" + file("same.json"), "--bits", "float",
+                   file("noise.wav"), file("effect.wav")})
+                  .status,
+              0);
+    const Planes viaEffect = testing::referenceDecode(file("effect.wav"), 1);
+    EXPECT_NEAR(10 *
+                    std::log10(meanSquare(viaEffect[0], 24000, 144000) / meanSquare(input[0], 24000, 144000)),
+                -18, 0.5);
 }
 
 TEST_F(NoiseProfileCommand, BadProfilesAndSpansAreNamed) {
