@@ -277,22 +277,7 @@ void ReverbProcessor::controlTick() noexcept {
     }
 }
 
-void ReverbProcessor::doProcess(ChannelSpan channels) noexcept {
-    if (!isPrepared_ || channels.frameCount() < 1)
-        return;
-    const ChannelSpan used = channels.firstChannels(std::min(preparedChannels_, maxChannels));
-    int done = 0;
-    while (done < used.frameCount()) {
-        if (controlPhase_ == 0)
-            controlTick();
-        const int frames = std::min(spaceTickFrames - controlPhase_, used.frameCount() - done);
-        runStretch(used, done, frames);
-        writeIndex_ += static_cast<uint32_t>(frames);
-        controlPhase_ = (controlPhase_ + frames) % spaceTickFrames;
-        done += frames;
-    }
-}
-
+// Defined before its first call: clang cannot turn a function into clones once it has been called.
 HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int offset,
                                                        int frames) noexcept {
     const int channelCount = channels.channelCount();
@@ -444,6 +429,22 @@ HARLUNE_VECTOR_CLONES void ReverbProcessor::runStretch(ChannelSpan channels, int
             feedback[l] = 0.25f * mixed[l] + inputVector_[l] * input;
         for (size_t l = 0; l < lines; ++l)
             lineOut[l * lineStride_ + at] = feedback[l];
+    }
+}
+
+void ReverbProcessor::doProcess(ChannelSpan channels) noexcept {
+    if (!isPrepared_ || channels.frameCount() < 1)
+        return;
+    const ChannelSpan used = channels.firstChannels(std::min(preparedChannels_, maxChannels));
+    int done = 0;
+    while (done < used.frameCount()) {
+        if (controlPhase_ == 0)
+            controlTick();
+        const int frames = std::min(spaceTickFrames - controlPhase_, used.frameCount() - done);
+        runStretch(used, done, frames);
+        writeIndex_ += static_cast<uint32_t>(frames);
+        controlPhase_ = (controlPhase_ + frames) % spaceTickFrames;
+        done += frames;
     }
 }
 
