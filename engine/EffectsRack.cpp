@@ -136,6 +136,8 @@ void EffectsRack::remove(const Uuid& id) {
     std::erase_if(slots, [&](const EffectSlot& slot) { return slot.id == id; });
     setSlots(std::move(slots));
     plugins_.erase(id);
+    if (expandedSlotID_ == id)
+        setExpandedSlotID(std::nullopt);
 }
 
 void EffectsRack::move(const Uuid& id, int by) {
@@ -155,6 +157,7 @@ void EffectsRack::move(const Uuid& id, int by) {
 void EffectsRack::removeAll() {
     setSlots({});
     plugins_.clear();
+    setExpandedSlotID(std::nullopt);
 }
 
 void EffectsRack::dismissError() {

@@ -36,6 +36,7 @@ TEST(EffectsRack, IsAListOnlyUntilActivatedAndPublishesNothingForNoSlots) {
     EXPECT_EQ(rack.chainName(), "Parametric EQ");
     rack.removeAll();
     EXPECT_EQ(rack.chainName(), "Effects");
+    EXPECT_EQ(rack.expandedSlotID(), std::nullopt) << "no editor open for a slot that is gone";
     EXPECT_GE(notifications, 3);
 
     rack.activate(fixture.engine->renderState(), 48000, 2);
