@@ -42,6 +42,23 @@ uint32_t lineLength(double seconds, double sampleRate) {
     return std::bit_ceil(static_cast<uint32_t>(seconds * sampleRate) + 8);
 }
 
+// One frame of the crossed pair: the input (both channels' mean, or mono) feeds the left line,
+// which feeds the right, which feeds the left again; the wet lines are mixed into the output.
+inline void pingPongFrame(float* inLeft, float* inRight, float wetL, float wetR, float fb, float wetMix,
+                          float& writeL, float& writeR) noexcept {
+    const float inL = *inLeft;
+    if (inRight != nullptr) {
+        const float inR = *inRight;
+        writeL = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
+        *inRight = inR + wetMix * (wetR - inR);
+        *inLeft = inL + wetMix * (wetL - inL);
+    } else {
+        writeL = spaceSoftLimit(inL + fb * wetR);
+        *inLeft = inL + wetMix * (wetL + wetR - inL);
+    }
+    writeR = spaceSoftLimit(fb * wetL);
+}
+
 } // namespace
 
 DelayProcessor::DelayProcessor() = default;
@@ -289,17 +306,8 @@ void DelayProcessor::runStillPingPong(int left, float* inLeft, float* inRight, i
         const float wetR = wet[1][static_cast<size_t>(k)];
         const float fb = feedback_.value(phase);
         const float wetMix = mix_.value(phase);
-        const float inL = inLeft[k];
-        if (inRight != nullptr) {
-            const float inR = inRight[k];
-            dataL[w & maskL] = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
-            inRight[k] = inR + wetMix * (wetR - inR);
-            inLeft[k] = inL + wetMix * (wetL - inL);
-        } else {
-            dataL[w & maskL] = spaceSoftLimit(inL + fb * wetR);
-            inLeft[k] = inL + wetMix * (wetL + wetR - inL);
-        }
-        dataR[w & maskR] = spaceSoftLimit(fb * wetL);
+        pingPongFrame(inLeft + k, inRight ? inRight + k : nullptr, wetL, wetR, fb, wetMix, dataL[w & maskL],
+                      dataR[w & maskR]);
     }
 }
 
@@ -388,17 +396,8 @@ void DelayProcessor::runPingPong(int left, float* inLeft, float* inRight, int fr
             low, lineR.highCut.lowPass(high, spaceCubicRead(dataR, maskR, w, lineR.delay)));
         const float fb = feedback.value(phase);
         const float wetMix = mix.value(phase);
-        const float inL = inLeft[k];
-        if (inRight != nullptr) {
-            const float inR = inRight[k];
-            dataL[w & maskL] = spaceSoftLimit((inL + inR) * 0.5f + fb * wetR);
-            inRight[k] = inR + wetMix * (wetR - inR);
-            inLeft[k] = inL + wetMix * (wetL - inL);
-        } else {
-            dataL[w & maskL] = spaceSoftLimit(inL + fb * wetR);
-            inLeft[k] = inL + wetMix * (wetL + wetR - inL);
-        }
-        dataR[w & maskR] = spaceSoftLimit(fb * wetL);
+        pingPongFrame(inLeft + k, inRight ? inRight + k : nullptr, wetL, wetR, fb, wetMix, dataL[w & maskL],
+                      dataR[w & maskR]);
     }
     lines_[left] = lineL;
     lines_[left + 1] = lineR;
