@@ -12,6 +12,7 @@
 #include "ui/SaveDialog.h"
 #include "ui/TimelineView.h"
 #include "ui/Trace.h"
+#include "ui/inspector/InspectorView.h"
 
 #include <QAction>
 #include <QActionGroup>
@@ -92,6 +93,8 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     column->addWidget(timeline_, 1);
     stack->addWidget(views);
     setCentralWidget(centre);
+    inspector_ = new InspectorView(document_.model(), this);
+    addDockWidget(Qt::RightDockWidgetArea, inspector_);
     overlay_ = new BusyOverlay(document_.model(), centre);
     connect(overlay_, &BusyOverlay::panelShown, this,
             [this] { trace_.line(QStringLiteral("busy shown %1").arg(document_.model().busy()->title)); });

@@ -16,6 +16,7 @@ namespace harlune {
 class AudioDocument;
 class BusyOverlay;
 class DocumentWindows;
+class InspectorView;
 class OverviewView;
 class TimelineView;
 class Trace;
@@ -38,6 +39,7 @@ public:
     AudioDocument& document() { return document_; }
     OverviewView& overview() { return *overview_; }
     TimelineView& timeline() { return *timeline_; }
+    InspectorView& inspector() { return *inspector_; }
     BusyOverlay& busyOverlay() { return *overlay_; }
     /// The action of a menu command by its id ("save", "showGain"); null for an unknown id.
     QAction* action(std::string_view id) const;
@@ -90,6 +92,7 @@ private:
     const Trace& trace_;
     OverviewView* overview_;
     TimelineView* timeline_;
+    InspectorView* inspector_ = nullptr;
     /// Points: the whole-file strip above the timeline.
     static constexpr int overviewHeight = 56;
     BusyOverlay* overlay_;

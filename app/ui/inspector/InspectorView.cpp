@@ -1,0 +1,69 @@
+#include "ui/inspector/InspectorView.h"
+
+#include "editor/EditorModel.h"
+#include "ui/inspector/InfoPanel.h"
+#include "ui/inspector/LoudnessPanel.h"
+#include "ui/inspector/MarkersPanel.h"
+#include "ui/inspector/RackPanel.h"
+#include "ui/inspector/SpectrumPanel.h"
+
+#include <QAction>
+#include <QScrollArea>
+#include <QTabWidget>
+
+namespace harlune {
+
+namespace {
+
+// Panels are taller than a small window: each scrolls on its own.
+QWidget* scrolling(QWidget* panel) {
+    auto* area = new QScrollArea;
+    area->setWidgetResizable(true);
+    area->setFrameShape(QFrame::NoFrame);
+    area->setWidget(panel);
+    return area;
+}
+
+} // namespace
+
+InspectorView::InspectorView(EditorModel& model, QWidget* parent)
+    : QDockWidget(tr("Inspector"), parent), model_(model) {
+    setObjectName(QStringLiteral("Inspector"));
+    setFeatures(QDockWidget::DockWidgetClosable | QDockWidget::DockWidgetMovable);
+    setAllowedAreas(Qt::LeftDockWidgetArea | Qt::RightDockWidgetArea);
+    tabs_ = new QTabWidget(this);
+    tabs_->setObjectName(QStringLiteral("InspectorTabs"));
+    tabs_->setDocumentMode(true);
+    loudness_ = new LoudnessPanel(model);
+    spectrum_ = new SpectrumPanel(model);
+    info_ = new InfoPanel(model);
+    markers_ = new MarkersPanel(model);
+    rack_ = new RackPanel(model);
+    // In `InspectorTab`'s order, so a tab's index is the enum's value.
+    tabs_->addTab(scrolling(loudness_), tr("Loudness"));
+    tabs_->addTab(scrolling(spectrum_), tr("Spectrum"));
+    tabs_->addTab(scrolling(info_), tr("Info"));
+    tabs_->addTab(markers_, tr("Markers"));
+    tabs_->addTab(scrolling(rack_), tr("Effects"));
+    setWidget(tabs_);
+
+    connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {
+        if (index >= 0)
+            model_.setInspectorTab(static_cast<InspectorTab>(index));
+    });
+    // The toggle action fires on the close button too, and not when the window is minimised.
+    connect(toggleViewAction(), &QAction::toggled, this, [this](bool shown) {
+        if (shown != model_.showInspector())
+            model_.setShowInspector(shown);
+    });
+    connect(&model, &EditorModel::showInspectorChanged, this, &InspectorView::followModel);
+    connect(&model, &EditorModel::inspectorTabChanged, this, &InspectorView::followModel);
+    followModel();
+}
+
+void InspectorView::followModel() {
+    tabs_->setCurrentIndex(static_cast<int>(model_.inspectorTab()));
+    setVisible(model_.showInspector());
+}
+
+} // namespace harlune
