@@ -8,10 +8,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sndfile.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace harlune {
 namespace {
@@ -313,6 +317,78 @@ TEST(Recorder, TheSafetyFileHoldsTheTakeAndGoesWhenItIsSafe) {
     rig.recorder->stop();
     EXPECT_FALSE(std::filesystem::exists(*rig.recorder->safetyPath()));
     EXPECT_EQ(planesOf(**rig.log.finished), input);
+    std::filesystem::remove_all(folder);
+}
+
+// What ffmpeg decodes from a file, as planes of 32-bit float; empty when it is not installed.
+Planes decodeWithFfmpeg(const std::filesystem::path& path, int channels) {
+    const std::string command =
+        "ffmpeg -v error -i '" + path.string() + "' -f f32le -acodec pcm_f32le - 2>/dev/null";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe)
+        return {};
+    std::vector<float> interleaved;
+    float frame[16];
+    while (std::fread(frame, sizeof(float) * static_cast<size_t>(channels), 1, pipe) == 1)
+        interleaved.insert(interleaved.end(), frame, frame + channels);
+    ::pclose(pipe);
+    Planes planes(static_cast<size_t>(channels));
+    for (size_t i = 0; i < interleaved.size(); ++i)
+        planes[i % static_cast<size_t>(channels)].push_back(interleaved[i]);
+    return planes;
+}
+
+TEST(Recorder, ASafetyFileKilledMidTakeReadsBackMissingAtMostTheLastSecond) {
+    const auto folder = scratchFolder("killed");
+    const int64_t fed = 48000 * 3 + 20000;
+    const Planes input = noisePlanes(2, fed, 31);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The recording process: take the audio in, say so, then wait to be killed.
+        Rig rig(folder);
+        rig.recorder->arm();
+        rig.recorder->start();
+        for (int64_t at = 0; at < fed; at += 4800) {
+            rig.device->deliver(slice(input, at, std::min(fed, at + 4800)), 480);
+            rig.recorder->pumpTap();
+        }
+        const char byte = 1;
+        [[maybe_unused]] auto written = ::write(ready[1], &byte, 1);
+        for (;;)
+            ::pause();
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        files.push_back(entry.path());
+    ASSERT_EQ(files.size(), 1u);
+    int channels = 0;
+    int rate = 0;
+    const Planes viaSndfile = readBack(files[0], channels, rate);
+    ASSERT_EQ(channels, 2);
+    EXPECT_EQ(rate, 48000);
+    const auto frames = static_cast<int64_t>(viaSndfile[0].size());
+    EXPECT_GE(frames, fed - 48000);
+    EXPECT_EQ(viaSndfile, slice(input, 0, frames));
+
+    const Planes viaFfmpeg = decodeWithFfmpeg(files[0], 2);
+    if (viaFfmpeg.empty() || viaFfmpeg[0].empty()) {
+        GTEST_SKIP() << "ffmpeg is not installed";
+    } else {
+        EXPECT_GE(static_cast<int64_t>(viaFfmpeg[0].size()), fed - 48000);
+        EXPECT_EQ(viaFfmpeg, slice(input, 0, static_cast<int64_t>(viaFfmpeg[0].size())));
+    }
     std::filesystem::remove_all(folder);
 }
 
