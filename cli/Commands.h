@@ -14,6 +14,7 @@ Command normalizeCommand();
 Command tempoCommand();
 Command noiseProfileCommand();
 Command effectsCommand();
+Command recordCommand();
 
 /// "effects --plugins": the installed LV2 effect plug-ins, a name and a URI per line.
 int listPlugins();

@@ -12,10 +12,11 @@ namespace {
 using harlune::cli::Command;
 
 std::vector<Command> allCommands() {
-    return {
-        harlune::cli::infoCommand(),    harlune::cli::convertCommand(), harlune::cli::loudnessCommand(),
-        harlune::cli::playCommand(),    harlune::cli::processCommand(), harlune::cli::normalizeCommand(),
-        harlune::cli::effectsCommand(), harlune::cli::tempoCommand(),   harlune::cli::noiseProfileCommand()};
+    return {harlune::cli::infoCommand(),         harlune::cli::convertCommand(),
+            harlune::cli::loudnessCommand(),     harlune::cli::playCommand(),
+            harlune::cli::processCommand(),      harlune::cli::normalizeCommand(),
+            harlune::cli::effectsCommand(),      harlune::cli::tempoCommand(),
+            harlune::cli::noiseProfileCommand(), harlune::cli::recordCommand()};
 }
 
 void printUsage(std::FILE* stream, const std::vector<Command>& commands) {

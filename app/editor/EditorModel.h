@@ -202,6 +202,15 @@ public:
     bool& recordingIntoEmpty() { return recordingIntoEmpty_; }
     bool& liveTakeVisible() { return liveTakeVisible_; }
     bool& analysisSuspended() { return analysisSuspended_; }
+    /// A take starts: play stops, the document is kept as the base the live take is shown over,
+    /// and the target range follows from the mode, the selection and the cursor. A take of
+    /// another rate or channel count is not shown until it is finished.
+    void beginRecording(RecordMode mode, double sampleRate, int channelCount);
+    /// The take so far (ten times a second): moves `recordHead` and shows the take in place.
+    void updateLiveTake(const AudioContent& take);
+    /// The take ended: the document goes back to the base, then takes the take (converted to
+    /// its format) as one undo step "Record". An absent or empty take leaves no trace.
+    void finishRecording(std::optional<AudioContent> take);
 
     // Transport ------------------------------------------------------------------------------
 

@@ -1,0 +1,53 @@
+#include "editor/EngineRecorderControl.h"
+
+#include "editor/EditorModel.h"
+
+namespace harlune {
+
+namespace {
+constexpr std::chrono::microseconds pollInterval{1'000'000 / 30};
+} // namespace
+
+EngineRecorderControl::EngineRecorderControl(std::shared_ptr<AudioInputDevice> device,
+                                             Recorder::Options options, RepeatingTimerFactory timers)
+    : recorder_(std::move(device), std::move(options)), timers_(std::move(timers)) {
+    recorder_.setClient(this);
+    recorder_.setChangeHandler([this] { followArming(); });
+}
+
+EngineRecorderControl::~EngineRecorderControl() {
+    recorder_.setChangeHandler({});
+    timer_.reset();
+    // A take still running when the document closes is dropped with its model.
+    recorder_.setClient(nullptr);
+}
+
+void EngineRecorderControl::setModel(QPointer<EditorModel> model) {
+    model_ = std::move(model);
+}
+
+void EngineRecorderControl::followArming() {
+    if (!timers_)
+        return;
+    if (recorder_.isArmed() && !timer_)
+        timer_ = timers_(pollInterval, [this] { recorder_.poll(); });
+    else if (!recorder_.isArmed())
+        timer_.reset();
+}
+
+void EngineRecorderControl::beginRecording(double sampleRate, int channelCount) {
+    if (model_)
+        model_->beginRecording(mode_, sampleRate, channelCount);
+}
+
+void EngineRecorderControl::updateLiveTake(const AudioContent& take) {
+    if (model_)
+        model_->updateLiveTake(take);
+}
+
+void EngineRecorderControl::finishRecording(std::optional<AudioContent> take) {
+    if (model_)
+        model_->finishRecording(std::move(take));
+}
+
+} // namespace harlune

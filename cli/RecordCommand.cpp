@@ -1,0 +1,178 @@
+#include "CliSupport.h"
+#include "Commands.h"
+#include "EncodeOptions.h"
+#include "engine/MainThreadQueue.h"
+#include "engine/Recorder.h"
+#include "engine/SafetyFile.h"
+#include "engine/devices/PipeWireInputDevice.h"
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
+namespace harlune::cli {
+
+namespace {
+
+constexpr std::string_view usage =
+    "harlune-cli record [--device UID] [--duration S] [--list] "
+    "[--format F] [--bits 16|24|32|float] [--bitrate KBPS] [--dither none|tpdf] OUT";
+
+volatile std::sig_atomic_t interrupted = 0;
+void onInterrupt(int) {
+    interrupted = 1;
+}
+
+struct Options {
+    EncodeOptions encode;
+    std::optional<std::string> output;
+    std::optional<std::string> device;
+    std::optional<double> duration;
+    bool list = false;
+};
+
+Options parse(std::span<const std::string> arguments) {
+    Options options;
+    ArgumentReader reader(arguments);
+    while (reader.next()) {
+        const std::string& argument = reader.current();
+        if (!reader.isOption()) {
+            if (options.output)
+                throw UsageError{"one output file"};
+            options.output = argument;
+        } else if (argument == "--list") {
+            options.list = true;
+        } else if (argument == "--device") {
+            options.device = reader.value();
+        } else if (argument == "--duration" || argument == "--seconds") {
+            const std::string& text = reader.value();
+            size_t used = 0;
+            double seconds = 0;
+            try {
+                seconds = std::stod(text, &used);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            if (used != text.size() || !std::isfinite(seconds) || seconds <= 0)
+                throw UsageError{"--duration needs a number of seconds, not \u2018" + text + "\u2019"};
+            options.duration = seconds;
+        } else if (!options.encode.parse(reader)) {
+            throw reader.unknownOption();
+        }
+    }
+    if (!options.list) {
+        if (!options.output)
+            throw UsageError{"no output file given"};
+        options.encode.resolveFormat(*options.output);
+    }
+    return options;
+}
+
+/// Keeps the finished take.
+struct TakeKeeper final : RecorderClient {
+    std::optional<AudioContent> take;
+    void beginRecording(double, int) override {}
+    void updateLiveTake(const AudioContent&) override {}
+    void finishRecording(std::optional<AudioContent> content) override { take = std::move(content); }
+};
+
+std::string meterText(const std::vector<double>& peaks, const std::vector<bool>& clipped) {
+    std::string text;
+    for (size_t c = 0; c < peaks.size(); ++c) {
+        char field[32];
+        std::snprintf(field, sizeof field, " %6.1f dB%s", std::max(peaks[c], -99.9),
+                      c < clipped.size() && clipped[c] ? " CLIP" : "");
+        text += field;
+    }
+    return text;
+}
+
+int runRecord(std::span<const std::string> arguments) {
+    const Options options = parse(arguments);
+    MainThreadQueue mainThread;
+    std::shared_ptr<PipeWireInputDevice> device;
+    try {
+        device = std::make_shared<PipeWireInputDevice>(mainThread.poster());
+    } catch (const std::exception& error) {
+        printError(std::string("Couldn\u2019t open the input: ") + error.what());
+        return exitFailure;
+    }
+    const std::vector<InputDevice> devices = device->inputDevices();
+    if (options.list) {
+        const std::optional<uint32_t> fallback = device->defaultInputDevice();
+        for (const InputDevice& input : devices)
+            std::printf("%s\t%d channels\t%s%s\n", input.uid.c_str(), input.channelCount, input.name.c_str(),
+                        fallback == input.id ? "\t(default)" : "");
+        return exitSuccess;
+    }
+
+    TakeKeeper keeper;
+    Recorder recorder(device, Recorder::Options{Recorder::TapDriving::thread, recordingsFolder(), {}});
+    recorder.setClient(&keeper);
+    if (options.device) {
+        const auto it = std::find_if(devices.begin(), devices.end(),
+                                     [&](const InputDevice& d) { return d.uid == *options.device; });
+        if (it == devices.end()) {
+            printError("no input device " + *options.device + " (see --list)");
+            return exitFailure;
+        }
+        recorder.setDeviceID(it->id);
+    }
+    recorder.arm();
+    if (!recorder.isArmed()) {
+        printError(recorder.errorMessage().value_or("Couldn\u2019t open the input"));
+        return exitFailure;
+    }
+
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    recorder.start();
+    const bool terminal = isatty(STDERR_FILENO) != 0;
+    const auto started = std::chrono::steady_clock::now();
+    bool warned = false;
+    while (interrupted == 0 && recorder.isRecording()) {
+        mainThread.runFor(std::chrono::milliseconds(33));
+        recorder.poll();
+        const double elapsed = static_cast<double>(recorder.elapsedFrames()) / recorder.deviceSampleRate();
+        if (!warned && recorder.buffer() && recorder.buffer()->safetyFileFailed()) {
+            warned = true;
+            std::fprintf(stderr,
+                         "\nharlune-cli: the safety copy on disk stopped; the take goes on in memory\n");
+        }
+        if (terminal)
+            std::fprintf(stderr, "\r%7.1f s%s ", elapsed,
+                         meterText(recorder.peaksDB(), recorder.clipped()).c_str());
+        if (options.duration &&
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count() >=
+                *options.duration)
+            break;
+    }
+    if (terminal)
+        std::fprintf(stderr, "\n");
+    const std::optional<std::string> lost = recorder.errorMessage();
+    recorder.stop();
+    recorder.disarm();
+    if (lost)
+        printError(*lost);
+    if (!keeper.take || keeper.take->frameCount() == 0) {
+        printError("nothing was recorded");
+        return exitFailure;
+    }
+    writeAudio(*keeper.take, *options.output, options.encode);
+    return exitSuccess;
+}
+
+} // namespace
+
+Command recordCommand() {
+    return {"record", "record from an input device into a file", usage, runRecord};
+}
+
+} // namespace harlune::cli

@@ -1,0 +1,364 @@
+#include "engine/devices/PipeWireInputDevice.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/pipewire.h>
+#include <spa/param/audio/format-utils.h>
+#include <spa/utils/json.h>
+#include <spa/utils/result.h>
+
+namespace harlune {
+
+namespace {
+
+constexpr int waitSeconds = 5;
+constexpr int maxChannels = 64;
+
+class LoopLock {
+public:
+    explicit LoopLock(pw_thread_loop* loop) : loop_(loop) { pw_thread_loop_lock(loop_); }
+    ~LoopLock() { pw_thread_loop_unlock(loop_); }
+    LoopLock(const LoopLock&) = delete;
+    LoopLock& operator=(const LoopLock&) = delete;
+
+private:
+    pw_thread_loop* loop_;
+};
+
+/// The "name" of a metadata value such as {"name":"alsa_input.pci"}.
+std::string nameInJSON(const char* value) {
+    if (!value)
+        return {};
+    spa_json it[2];
+    spa_json_init(&it[0], value, strlen(value));
+    if (spa_json_enter_object(&it[0], &it[1]) <= 0)
+        return {};
+    char key[64];
+    while (spa_json_get_string(&it[1], key, sizeof key) > 0) {
+        char text[512];
+        if (strcmp(key, "name") == 0) {
+            if (spa_json_get_string(&it[1], text, sizeof text) > 0)
+                return text;
+            return {};
+        }
+        const char* skipped = nullptr;
+        if (spa_json_next(&it[1], &skipped) <= 0)
+            break;
+    }
+    return {};
+}
+
+} // namespace
+
+struct PipeWireInputDevice::Impl {
+    PipeWireInputDevice& owner;
+    pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
+    pw_registry* registry = nullptr;
+    spa_hook registryListener{};
+    spa_hook coreListener{};
+    pw_metadata* metadata = nullptr;
+    spa_hook metadataListener{};
+
+    // Loop thread and main thread, under the loop lock.
+    std::map<uint32_t, InputDevice> nodes;
+    std::string defaultSourceName;
+    int syncSeq = 0;
+    bool synced = false;
+
+    pw_stream* stream = nullptr;
+    spa_hook streamListener{};
+    std::optional<CaptureFormat> format;
+    std::string streamError;
+    bool streamFailed = false;
+
+    // The sink, read on the real-time thread.
+    std::atomic<CaptureSink*> sink{nullptr};
+    const float* planes[maxChannels] = {};
+
+    explicit Impl(PipeWireInputDevice& device) : owner(device) {}
+
+    static void onGlobal(void* data, uint32_t id, uint32_t, const char* type, uint32_t,
+                         const spa_dict* props) {
+        auto* self = static_cast<Impl*>(data);
+        if (!props)
+            return;
+        if (strcmp(type, PW_TYPE_INTERFACE_Node) == 0) {
+            const char* mediaClass = spa_dict_lookup(props, PW_KEY_MEDIA_CLASS);
+            if (!mediaClass ||
+                (strcmp(mediaClass, "Audio/Source") != 0 && strcmp(mediaClass, "Audio/Source/Virtual") != 0))
+                return;
+            InputDevice device;
+            device.id = id;
+            if (const char* name = spa_dict_lookup(props, PW_KEY_NODE_NAME))
+                device.uid = name;
+            const char* description = spa_dict_lookup(props, PW_KEY_NODE_DESCRIPTION);
+            device.name = description ? description : device.uid;
+            const char* channels = spa_dict_lookup(props, PW_KEY_AUDIO_CHANNELS);
+            device.channelCount = channels ? std::clamp(atoi(channels), 1, maxChannels) : 2;
+            self->nodes[id] = device;
+        } else if (strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 && !self->metadata) {
+            const char* name = spa_dict_lookup(props, PW_KEY_METADATA_NAME);
+            if (!name || strcmp(name, "default") != 0)
+                return;
+            self->metadata = static_cast<pw_metadata*>(
+                pw_registry_bind(self->registry, id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA, 0));
+            static const pw_metadata_events events = [] {
+                pw_metadata_events e{};
+                e.version = PW_VERSION_METADATA_EVENTS;
+                e.property = &Impl::onProperty;
+                return e;
+            }();
+            if (self->metadata)
+                pw_metadata_add_listener(self->metadata, &self->metadataListener, &events, self);
+        }
+    }
+
+    static void onGlobalRemove(void* data, uint32_t id) {
+        auto* self = static_cast<Impl*>(data);
+        self->nodes.erase(id);
+    }
+
+    static int onProperty(void* data, uint32_t, const char* key, const char*, const char* value) {
+        auto* self = static_cast<Impl*>(data);
+        if (key && strcmp(key, "default.audio.source") == 0)
+            self->defaultSourceName = nameInJSON(value);
+        return 0;
+    }
+
+    static void onDone(void* data, uint32_t id, int seq) {
+        auto* self = static_cast<Impl*>(data);
+        if (id == PW_ID_CORE && seq == self->syncSeq) {
+            self->synced = true;
+            pw_thread_loop_signal(self->loop, false);
+        }
+    }
+
+    static void onStreamState(void* data, pw_stream_state, pw_stream_state state, const char* error) {
+        auto* self = static_cast<Impl*>(data);
+        if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
+            const bool wasRunning = self->format.has_value() && !self->streamFailed;
+            self->streamFailed = true;
+            self->streamError = error ? error : "the input stream ended";
+            pw_thread_loop_signal(self->loop, false);
+            if (wasRunning)
+                self->owner.notifyLoss(self->streamError);
+        }
+    }
+
+    static void onParamChanged(void* data, uint32_t id, const spa_pod* param) {
+        auto* self = static_cast<Impl*>(data);
+        if (!param || id != SPA_PARAM_Format)
+            return;
+        spa_audio_info_raw info{};
+        if (spa_format_audio_raw_parse(param, &info) < 0)
+            return;
+        self->format = CaptureFormat{static_cast<double>(info.rate), static_cast<int>(info.channels)};
+        pw_thread_loop_signal(self->loop, false);
+    }
+
+    static void onProcess(void* data) {
+        auto* self = static_cast<Impl*>(data);
+        pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream);
+        if (!buffer)
+            return;
+        spa_buffer* spa = buffer->buffer;
+        CaptureSink* sink = self->sink.load(std::memory_order_acquire);
+        const auto planeCount = std::min<uint32_t>(spa->n_datas, maxChannels);
+        if (sink && planeCount > 0 && spa->datas[0].chunk) {
+            const auto frames = static_cast<int>(spa->datas[0].chunk->size / sizeof(float));
+            bool ok = frames > 0;
+            for (uint32_t c = 0; c < planeCount && ok; ++c) {
+                ok = spa->datas[c].data != nullptr;
+                if (ok)
+                    self->planes[c] = reinterpret_cast<const float*>(
+                        static_cast<const uint8_t*>(spa->datas[c].data) + spa->datas[c].chunk->offset);
+            }
+            if (ok)
+                sink->capture(frames, std::span<const float* const>(self->planes, planeCount));
+        }
+        pw_stream_queue_buffer(self->stream, buffer);
+    }
+
+    /// Waits (holding the loop lock) until `done` or the timeout; false on timeout.
+    template <class Done> bool waitFor(Done done) {
+        timespec deadline{};
+        pw_thread_loop_get_time(loop, &deadline, static_cast<int64_t>(waitSeconds) * SPA_NSEC_PER_SEC);
+        while (!done())
+            if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
+                return done();
+        return true;
+    }
+
+    void sync() {
+        synced = false;
+        syncSeq = pw_core_sync(core, PW_ID_CORE, syncSeq);
+        waitFor([this] { return synced; });
+    }
+
+    void destroyStream() {
+        if (!stream)
+            return;
+        sink.store(nullptr, std::memory_order_release);
+        spa_hook_remove(&streamListener);
+        pw_stream_destroy(stream);
+        stream = nullptr;
+        format.reset();
+    }
+};
+
+PipeWireInputDevice::PipeWireInputDevice(PostToMainThread postToMainThread)
+    : AudioInputDevice(std::move(postToMainThread)), impl_(std::make_unique<Impl>(*this)) {
+    static std::once_flag once;
+    std::call_once(once, [] { pw_init(nullptr, nullptr); });
+    Impl& d = *impl_;
+    d.loop = pw_thread_loop_new("harlune-input", nullptr);
+    if (!d.loop)
+        throw InputDeviceError("PipeWire could not make its loop");
+    d.context = pw_context_new(pw_thread_loop_get_loop(d.loop), nullptr, 0);
+    if (!d.context || pw_thread_loop_start(d.loop) != 0)
+        throw InputDeviceError("PipeWire could not start");
+    LoopLock lock(d.loop);
+    d.core = pw_context_connect(d.context, nullptr, 0);
+    if (!d.core)
+        throw InputDeviceError("no PipeWire server answers");
+    static const pw_core_events coreEvents = [] {
+        pw_core_events events{};
+        events.version = PW_VERSION_CORE_EVENTS;
+        events.done = &Impl::onDone;
+        return events;
+    }();
+    pw_core_add_listener(d.core, &d.coreListener, &coreEvents, &d);
+    d.registry = pw_core_get_registry(d.core, PW_VERSION_REGISTRY, 0);
+    static const pw_registry_events registryEvents = [] {
+        pw_registry_events events{};
+        events.version = PW_VERSION_REGISTRY_EVENTS;
+        events.global = &Impl::onGlobal;
+        events.global_remove = &Impl::onGlobalRemove;
+        return events;
+    }();
+    pw_registry_add_listener(d.registry, &d.registryListener, &registryEvents, &d);
+    d.sync();
+    d.sync(); // the metadata's properties arrive after its binding
+}
+
+PipeWireInputDevice::~PipeWireInputDevice() {
+    Impl& d = *impl_;
+    if (d.loop) {
+        {
+            LoopLock lock(d.loop);
+            d.destroyStream();
+            if (d.metadata) {
+                spa_hook_remove(&d.metadataListener);
+                pw_proxy_destroy(reinterpret_cast<pw_proxy*>(d.metadata));
+            }
+            if (d.registry) {
+                spa_hook_remove(&d.registryListener);
+                pw_proxy_destroy(reinterpret_cast<pw_proxy*>(d.registry));
+            }
+            if (d.core) {
+                spa_hook_remove(&d.coreListener);
+                pw_core_disconnect(d.core);
+            }
+        }
+        pw_thread_loop_stop(d.loop);
+    }
+    if (d.context)
+        pw_context_destroy(d.context);
+    if (d.loop)
+        pw_thread_loop_destroy(d.loop);
+}
+
+std::vector<InputDevice> PipeWireInputDevice::inputDevices() {
+    Impl& d = *impl_;
+    LoopLock lock(d.loop);
+    d.sync();
+    std::vector<InputDevice> devices;
+    for (const auto& [id, device] : d.nodes)
+        devices.push_back(device);
+    return devices;
+}
+
+std::optional<uint32_t> PipeWireInputDevice::defaultInputDevice() {
+    Impl& d = *impl_;
+    LoopLock lock(d.loop);
+    for (const auto& [id, device] : d.nodes)
+        if (device.uid == d.defaultSourceName)
+            return id;
+    return std::nullopt;
+}
+
+CaptureFormat PipeWireInputDevice::open(std::optional<uint32_t> deviceID) {
+    Impl& d = *impl_;
+    LoopLock lock(d.loop);
+    d.destroyStream();
+    d.streamFailed = false;
+    d.streamError.clear();
+    d.sync();
+    int channels = 2;
+    pw_properties* props =
+        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE,
+                          "Production", PW_KEY_NODE_NAME, "harlune", PW_KEY_APP_NAME, "Harlune", nullptr);
+    if (deviceID) {
+        const auto it = d.nodes.find(*deviceID);
+        if (it == d.nodes.end()) {
+            pw_properties_free(props);
+            throw InputDeviceError("the input device is gone");
+        }
+        channels = it->second.channelCount;
+        pw_properties_set(props, PW_KEY_TARGET_OBJECT, it->second.uid.c_str());
+    }
+    d.stream = pw_stream_new(d.core, "Harlune recording", props);
+    if (!d.stream)
+        throw InputDeviceError("PipeWire refused the input stream");
+    static const pw_stream_events events = [] {
+        pw_stream_events e{};
+        e.version = PW_VERSION_STREAM_EVENTS;
+        e.state_changed = &Impl::onStreamState;
+        e.param_changed = &Impl::onParamChanged;
+        e.process = &Impl::onProcess;
+        return e;
+    }();
+    pw_stream_add_listener(d.stream, &d.streamListener, &events, &d);
+    uint8_t buffer[1024];
+    spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof buffer);
+    spa_audio_info_raw raw{};
+    raw.format = SPA_AUDIO_FORMAT_F32P;
+    raw.channels = static_cast<uint32_t>(channels);
+    const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &raw)};
+    const auto flags = static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
+                                                    PW_STREAM_FLAG_RT_PROCESS);
+    if (pw_stream_connect(d.stream, PW_DIRECTION_INPUT, PW_ID_ANY, flags, params, 1) < 0) {
+        d.destroyStream();
+        throw InputDeviceError("PipeWire refused the input stream");
+    }
+    if (!d.waitFor([&d] { return d.format.has_value() || d.streamFailed; }) || d.streamFailed) {
+        const std::string reason =
+            d.streamError.empty() ? "the input device isn\u2019t delivering audio" : d.streamError;
+        d.destroyStream();
+        throw InputDeviceError(reason);
+    }
+    return *d.format;
+}
+
+void PipeWireInputDevice::start(CaptureSink& sink) {
+    impl_->sink.store(&sink, std::memory_order_release);
+}
+
+void PipeWireInputDevice::close() {
+    Impl& d = *impl_;
+    LoopLock lock(d.loop);
+    d.destroyStream();
+}
+
+bool PipeWireInputDevice::isRunning() const {
+    return impl_->sink.load() != nullptr;
+}
+
+} // namespace harlune

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "engine/AudioInputDevice.h"
+
+#include <memory>
+
+namespace harlune {
+
+/// Capture from PipeWire: the devices are the registry's nodes of media class Audio/Source and
+/// Audio/Source/Virtual, the default comes from the "default" metadata, and a capture stream
+/// delivers planar float at the rate the server negotiates.
+class PipeWireInputDevice final : public AudioInputDevice {
+public:
+    /// Connects to the server. Throws `InputDeviceError` when no daemon answers.
+    explicit PipeWireInputDevice(PostToMainThread postToMainThread = {});
+    ~PipeWireInputDevice() override;
+
+    std::string name() const override { return "PipeWire"; }
+    std::vector<InputDevice> inputDevices() override;
+    std::optional<uint32_t> defaultInputDevice() override;
+    CaptureFormat open(std::optional<uint32_t> deviceID) override;
+    void start(CaptureSink& sink) override;
+    void close() override;
+    bool isRunning() const override;
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace harlune
