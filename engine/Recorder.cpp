@@ -150,12 +150,9 @@ void Recorder::stop() {
     isRecording_ = false;
     std::optional<AudioContent> take = buffer_->endCapture();
     elapsedFrames_ = take ? take->frameCount() : 0;
+    // The safety file stays: only the client knows when the take is kept elsewhere.
     if (client_)
         client_->finishRecording(std::move(take));
-    if (safetyPath_) {
-        std::error_code ignored; // a safety file that will not go is harmless
-        std::filesystem::remove(*safetyPath_, ignored);
-    }
     notify();
 }
 

@@ -25,7 +25,9 @@ public:
     virtual void beginRecording(double sampleRate, int channelCount) = 0;
     /// The take so far, ten times a second; its blocks are shared, not copied.
     virtual void updateLiveTake(const AudioContent& take) = 0;
-    /// The take ended; absent when no capture ran.
+    /// The take ended; absent when no capture ran. The take's safety file (the recorder's
+    /// `safetyPath`, until the next start) is left for the client to remove with
+    /// `removeSafetyFile` once the take is kept elsewhere.
     virtual void finishRecording(std::optional<AudioContent> take) = 0;
 };
 
@@ -86,6 +88,7 @@ public:
     int64_t elapsedFrames() const { return elapsedFrames_; }
     double deviceSampleRate() const { return deviceSampleRate_; }
     const std::optional<std::string>& errorMessage() const { return errorMessage_; }
+    /// The safety file of the current or last take.
     const std::optional<std::filesystem::path>& safetyPath() const { return safetyPath_; }
     int tick() const { return tick_; }
     /// The current take buffer (for its ring's overrun count and the safety file's state).

@@ -71,4 +71,9 @@ std::string takeFileName(std::time_t time) {
     return std::string("Take ") + text + ".caf";
 }
 
+void removeSafetyFile(const std::filesystem::path& path) {
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+}
+
 } // namespace harlune

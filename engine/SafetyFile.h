@@ -43,6 +43,9 @@ private:
     std::vector<float> interleaved_;
 };
 
+/// Removes a take's safety file once the take is kept elsewhere; a file that will not go is
+/// harmless, so failures are ignored.
+void removeSafetyFile(const std::filesystem::path& path);
 /// "$XDG_DATA_HOME/Harlune/Recordings", with the data home defaulting to "~/.local/share".
 std::filesystem::path recordingsFolder();
 /// "Take 2026-11-26T04.10.33.caf" for a local time: ISO 8601 without fractions, ":" made ".".

@@ -435,7 +435,7 @@ void EditorModel::registerUndo(EditState state, const QString& name) {
 // Long operations ------------------------------------------------------------------------------
 
 void EditorModel::process(const QString& name, Work work, std::optional<std::optional<FrameRange>> selection,
-                          MarkersProducer markers, EnvelopeProducer envelope) {
+                          MarkersProducer markers, EnvelopeProducer envelope, std::function<void()> landed) {
     HARLUNE_PRECONDITION(QThread::currentThread() == thread(), "EditorModel used off its thread");
     if (busy_) {
         if (alertSound_)
@@ -449,16 +449,17 @@ void EditorModel::process(const QString& name, Work work, std::optional<std::opt
     // The job holds only value copies; a model closed meanwhile drops the result.
     runInBackground<AudioContent>(
         *this, [token, copy = content_, work = std::move(work)] { return work(copy, token); },
-        [this, name, token, selection, markers = std::move(markers),
-         envelope = std::move(envelope)](std::optional<AudioContent> result, std::exception_ptr error) {
-            finishProcess(name, token, std::move(result), error, selection, markers, envelope);
+        [this, name, token, selection, markers = std::move(markers), envelope = std::move(envelope),
+         landed = std::move(landed)](std::optional<AudioContent> result, std::exception_ptr error) {
+            finishProcess(name, token, std::move(result), error, selection, markers, envelope, landed);
         });
 }
 
 void EditorModel::finishProcess(const QString& name, const std::shared_ptr<ProgressToken>& token,
                                 std::optional<AudioContent> result, std::exception_ptr error,
                                 const std::optional<std::optional<FrameRange>>& selection,
-                                const MarkersProducer& markers, const EnvelopeProducer& envelope) {
+                                const MarkersProducer& markers, const EnvelopeProducer& envelope,
+                                const std::function<void()>& landed) {
     endExternalBusy();
 
     if (error) {
@@ -481,6 +482,8 @@ void EditorModel::finishProcess(const QString& name, const std::shared_ptr<Progr
         next.activeChannels = allChannels(result->channelCount());
     next.content = std::move(*result);
     commitEdit(next, name);
+    if (landed)
+        landed();
 }
 
 void EditorModel::presentFailure(std::exception_ptr error) {

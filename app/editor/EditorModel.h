@@ -300,11 +300,13 @@ public:
 
     /// Runs `work` on a background job behind the busy overlay and commits its result as one
     /// undo step named `name`. `selection` given replaces the selection (with an absent value
-    /// clearing it); `markers` and `envelope`, if given, make the new lists from the result.
+    /// clearing it); `markers` and `envelope`, if given, make the new lists from the result;
+    /// `landed` is told once the result is committed (not on failure or cancel).
     /// Refused with the alert sound while another operation is busy.
     void process(const QString& name, Work work,
                  std::optional<std::optional<FrameRange>> selection = std::nullopt,
-                 MarkersProducer markers = {}, EnvelopeProducer envelope = {});
+                 MarkersProducer markers = {}, EnvelopeProducer envelope = {},
+                 std::function<void()> landed = {});
     /// Shows the busy state of any long job; a 0.05 s timer copies the token's fraction.
     void beginExternalBusy(const QString& title, std::shared_ptr<ProgressToken> token);
     void endExternalBusy();
@@ -475,6 +477,8 @@ Q_SIGNALS:
     void isDetectingTempoChanged();
     void tempoConfidenceChanged();
     void recordHeadChanged();
+    /// A finished take is in the document as an undo step: its safety copy may go.
+    void takeKept();
     void isPlayingChanged();
     void isLoopingChanged();
     void playheadChanged();
@@ -501,7 +505,8 @@ private:
     void finishProcess(const QString& name, const std::shared_ptr<ProgressToken>& token,
                        std::optional<AudioContent> result, std::exception_ptr error,
                        const std::optional<std::optional<FrameRange>>& selection,
-                       const MarkersProducer& markers, const EnvelopeProducer& envelope);
+                       const MarkersProducer& markers, const EnvelopeProducer& envelope,
+                       const std::function<void()>& landed);
     void resetMeter();
     static double wallClockSeconds();
     /// One undo step from `before` to `edited` envelopes, the rest of the state as it is.

@@ -112,6 +112,7 @@ void EditorModel::finishRecording(std::optional<AudioContent> take) {
         info.frameCount = take->frameCount();
         setFileInfo(info);
         zoomToFit();
+        Q_EMIT takeKept();
         return;
     }
 
@@ -159,7 +160,8 @@ void EditorModel::finishRecording(std::optional<AudioContent> take) {
             return content;
         },
         std::nullopt, [this, range, newLength](const AudioContent&) { return markers(range, newLength); },
-        [this, range, newLength](const AudioContent&) { return envelopes_.adjusted(range, newLength); });
+        [this, range, newLength](const AudioContent&) { return envelopes_.adjusted(range, newLength); },
+        [this] { Q_EMIT takeKept(); });
 }
 
 } // namespace harlune

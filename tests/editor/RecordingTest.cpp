@@ -6,7 +6,9 @@
 #include "engine/devices/TestInputDevice.h"
 #include "support/TestAudio.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace harlune {
 namespace {
@@ -35,12 +37,13 @@ protected:
     void SetUp() override { testing::clearPreferences(); }
     void TearDown() override { testing::drainJobs(); }
 
-    void use(AudioContent content, std::vector<InputDevice> devices = {{1, "in", "In", 2, 48000}}) {
+    void use(AudioContent content, std::vector<InputDevice> devices = {{1, "in", "In", 2, 48000}},
+             std::optional<std::filesystem::path> safetyFolder = std::nullopt) {
         device = std::make_shared<TestInputDevice>();
         device->setDevices(std::move(devices), 1);
         EditorCollaborators collaborators = testing::probeCollaborators(probe);
         auto control = std::make_unique<EngineRecorderControl>(
-            device, Recorder::Options{Recorder::TapDriving::manual, std::nullopt, {}});
+            device, Recorder::Options{Recorder::TapDriving::manual, std::move(safetyFolder), {}});
         recorder = control.get();
         collaborators.recorder = std::move(control);
         model = std::make_unique<EditorModel>(std::move(content), std::nullopt, std::move(collaborators));
@@ -169,6 +172,29 @@ TEST_F(RecordingTest, AnEmptyTakeLeavesNoTraceAndPlayWaitsForTheTake) {
     EXPECT_EQ(stack.count(), 0);
     EXPECT_EQ(planesOf(model->content()), base);
     EXPECT_FALSE(model->recordHead());
+}
+
+// The take is on disk until it is in the document: while the conversion job runs, and for good
+// when the document closes mid-take.
+TEST_F(RecordingTest, TheSafetyFileStaysUntilTheTakeIsInTheDocument) {
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("harlune-recording-safety-" + std::to_string(::getpid()));
+    std::filesystem::remove_all(folder);
+    use(testing::rampContent(1000), {{1, "in", "In", 2, 48000}}, folder);
+    record(RecordMode::insert, noisePlanes(2, takeFrames, 8));
+    ASSERT_TRUE(recorder->recorder().safetyPath());
+    const std::filesystem::path kept = *recorder->recorder().safetyPath();
+    recorder->recorder().stop(); // the job that puts the take in runs now
+    EXPECT_TRUE(std::filesystem::exists(kept));
+    ASSERT_TRUE(QTest::qWaitFor([this] { return !model->busy(); }, 20000));
+    EXPECT_EQ(stack.undoText(), "Record");
+    EXPECT_FALSE(std::filesystem::exists(kept));
+
+    record(RecordMode::append, noisePlanes(2, takeFrames, 9));
+    const std::filesystem::path orphan = *recorder->recorder().safetyPath();
+    model.reset(); // the window closes during the take
+    EXPECT_TRUE(std::filesystem::exists(orphan));
+    std::filesystem::remove_all(folder);
 }
 
 } // namespace

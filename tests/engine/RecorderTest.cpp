@@ -2,6 +2,7 @@
 // for and nothing sleeps.
 #include "engine/Recorder.h"
 
+#include "engine/SafetyFile.h"
 #include "engine/devices/TestInputDevice.h"
 #include "support/AllocationCounter.h"
 #include "support/TestAudio.h"
@@ -315,8 +316,11 @@ TEST(Recorder, TheSafetyFileHoldsTheTakeAndGoesWhenItIsSafe) {
     EXPECT_EQ(rate, 48000);
     EXPECT_EQ(onDisk, slice(input, 0, 3 * 4096));
     rig.recorder->stop();
-    EXPECT_FALSE(std::filesystem::exists(*rig.recorder->safetyPath()));
     EXPECT_EQ(planesOf(**rig.log.finished), input);
+    // Stopping keeps the file: the client removes it once the take is kept elsewhere.
+    EXPECT_EQ(readBack(*rig.recorder->safetyPath(), channels, rate), input);
+    removeSafetyFile(*rig.recorder->safetyPath());
+    EXPECT_FALSE(std::filesystem::exists(*rig.recorder->safetyPath()));
     std::filesystem::remove_all(folder);
 }
 

@@ -3,6 +3,7 @@
 // Usage: harlune-e2e-record-check UID SECONDS FREQUENCY AMPLITUDE FOLDER
 #include "engine/MainThreadQueue.h"
 #include "engine/Recorder.h"
+#include "engine/SafetyFile.h"
 #include "engine/devices/PipeWireInputDevice.h"
 
 #include <chrono>
@@ -81,6 +82,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "no take\n");
         return 1;
     }
+    if (recorder.safetyPath())
+        removeSafetyFile(*recorder.safetyPath()); // the take is in memory now
     const auto planes = keep.take->readChannels(keep.take->fullRange());
     const double rate = keep.take->sampleRate();
     std::printf("take: %lld frames at %.0f Hz, %zu channels, overruns %lld\n",
