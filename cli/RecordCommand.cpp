@@ -19,7 +19,7 @@ namespace harlune::cli {
 namespace {
 
 constexpr std::string_view usage =
-    "harlune-cli record [--device UID] [--duration S] [--list] "
+    "harlune-cli record [--device UID] [--input N|N-M|all] [--rate HZ] [--duration S] [--list] "
     "[--format F] [--bits 16|24|32|float] [--bitrate KBPS] [--dither none|tpdf] OUT";
 
 volatile std::sig_atomic_t interrupted = 0;
@@ -31,6 +31,7 @@ struct Options {
     EncodeOptions encode;
     std::optional<std::string> output;
     std::optional<std::string> device;
+    std::optional<std::string> input;
     std::optional<double> duration;
     bool list = false;
 };
@@ -48,6 +49,8 @@ Options parse(std::span<const std::string> arguments) {
             options.list = true;
         } else if (argument == "--device") {
             options.device = reader.value();
+        } else if (argument == "--input") {
+            options.input = reader.value();
         } else if (argument == "--duration" || argument == "--seconds") {
             const std::string& text = reader.value();
             size_t used = 0;
@@ -70,6 +73,34 @@ Options parse(std::span<const std::string> arguments) {
         options.encode.resolveFormat(*options.output);
     }
     return options;
+}
+
+/// The input choice a text names: "3" is input 3 alone, "1-2" inputs 1 and 2, "all" every input.
+std::optional<InputChoice> namedChoice(const std::string& text, const std::vector<InputChoice>& choices) {
+    std::vector<int> wanted;
+    if (text == "all") {
+        if (choices.empty())
+            return std::nullopt;
+        const auto widest =
+            std::max_element(choices.begin(), choices.end(), [](const auto& a, const auto& b) {
+                return a.channels.size() < b.channels.size();
+            });
+        return *widest;
+    }
+    int first = 0;
+    int last = 0;
+    char dash = 0;
+    char extra = 0;
+    const int fields = std::sscanf(text.c_str(), "%d%c%d%c", &first, &dash, &last, &extra);
+    if (fields == 1)
+        last = first;
+    else if (fields != 3 || dash != '-' || last < first)
+        return std::nullopt;
+    for (int channel = first; channel <= last; ++channel)
+        wanted.push_back(channel - 1); // users count inputs from 1
+    const auto it = std::find_if(choices.begin(), choices.end(),
+                                 [&](const InputChoice& choice) { return choice.channels == wanted; });
+    return it != choices.end() ? std::optional(*it) : std::nullopt;
 }
 
 /// Keeps the finished take.
@@ -105,8 +136,11 @@ int runRecord(std::span<const std::string> arguments) {
     if (options.list) {
         const std::optional<uint32_t> fallback = device->defaultInputDevice();
         for (const InputDevice& input : devices)
-            std::printf("%s\t%d channels\t%s%s\n", input.uid.c_str(), input.channelCount, input.name.c_str(),
-                        fallback == input.id ? "\t(default)" : "");
+            std::printf("%s\t%d channels\t%s\t%s%s\n", input.uid.c_str(), input.channelCount,
+                        input.sampleRate > 0
+                            ? (std::to_string(static_cast<long>(input.sampleRate)) + " Hz").c_str()
+                            : "rate set by the server",
+                        input.name.c_str(), fallback == input.id ? "\t(default)" : "");
         return exitSuccess;
     }
 
@@ -126,6 +160,21 @@ int runRecord(std::span<const std::string> arguments) {
     if (!recorder.isArmed()) {
         printError(recorder.errorMessage().value_or("Couldn\u2019t open the input"));
         return exitFailure;
+    }
+    if (options.input) {
+        const std::optional<InputChoice> choice = namedChoice(*options.input, recorder.inputChoices());
+        if (!choice) {
+            std::string offered;
+            for (const InputChoice& c : recorder.inputChoices())
+                offered += "\n  " + c.title();
+            printError("the device has no input " + *options.input + "; it offers:" + offered);
+            return exitFailure;
+        }
+        recorder.setInputChoice(choice);
+        if (!recorder.isArmed()) {
+            printError(recorder.errorMessage().value_or("Couldn\u2019t open the input"));
+            return exitFailure;
+        }
     }
 
     struct sigaction action {};
@@ -158,14 +207,31 @@ int runRecord(std::span<const std::string> arguments) {
         std::fprintf(stderr, "\n");
     const std::optional<std::string> lost = recorder.errorMessage();
     recorder.stop();
+    const int64_t overruns = recorder.buffer() ? recorder.buffer()->ring().overruns() : 0;
+    if (overruns > 0)
+        std::fprintf(
+            stderr,
+            "harlune-cli: the take has %lld gaps: the computer was too busy to keep up (ring overruns)\n",
+            static_cast<long long>(overruns));
     recorder.disarm();
     if (lost)
         printError(*lost);
     if (!keeper.take || keeper.take->frameCount() == 0) {
+        if (recorder.safetyPath())
+            removeSafetyFile(*recorder.safetyPath());
         printError("nothing was recorded");
         return exitFailure;
     }
-    writeAudio(*keeper.take, *options.output, options.encode);
+    // The safety file goes only once the take is written: a failed write leaves the take on disk.
+    try {
+        writeAudio(*keeper.take, *options.output, options.encode);
+    } catch (const std::exception&) {
+        if (recorder.safetyPath())
+            printError("the take is kept in " + recorder.safetyPath()->string());
+        throw;
+    }
+    if (recorder.safetyPath())
+        removeSafetyFile(*recorder.safetyPath());
     return exitSuccess;
 }
 
