@@ -4,8 +4,12 @@
 #include "base/HarluneError.h"
 #include "core/DemoSound.h"
 #include "editor/EnginePlaybackControl.h"
+#include "editor/EngineRecorderControl.h"
+#include "engine/DeferredInputDevice.h"
 #include "engine/DeferredOutputDevice.h"
+#include "engine/SafetyFile.h"
 #include "engine/devices/DefaultAudioDevice.h"
+#include "engine/devices/PipeWireInputDevice.h"
 #include "ui/DocumentWindows.h"
 #include "ui/MainWindow.h"
 #include "ui/SingleInstance.h"
@@ -52,13 +56,17 @@ int main(int argc, char** argv) {
         instance.listen();
     }
 
-    // The sound system is reached at the first play, so that the editor starts without one; a
-    // play then shows why nothing can be heard.
+    // The sound system is reached at the first play or the first arming, so that the editor
+    // starts without one; the play or the record bar then shows why nothing can be done.
     const PostToMainThread post = postToQtMainThread();
     DocumentWindows windows(parser.isSet(trace) ? Trace::toStandardError() : Trace(), [post] {
         EditorCollaborators collaborators;
         collaborators.player = std::make_unique<EnginePlaybackControl>(
             std::make_unique<DeferredOutputDevice>([post] { return makeDefaultOutputDevice(post); }));
+        collaborators.recorder = std::make_unique<EngineRecorderControl>(
+            std::make_shared<DeferredInputDevice>(
+                post, [post] { return std::make_unique<PipeWireInputDevice>(post); }),
+            Recorder::Options{Recorder::TapDriving::thread, recordingsFolder(), {}}, qtRepeatingTimers());
         return collaborators;
     });
     QObject::connect(&instance, &SingleInstance::filesReceived, &windows,

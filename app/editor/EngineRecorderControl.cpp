@@ -1,6 +1,7 @@
 #include "editor/EngineRecorderControl.h"
 
 #include "editor/EditorModel.h"
+#include "engine/SafetyFile.h"
 
 namespace harlune {
 
@@ -16,6 +17,7 @@ EngineRecorderControl::EngineRecorderControl(std::shared_ptr<AudioInputDevice> d
 }
 
 EngineRecorderControl::~EngineRecorderControl() {
+    QObject::disconnect(keptConnection_);
     recorder_.setChangeHandler({});
     timer_.reset();
     // A take still running when the document closes is dropped with its model.
@@ -23,16 +25,31 @@ EngineRecorderControl::~EngineRecorderControl() {
 }
 
 void EngineRecorderControl::setModel(QPointer<EditorModel> model) {
+    QObject::disconnect(keptConnection_);
     model_ = std::move(model);
+    if (model_)
+        keptConnection_ = QObject::connect(model_.data(), &EditorModel::takeKept, [this] {
+            if (pendingSafetyFile_)
+                removeSafetyFile(*pendingSafetyFile_);
+            pendingSafetyFile_.reset();
+        });
+}
+
+void EngineRecorderControl::setMode(RecordMode mode) {
+    if (mode_ == mode)
+        return;
+    mode_ = mode;
+    Q_EMIT changed();
 }
 
 void EngineRecorderControl::followArming() {
-    if (!timers_)
-        return;
-    if (recorder_.isArmed() && !timer_)
-        timer_ = timers_(pollInterval, [this] { recorder_.poll(); });
-    else if (!recorder_.isArmed())
-        timer_.reset();
+    if (timers_) {
+        if (recorder_.isArmed() && !timer_)
+            timer_ = timers_(pollInterval, [this] { recorder_.poll(); });
+        else if (!recorder_.isArmed())
+            timer_.reset();
+    }
+    Q_EMIT changed();
 }
 
 void EngineRecorderControl::beginRecording(double sampleRate, int channelCount) {
@@ -46,6 +63,11 @@ void EngineRecorderControl::updateLiveTake(const AudioContent& take) {
 }
 
 void EngineRecorderControl::finishRecording(std::optional<AudioContent> take) {
+    pendingSafetyFile_ = recorder_.safetyPath();
+    if (pendingSafetyFile_ && (!take || take->frameCount() == 0)) {
+        removeSafetyFile(*pendingSafetyFile_); // nothing in it to keep
+        pendingSafetyFile_.reset();
+    }
     if (model_)
         model_->finishRecording(std::move(take));
 }

@@ -2,13 +2,16 @@
 
 #include "document/AudioDocument.h"
 #include "dsp/plugins/PluginEffect.h"
+#include "editor/EngineRecorderControl.h"
 #include "editor/Preferences.h"
+#include "engine/SafetyFile.h"
 #include "io/AudioEncoder.h"
 #include "ui/BusyOverlay.h"
 #include "ui/CommandTable.h"
 #include "ui/DocumentWindows.h"
 #include "ui/OverviewView.h"
 #include "ui/ProcessSheets.h"
+#include "ui/RecordBar.h"
 #include "ui/SaveDialog.h"
 #include "ui/TimelineView.h"
 #include "ui/Trace.h"
@@ -18,6 +21,7 @@
 #include <QActionGroup>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDesktopServices>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileInfo>
@@ -31,8 +35,10 @@
 #include <QShortcut>
 #include <QStackedLayout>
 #include <QToolBar>
+#include <QUrl>
 #include <QVBoxLayout>
 #include <QWidgetAction>
+#include <filesystem>
 #include <ranges>
 
 namespace harlune {
@@ -91,6 +97,20 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     timeline_ = new TimelineView(document_.model(), views);
     column->addWidget(overview_);
     column->addWidget(timeline_, 1);
+    if (EngineRecorderControl* control = recorderControl()) {
+        recordBar_ = new RecordBar(*control, views);
+        column->addWidget(recordBar_);
+        connect(control, &EngineRecorderControl::changed, this, [this, control] {
+            const bool recording = control->isRecording();
+            if (recording != traceRecording_) {
+                traceRecording_ = recording;
+                trace_.line(recording ? QStringLiteral("recording started")
+                                      : QStringLiteral("recording stopped %1 frames")
+                                            .arg(control->recorder().elapsedFrames()));
+            }
+            updateActions();
+        });
+    }
     stack->addWidget(views);
     setCentralWidget(centre);
     inspector_ = new InspectorView(document_.model(), this);
@@ -256,7 +276,14 @@ void MainWindow::buildMenus() {
         if (windows_)
             windows_->newDocument();
     });
-    addItem(file, "newRecording", [] {});
+    addItem(file, "newRecording", [this] {
+        if (!windows_)
+            return;
+        if (MainWindow* window = windows_->newDocument())
+            if (EngineRecorderControl* control = window->recorderControl())
+                if (!control->recorder().isArmed())
+                    control->recorder().arm();
+    });
     addItem(file, "open", [this] {
         if (windows_)
             windows_->showOpenDialog(this, false);
@@ -282,7 +309,12 @@ void MainWindow::buildMenus() {
     addItem(file, "exportSelection", &MainWindow::exportSelection);
     addItem(file, "revert", &MainWindow::revert);
     file->addSeparator();
-    addItem(file, "showRecordingsFolder", [] {});
+    addItem(file, "showRecordingsFolder", [] {
+        const std::filesystem::path folder = recordingsFolder();
+        std::error_code ignored; // the file manager shows why when it cannot open the folder
+        std::filesystem::create_directories(folder, ignored);
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(folder.string())));
+    });
     file->addSeparator();
     addItem(file, "quit", [this] {
         if (windows_)
@@ -382,7 +414,10 @@ void MainWindow::buildMenus() {
     addItem(transport, "toggleLoop", [&model] {
         model.setIsLooping(!model.isLooping());
     })->setCheckable(true);
-    addItem(transport, "toggleRecording", [] {});
+    addItem(transport, "toggleRecording", [this] {
+        if (EngineRecorderControl* control = recorderControl())
+            control->recorder().toggle();
+    });
     transport->addSeparator();
     addItem(transport, "goToStart", [&model] { model.goToStart(); });
     addItem(transport, "goToEnd", [&model] { model.goToEnd(); });
@@ -394,7 +429,11 @@ void MainWindow::buildMenus() {
     QMenu* process = bar->addMenu(tr("&Process"));
     addItem(process, "showGain", [this] { openSheet(makeGainSheet(document_.model(), this)); });
     addItem(process, "showNormalize", [this] { openSheet(makeNormalizeSheet(document_.model(), this)); });
-    addItem(process, "showLoudness", [] {});
+    // The loudness workflow lives in the inspector: measure, choose a target, hear it, apply.
+    addItem(process, "showLoudness", [&model] {
+        model.setShowInspector(true);
+        model.setInspectorTab(InspectorTab::loudness);
+    });
     process->addSeparator();
     addItem(process, "fadeIn", [this] { fadeWithPreferredShape(true); });
     addItem(process, "fadeOut", [this] { fadeWithPreferredShape(false); });
@@ -488,14 +527,14 @@ void MainWindow::updateActions() {
     const QUndoStack& undo = document_.undoStack();
 
     enable("new", app);
-    enable("newRecording", false);
+    enable("newRecording", app);
     enable("open", app);
     enable("close", true);
     enable("save", idle);
     enable("saveAs", idle);
     enable("exportSelection", idle && content);
     enable("revert", idle && document_.file() && document_.isDirty());
-    enable("showRecordingsFolder", false);
+    enable("showRecordingsFolder", true);
     enable("quit", true);
 
     enable("undo", idle && undo.canUndo());
@@ -541,7 +580,8 @@ void MainWindow::updateActions() {
     enable("playSelection", content && selection);
     enable("stopPlayback", model.isPlaying());
     check("toggleLoop", model.isLooping());
-    enable("toggleRecording", false);
+    // Stopping a take stays possible whatever else runs: the take must never be held hostage.
+    enable("toggleRecording", recorderControl() && (idle || recorderControl()->isRecording()));
     enable("goToStart", content);
     enable("goToEnd", content);
     enable("addMarker", idle && content);
@@ -551,7 +591,7 @@ void MainWindow::updateActions() {
     for (const char* id : {"showGain", "showNormalize", "silenceSelection", "reverseAudio", "invertPolarity",
                            "removeDCOffset", "changeSampleRate", "showTimePitch"})
         enable(id, idle && content);
-    enable("showLoudness", false);
+    enable("showLoudness", content);
     for (const char* id : {"fadeIn", "fadeOut", "showFade"})
         enable(id, idle && selection);
     enable("silenceSelection", idle && selection);
@@ -752,6 +792,10 @@ void MainWindow::paintEvent(QPaintEvent* event) {
         painted_ = true;
         trace_.line(QStringLiteral("first paint"));
     }
+}
+
+EngineRecorderControl* MainWindow::recorderControl() {
+    return dynamic_cast<EngineRecorderControl*>(&document_.model().recorder());
 }
 
 } // namespace harlune

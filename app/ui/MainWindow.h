@@ -16,6 +16,8 @@ namespace harlune {
 class AudioDocument;
 class BusyOverlay;
 class DocumentWindows;
+class EngineRecorderControl;
+class RecordBar;
 class InspectorView;
 class OverviewView;
 class TimelineView;
@@ -40,6 +42,10 @@ public:
     OverviewView& overview() { return *overview_; }
     TimelineView& timeline() { return *timeline_; }
     InspectorView& inspector() { return *inspector_; }
+    /// The document's recorder with the window's record controls; null where the document has
+    /// none (tests with a stand-in recorder).
+    EngineRecorderControl* recorderControl();
+    RecordBar* recordBar() { return recordBar_; }
     BusyOverlay& busyOverlay() { return *overlay_; }
     /// The action of a menu command by its id ("save", "showGain"); null for an unknown id.
     QAction* action(std::string_view id) const;
@@ -93,6 +99,8 @@ private:
     OverviewView* overview_;
     TimelineView* timeline_;
     InspectorView* inspector_ = nullptr;
+    RecordBar* recordBar_ = nullptr;
+    bool traceRecording_ = false;
     /// Points: the whole-file strip above the timeline.
     static constexpr int overviewHeight = 56;
     BusyOverlay* overlay_;
