@@ -2,6 +2,7 @@
 //   play  - plays a generated tone through a chosen back end and waits for its end;
 //   check - reads what the server's sink recorded (WAV) and compares it with that tone;
 //   silent-server - listens on a socket and never answers, as a server that hangs.
+#include "ClickTrack.h"
 #include "core/AudioContentBuilder.h"
 #include "engine/MainThreadQueue.h"
 #include "engine/PlaybackEngine.h"
@@ -70,9 +71,16 @@ int play(const std::map<std::string, std::string>& all) {
     const double rate = number(all, "--rate", 48000);
     const int channels = static_cast<int>(number(all, "--channels", 2));
     const double amplitude = number(all, "--amplitude", 0.5);
-    const AudioContent content =
+    AudioContent content =
         toneContent(rate, channels, number(all, "--lead", 0.5), number(all, "--seconds", 2),
                     number(all, "--frequency", 1000), amplitude, number(all, "--right-amplitude", amplitude));
+    if (number(all, "--clicks", 0) != 0) {
+        const std::vector<float> plane =
+            e2e::clickTrack(rate, number(all, "--lead", 0.5), number(all, "--seconds", 2));
+        AudioContentBuilder builder(channels, rate);
+        builder.append(std::vector<std::vector<float>>(static_cast<size_t>(channels), plane));
+        content = builder.build();
+    }
 
     MainThreadQueue mainThread;
     PlaybackEngine engine(makeDefaultOutputDevice(mainThread.poster(), backend));
@@ -245,6 +253,54 @@ int silentServer(const std::string& path) {
     return 0;
 }
 
+// Finds the click track (as `play --clicks 1 --lead L --seconds S` plays it) in a recorded file
+// and counts the tenths of a second where the recording departs from it: a dropout or a repeat
+// shifts everything after it, so each shows as at least one bad window.
+int compareClicks(const std::string& path, const std::map<std::string, std::string>& all) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file) {
+        std::fprintf(stderr, "cannot read %s\n", path.c_str());
+        return 1;
+    }
+    std::vector<float> interleaved(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_float(file, interleaved.data(), info.frames);
+    sf_close(file);
+    std::vector<float> take(static_cast<size_t>(info.frames));
+    for (size_t i = 0; i < take.size(); ++i)
+        take[i] = interleaved[i * static_cast<size_t>(info.channels)];
+    const double rate = info.samplerate;
+    const std::vector<float> signal =
+        e2e::clickTrack(rate, number(all, "--lead", 0.5), number(all, "--seconds", 2));
+    // Aligned on the first seconds alone: the correlation over ten minutes would take too long.
+    const size_t head = std::min(signal.size(), static_cast<size_t>(5 * rate));
+    const int64_t offset = e2e::alignmentOffset(
+        std::vector<float>(take.begin(), take.begin() + static_cast<long>(std::min(
+                                                            take.size(), head + static_cast<size_t>(rate)))),
+        std::vector<float>(signal.begin(), signal.begin() + static_cast<long>(head)));
+    if (offset < 0) {
+        std::printf("no click track found\n");
+        return 1;
+    }
+    const auto window = static_cast<int64_t>(rate / 10);
+    int64_t bad = 0;
+    int64_t windows = 0;
+    for (int64_t start = 0; start + window <= static_cast<int64_t>(signal.size()); start += window) {
+        double error = 0;
+        for (int64_t i = start; i < start + window; ++i) {
+            const int64_t at = offset + i;
+            const double got =
+                at >= 0 && at < static_cast<int64_t>(take.size()) ? take[static_cast<size_t>(at)] : 0.0;
+            error = std::max(error, std::fabs(got - signal[static_cast<size_t>(i)]));
+        }
+        ++windows;
+        bad += error > 1e-4 ? 1 : 0;
+    }
+    std::printf("click track at frame %lld; %lld of %lld windows of 0.1 s depart from it\n",
+                static_cast<long long>(offset), static_cast<long long>(bad), static_cast<long long>(windows));
+    return bad == 0 ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -254,10 +310,14 @@ int main(int argc, char** argv) {
         return play(options(argc, argv, 2));
     if (argc >= 3 && std::string(argv[1]) == "check")
         return check(argv[2], options(argc, argv, 3));
+    if (argc >= 3 && std::string(argv[1]) == "compare-clicks")
+        return compareClicks(argv[2], options(argc, argv, 3));
     std::fprintf(
         stderr, "usage: harlune-e2e-tool play [--backend pipewire|jack|portaudio] [--rate R] [--channels C]\n"
                 "           [--seconds S] [--lead S] [--frequency F] [--amplitude A] [--right-amplitude A]\n"
+                "           [--clicks 1] (the click track of the recording checks instead of the tone)\n"
                 "       harlune-e2e-tool check FILE.wav [--seconds S] [--frequency F] [--amplitude A]\n"
-                "           [--right-amplitude A]\n");
+                "           [--right-amplitude A]\n"
+                "       harlune-e2e-tool compare-clicks FILE [--lead S] [--seconds S]\n");
     return 2;
 }
