@@ -13,7 +13,9 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QDialog>
+#include <QDir>
 #include <QDoubleSpinBox>
+#include <QFile>
 #include <QLabel>
 #include <QMenu>
 #include <QMenuBar>
@@ -23,6 +25,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <cmath>
+#include <cstdlib>
 #include <gtest/gtest.h>
 
 namespace harlune {
@@ -356,6 +359,47 @@ TEST(WindowControllerTest, AFailedSaveShowsItsErrorAndTheWindowStaysModified) {
     window->document().undoStack().setClean();
     message->close();
     window->close();
+}
+
+// A disk that fills during the save: the error shows, the window stays modified, and the file
+// that was there is untouched, with no temporary left beside it.
+TEST(WindowControllerTest, ASaveOntoAFullDiskKeepsTheOldFile) {
+    QTemporaryDir folder;
+    const QString disk = folder.filePath(QStringLiteral("disk"));
+    QDir().mkpath(disk);
+    const std::string mount = "mount -t tmpfs -o size=1m tmpfs '" + disk.toStdString() + "' 2>/dev/null";
+    if (std::system(mount.c_str()) != 0)
+        GTEST_SKIP() << "no tmpfs can be mounted here";
+    const std::string unmount = "umount '" + disk.toStdString() + "'";
+    DocumentWindows windows;
+    MainWindow* window = windows.adopt(AudioContent(quietNoise(1, 4800), rate), QStringLiteral("Take"));
+    const QString path = disk + QStringLiteral("/take.wav");
+    QSignalSpy saved(&window->document(), &AudioDocument::written);
+    window->saveTo(path);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return saved.count() == 1; }, 20000));
+    QFile before(path);
+    ASSERT_TRUE(before.open(QIODevice::ReadOnly));
+    const QByteArray oldBytes = before.readAll();
+    before.close();
+
+    window->document().model().insertSilence(static_cast<int64_t>(20 * rate)); // megabytes more
+    QSignalSpy failed(&window->document(), &AudioDocument::writeFailed);
+    window->save();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return failed.count() == 1; }, 20000));
+    EXPECT_TRUE(window->isWindowModified());
+    auto* message = waitForChild<QMessageBox>(*window);
+    ASSERT_NE(message, nullptr);
+    EXPECT_FALSE(message->text().isEmpty());
+    QFile after(path);
+    ASSERT_TRUE(after.open(QIODevice::ReadOnly));
+    EXPECT_EQ(after.readAll(), oldBytes);
+    after.close();
+    EXPECT_EQ(QDir(disk).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("take.wav")});
+    window->document().undoStack().setClean();
+    message->close();
+    window->close();
+    QTest::qWait(10);
+    EXPECT_EQ(std::system(unmount.c_str()), 0);
 }
 
 } // namespace
