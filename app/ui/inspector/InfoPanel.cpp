@@ -135,7 +135,7 @@ void InfoPanel::updateFileRows() {
         if (content.channelCount() <= 0)
             return {};
         if (row == tr("Sample rate"))
-            return locale.toString(content.sampleRate(), 'g', 10) + QStringLiteral(" Hz");
+            return QString::number(content.sampleRate(), 'g', 10) + QStringLiteral(" Hz");
         if (row == tr("Channels"))
             return QString::number(content.channelCount());
         if (row == tr("Duration"))
