@@ -133,6 +133,13 @@ TEST(InfoPanelTest, StatisticsOfTheFileAndOfTheSelection) {
     EXPECT_EQ(panel.signalValue(0, "Peak"), "-12.0");
     EXPECT_EQ(panel.signalValue(0, "DC offset"), "-25.0000%");
 
+    // New audio is measured again, not dropped as the figure of an older version.
+    model.setSelection(std::nullopt);
+    model.setContent(AudioContent({std::vector<float>(4800, -0.125f)}, rate));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel.signalValue(0, "Peak") == "-18.1"; }, 10000));
+    EXPECT_EQ(panel.signalTitle(), "Signal (entire file)");
+    EXPECT_EQ(panel.signalValue(1, "Peak"), std::nullopt);
+
     // A file's facts, each row only with a value.
     AudioFileInfo info;
     info.url = std::filesystem::path("/music/take.flac");

@@ -72,11 +72,12 @@ InfoPanel::InfoPanel(EditorModel& model, QWidget* parent)
     layout->addStretch(1);
 
     connect(&model_, &EditorModel::fileInfoChanged, this, &InfoPanel::updateFileRows);
-    connect(&model_, &EditorModel::contentVersionChanged, this, [this] {
-        updateFileRows();
-        requestStats();
-    });
-    connect(&model_, &EditorModel::envelopesChanged, this, &InfoPanel::requestStats);
+    connect(&model_, &EditorModel::contentVersionChanged, this, &InfoPanel::updateFileRows);
+    // The model raises the audio version only after these signals: the job must be keyed to the
+    // version it measures, so it starts once the change is complete.
+    connect(&model_, &EditorModel::contentVersionChanged, this, &InfoPanel::requestStats,
+            Qt::QueuedConnection);
+    connect(&model_, &EditorModel::envelopesChanged, this, &InfoPanel::requestStats, Qt::QueuedConnection);
     connect(&model_, &EditorModel::selectionChanged, this, &InfoPanel::requestStats);
     updateFileRows();
     requestStats();
