@@ -77,6 +77,28 @@ TEST(SpectrumPanelTest, FollowsTheCursorTheSelectionAndItsControls) {
     EXPECT_LT(state.spectrum()[88], -4.0);
 }
 
+TEST(SpectrumPanelTest, LiveAtPlayheadFollowsWhatIsHeard) {
+    std::vector<float> samples(48000, 0.0f);
+    const std::vector<float> sine = tone(24000, 1031.25, 1.0f);
+    std::copy(sine.begin(), sine.end(), samples.begin() + 24000);
+    EditorModel model(AudioContent({samples}, rate), std::nullopt);
+    SpectrumPanel panel(model);
+    panel.fftSizePicker().setCurrentText("4096");
+    panel.sourcePicker().setCurrentText("Live at playhead");
+    model.setCursor(4000);
+    EXPECT_EQ(panel.state().spectrum()[88], SpectrumAnalyzer::floorDB);
+
+    model.play(false);
+    ASSERT_TRUE(model.isPlaying());
+    model.player().setPosition(36000);
+    model.transportTick();
+    EXPECT_NEAR(panel.state().spectrum()[88], 0.0, 0.05);
+    // The cursor does not move a live spectrum while playing.
+    model.setCursor(2000);
+    EXPECT_NEAR(panel.state().spectrum()[88], 0.0, 0.05);
+    model.stop(true);
+}
+
 TEST(SpectrumPanelTest, TheViewReadsOutAndTellsAssistiveTechnology) {
     EditorModel model(AudioContent({tone(48000, 1031.25, 0.5f)}, rate), std::nullopt);
     SpectrumPanel panel(model);

@@ -2,6 +2,7 @@
 
 #include "editor/EditorModel.h"
 #include "ui/SymbolIcons.h"
+#include "ui/Theme.h"
 
 #include <QHBoxLayout>
 #include <QKeyEvent>
@@ -156,7 +157,8 @@ void MarkersPanel::followMarkers() {
     // Row widgets go with their items (Qt deletes them later), so a button may remove its own row.
     list_->clear();
     const QColor text = palette().color(QPalette::ButtonText);
-    const QIcon flag = SymbolIcons::icon(QStringLiteral("flag.fill"), QColor(0xd9, 0x8a, 0x00));
+    const QIcon flag =
+        SymbolIcons::icon(QStringLiteral("flag.fill"), Theme::marker.of(Theme::isDark(palette())));
     const QIcon cross = SymbolIcons::icon(QStringLiteral("xmark.circle.fill"), text);
     for (const Marker& marker : markers) {
         const Uuid id = marker.id;
