@@ -75,6 +75,14 @@ TEST(SpectrumPanelTest, FollowsTheCursorTheSelectionAndItsControls) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return !state.isAveraging(); }, 10000));
     EXPECT_GT(state.spectrum()[88], -9.0);
     EXPECT_LT(state.spectrum()[88], -4.0);
+
+    // An average still on its way is dropped by a later spectrum at the cursor (in the silence).
+    model.setSelection(FrameRange{24000, 48000});
+    ASSERT_TRUE(state.isAveraging());
+    panel.sourcePicker().setCurrentText("Around cursor");
+    EXPECT_FALSE(state.isAveraging());
+    QTest::qWait(SpectrumState::averageDelayMs * 3);
+    EXPECT_EQ(state.spectrum()[88], SpectrumAnalyzer::floorDB);
 }
 
 TEST(SpectrumPanelTest, LiveAtPlayheadFollowsWhatIsHeard) {
