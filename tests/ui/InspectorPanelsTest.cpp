@@ -157,6 +157,7 @@ TEST(InfoPanelTest, StatisticsOfTheFileAndOfTheSelection) {
     EXPECT_EQ(panel.signalValue(0, "RMS"), QString::asprintf("%.1f", 20 * std::log10(std::sqrt(0.15625))));
     EXPECT_EQ(panel.signalValue(0, "DC offset"), "12.5000%");
     EXPECT_EQ(panel.signalValue(1, "DC offset"), "0.0000%");
+    EXPECT_EQ(panel.signalValue(1, "Peak"), "\u2013"); // silence has no level
 
     model.setSelection(FrameRange{6000, 9000});
     ASSERT_TRUE(QTest::qWaitFor([&] { return panel.signalTitle() == "Signal (selection)"; }, 10000));

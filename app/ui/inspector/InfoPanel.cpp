@@ -33,6 +33,12 @@ QString decibels(double linear) {
     return QString::asprintf("%.1f", db);
 }
 
+// The mean as a percentage of full scale; a mean that rounds to nothing reads without a sign.
+QString percent(double mean) {
+    const QString text = QString::asprintf("%.4f%%", mean * 100);
+    return text == QLatin1String("-0.0000%") ? QStringLiteral("0.0000%") : text;
+}
+
 QLabel* valueLabel(const QString& row, const QString& channel, const QString& text) {
     auto* label = new QLabel(text);
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -193,7 +199,7 @@ void InfoPanel::showStats(const Figures& figures) {
         const std::pair<QString, QString> values[] = {
             {tr("Peak"), decibels(stats.peak[index])},
             {tr("RMS"), decibels(stats.rms[index])},
-            {tr("DC offset"), QString::asprintf("%.4f%%", stats.dcOffset[index] * 100)},
+            {tr("DC offset"), percent(stats.dcOffset[index])},
         };
         for (const auto& [row, text] : values) {
             QLabel* label = valueLabel(row, channel, text);

@@ -98,8 +98,8 @@ double SpectrumView::nyquist() const {
 }
 
 double SpectrumView::lowestFrequency() const {
-    // One bin up from DC, at most 20 Hz: DC has no place on a log axis.
-    return std::min(20.0, state_.sampleRate() / state_.fftSize());
+    // The low end of hearing; DC has no place on a log axis.
+    return std::min(20.0, nyquist() / 2);
 }
 
 double SpectrumView::frequencyAt(double x) const {
