@@ -1,8 +1,11 @@
 #include "ui/SymbolIcons.h"
 
 #include <QFile>
+#include <QGuiApplication>
+#include <QIconEngine>
 #include <QImage>
 #include <QPainter>
+#include <QPalette>
 #include <QPixmap>
 #include <QSvgRenderer>
 #include <array>
@@ -33,7 +36,41 @@ constexpr std::array<std::pair<const char*, const char*>, 11> symbols{{
     {"waveform.badge.exclamationmark", "waveform-badge-exclamationmark.svg"},
 }};
 
-constexpr std::array<int, 4> pixelSizes{16, 24, 32, 48};
+// Renders the drawing in the colour of the moment; a parse per paint is cheap at this size.
+class SymbolIconEngine final : public QIconEngine {
+public:
+    SymbolIconEngine(QByteArray svg, std::optional<QColor> colour) : svg_(std::move(svg)), colour_(colour) {}
+
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode, QIcon::State) override {
+        QByteArray text = svg_;
+        text.replace("#000000", colourFor(mode).name(QColor::HexRgb).toLatin1());
+        QSvgRenderer renderer(text);
+        renderer.render(painter, QRectF(rect));
+    }
+
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
+        QImage image(size, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::transparent);
+        QPainter painter(&image);
+        paint(&painter, QRect(QPoint(0, 0), size), mode, state);
+        painter.end();
+        return QPixmap::fromImage(image);
+    }
+
+    QIconEngine* clone() const override { return new SymbolIconEngine(svg_, colour_); }
+
+private:
+    QColor colourFor(QIcon::Mode mode) const {
+        if (colour_)
+            return *colour_;
+        const QPalette palette = QGuiApplication::palette();
+        return palette.color(mode == QIcon::Disabled ? QPalette::Disabled : QPalette::Active,
+                             QPalette::WindowText);
+    }
+
+    QByteArray svg_;
+    std::optional<QColor> colour_;
+};
 
 } // namespace
 
@@ -44,7 +81,7 @@ QStringList SymbolIcons::names() {
     return list;
 }
 
-QIcon SymbolIcons::icon(const QString& name, const QColor& colour) {
+QIcon SymbolIcons::icon(const QString& name, std::optional<QColor> colour) {
     static const bool initialised = [] {
         initialiseSymbolResources();
         return true;
@@ -57,20 +94,9 @@ QIcon SymbolIcons::icon(const QString& name, const QColor& colour) {
         if (!svg.open(QIODevice::ReadOnly))
             return {};
         QByteArray text = svg.readAll();
-        text.replace("#000000", colour.name(QColor::HexRgb).toLatin1());
-        QSvgRenderer renderer(text);
-        if (!renderer.isValid())
+        if (!QSvgRenderer(text).isValid())
             return {};
-        QIcon result;
-        for (const int size : pixelSizes) {
-            QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
-            image.fill(Qt::transparent);
-            QPainter painter(&image);
-            renderer.render(&painter);
-            painter.end();
-            result.addPixmap(QPixmap::fromImage(image));
-        }
-        return result;
+        return QIcon(new SymbolIconEngine(std::move(text), colour));
     }
     return {};
 }

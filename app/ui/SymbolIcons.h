@@ -3,6 +3,7 @@
 #include <QColor>
 #include <QIcon>
 #include <QStringList>
+#include <optional>
 
 namespace harlune::SymbolIcons {
 
@@ -11,8 +12,9 @@ namespace harlune::SymbolIcons {
 /// "sparkles", "plus", "xmark.circle.fill", "slider.horizontal.3", "waveform.badge.exclamationmark".
 QStringList names();
 
-/// The symbol drawn in `colour` (the palette's text colour suits tabs and buttons), at the sizes
-/// of tabs, buttons and list rows. A null icon for an unknown name.
-QIcon icon(const QString& name, const QColor& colour);
+/// The symbol, drawn from its SVG at whatever size is asked. Without a colour it takes the
+/// application palette's window text colour (its disabled form for a disabled icon) each time it
+/// is drawn, so it follows a change between light and dark. A null icon for an unknown name.
+QIcon icon(const QString& name, std::optional<QColor> colour = std::nullopt);
 
 } // namespace harlune::SymbolIcons

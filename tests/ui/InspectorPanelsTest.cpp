@@ -12,6 +12,7 @@
 #include "ui/inspector/SpectrumView.h"
 
 #include <QAccessible>
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -283,6 +284,17 @@ TEST(InspectorIconsTest, EverySymbolAndTabIconDrawsPixels) {
         EXPECT_GT(drawn, 20) << name.toStdString();
     }
     EXPECT_TRUE(SymbolIcons::icon("no.such.symbol", Qt::black).isNull());
+
+    // Without a colour of its own a symbol takes the palette's text colour when drawn.
+    const QIcon plus = SymbolIcons::icon("plus");
+    const QPalette original = QApplication::palette();
+    for (const QColor text : {QColor(Qt::white), QColor(Qt::red)}) {
+        QPalette palette = original;
+        palette.setColor(QPalette::WindowText, text);
+        QApplication::setPalette(palette);
+        EXPECT_EQ(plus.pixmap(24, 24).toImage().pixelColor(12, 12).rgb(), text.rgb());
+    }
+    QApplication::setPalette(original);
 
     EditorModel model(AudioContent({std::vector<float>(4800, 0.0f)}, rate), std::nullopt);
     InspectorView inspector(model);

@@ -46,11 +46,10 @@ InspectorView::InspectorView(EditorModel& model, QWidget* parent)
     tabs_->addTab(scrolling(info_), tr("Info"));
     tabs_->addTab(markers_, tr("Markers"));
     tabs_->addTab(scrolling(rack_), tr("Effects"));
-    const QColor symbol = palette().color(QPalette::WindowText);
     const char* const icons[] = {"gauge.with.dots.needle.67percent", "waveform.path.ecg", "info.circle",
                                  "flag", "sparkles"};
     for (int tab = 0; tab < tabs_->count(); ++tab)
-        tabs_->setTabIcon(tab, SymbolIcons::icon(QString::fromLatin1(icons[tab]), symbol));
+        tabs_->setTabIcon(tab, SymbolIcons::icon(QString::fromLatin1(icons[tab])));
     setWidget(tabs_);
 
     connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {

@@ -66,7 +66,7 @@ MarkersPanel::MarkersPanel(EditorModel& model, QWidget* parent) : QWidget(parent
     add_ = new QToolButton;
     add_->setText(tr("Add"));
     add_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    add_->setIcon(SymbolIcons::icon(QStringLiteral("plus"), palette().color(QPalette::ButtonText)));
+    add_->setIcon(SymbolIcons::icon(QStringLiteral("plus")));
     add_->setToolTip(tr("Add a marker at the cursor (M)"));
     add_->setAccessibleDescription(add_->toolTip());
     connect(add_, &QToolButton::clicked, this, [this] { model_.addMarker(); });
@@ -156,10 +156,9 @@ void MarkersPanel::followMarkers() {
     const std::optional<Uuid> selected = markerAt(list_->currentRow());
     // Row widgets go with their items (Qt deletes them later), so a button may remove its own row.
     list_->clear();
-    const QColor text = palette().color(QPalette::ButtonText);
     const QIcon flag =
         SymbolIcons::icon(QStringLiteral("flag.fill"), Theme::marker.of(Theme::isDark(palette())));
-    const QIcon cross = SymbolIcons::icon(QStringLiteral("xmark.circle.fill"), text);
+    const QIcon cross = SymbolIcons::icon(QStringLiteral("xmark.circle.fill"));
     for (const Marker& marker : markers) {
         const Uuid id = marker.id;
         auto* item = new QListWidgetItem;
