@@ -1,6 +1,7 @@
 #include "ui/inspector/InspectorView.h"
 
 #include "editor/EditorModel.h"
+#include "ui/SymbolIcons.h"
 #include "ui/inspector/InfoPanel.h"
 #include "ui/inspector/LoudnessPanel.h"
 #include "ui/inspector/MarkersPanel.h"
@@ -45,6 +46,10 @@ InspectorView::InspectorView(EditorModel& model, QWidget* parent)
     tabs_->addTab(scrolling(info_), tr("Info"));
     tabs_->addTab(markers_, tr("Markers"));
     tabs_->addTab(scrolling(rack_), tr("Effects"));
+    const char* const icons[] = {"gauge.with.dots.needle.67percent", "waveform.path.ecg", "info.circle",
+                                 "flag", "sparkles"};
+    for (int tab = 0; tab < tabs_->count(); ++tab)
+        tabs_->setTabIcon(tab, SymbolIcons::icon(QString::fromLatin1(icons[tab])));
     setWidget(tabs_);
 
     connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {
