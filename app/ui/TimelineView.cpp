@@ -7,6 +7,7 @@
 #include <QAccessible>
 #include <QAccessibleWidget>
 #include <QEvent>
+#include <QFontMetricsF>
 #include <QPaintEvent>
 #include <QPainter>
 #include <QScreen>
@@ -34,7 +35,8 @@ QAccessibleInterface* timelineAccessible(const QString& className, QObject* obje
 
 } // namespace
 
-TimelineView::TimelineView(EditorModel& model, QWidget* parent) : QWidget(parent), model_(model) {
+TimelineView::TimelineView(EditorModel& model, QWidget* parent)
+    : QWidget(parent), model_(model), autoscroll_([this] { autoscrollTick(); }) {
     static const bool factoryInstalled = [] {
         QAccessible::installFactory(timelineAccessible);
         return true;
@@ -43,6 +45,10 @@ TimelineView::TimelineView(EditorModel& model, QWidget* parent) : QWidget(parent
     setAccessibleName(QStringLiteral("Waveform"));
     setAttribute(Qt::WA_OpaquePaintEvent);
     setMinimumSize(200, 120);
+    setMouseTracking(true);
+    setFocusPolicy(Qt::StrongFocus);
+    setAcceptDrops(true);
+    setCursor(Qt::ArrowCursor);
     playheadTimer_.setTimerType(Qt::PreciseTimer);
     connect(&playheadTimer_, &QTimer::timeout, this, &TimelineView::updatePlayhead);
     lastCursor_ = model_.cursor();
@@ -164,7 +170,45 @@ TimelineCanvas TimelineView::canvas() const {
     result.height = height();
     result.scale = devicePixelRatioF();
     result.dark = Theme::isDark(palette());
+    if (hoveredPoint_) {
+        const auto& points = model_.envelopes()[model_.envelopeTarget()].points();
+        for (size_t i = 0; i < points.size(); ++i)
+            if (points[i].id == *hoveredPoint_)
+                result.hoveredPoint = static_cast<int>(i);
+    }
     return result;
+}
+
+TimelineLayout TimelineView::layout() const {
+    return timelineLayout(width(), height(), model_.showLoudnessLane(), model_.loudnessLaneHeight());
+}
+
+void TimelineView::paintGestureOverlay(QPainter& painter) {
+    const bool dark = Theme::isDark(palette());
+    if (barSpan_ && model_.content().frameCount() > 0) {
+        const TimelineLayout areas = layout();
+        const double sampleRate = model_.content().sampleRate();
+        const FrameRange bars = model_.grid().barsRange(barSpan_->first, barSpan_->second, sampleRate,
+                                                        model_.content().frameCount());
+        const double left =
+            frameToX(static_cast<double>(bars.lower), model_.scrollFrame(), model_.framesPerPoint());
+        const double right =
+            frameToX(static_cast<double>(bars.upper), model_.scrollFrame(), model_.framesPerPoint());
+        QColor fill = Theme::gridBar.of(dark);
+        fill.setAlphaF(0.15f);
+        painter.fillRect(QRectF(left, areas.loudness.top(), right - left, areas.loudness.height()), fill);
+    }
+    if (dragReadout_) {
+        const QFontMetricsF metrics(painter.font());
+        QRectF box(dragReadout_->at + QPointF(12, -22), metrics.size(0, dragReadout_->text) + QSizeF(10, 4));
+        box.moveLeft(std::clamp(box.left(), 0.0, std::max(0.0, width() - box.width())));
+        box.moveTop(std::clamp(box.top(), 0.0, std::max(0.0, height() - box.height())));
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(Theme::laneBackground.of(dark));
+        painter.drawRoundedRect(box, 4, 4);
+        painter.setPen(Theme::envelope.of(dark));
+        painter.drawText(box, Qt::AlignCenter, dragReadout_->text);
+    }
 }
 
 void TimelineView::paintEvent(QPaintEvent* event) {
@@ -183,6 +227,8 @@ void TimelineView::paintEvent(QPaintEvent* event) {
         painter.fillRect(pixels, Theme::playhead.of(current.dark));
         painter.restore();
     }
+    if (dragReadout_ || barSpan_)
+        paintGestureOverlay(painter);
 }
 
 void TimelineView::resizeEvent(QResizeEvent* event) {
