@@ -52,6 +52,7 @@ TimelineView::TimelineView(EditorModel& model, QWidget* parent)
     playheadTimer_.setTimerType(Qt::PreciseTimer);
     connect(&playheadTimer_, &QTimer::timeout, this, &TimelineView::updatePlayhead);
     lastCursor_ = model_.cursor();
+    lastSelection_ = model_.selection();
     watch();
     playbackChanged();
 }
@@ -65,7 +66,7 @@ void TimelineView::watch() {
     on(&EditorModel::fileInfoChanged, TimelineField::fileInfo);
     on(&EditorModel::envelopesChanged, TimelineField::envelopes);
     on(&EditorModel::envelopeTargetChanged, TimelineField::envelopeTarget);
-    on(&EditorModel::selectionChanged, TimelineField::selection);
+    connect(&model_, &EditorModel::selectionChanged, this, &TimelineView::selectionChanged);
     on(&EditorModel::activeChannelsChanged, TimelineField::activeChannels);
     on(&EditorModel::framesPerPointChanged, TimelineField::framesPerPoint);
     on(&EditorModel::scrollFrameChanged, TimelineField::scrollFrame);
@@ -101,13 +102,49 @@ void TimelineView::cursorChanged() {
         const double x = lineX(static_cast<double>(frame), model_.scrollFrame(), model_.framesPerPoint());
         return QRectF(x - 2, 0, 4, height());
     };
-    if (cache_.lastDrawing().read.contains(TimelineField::cursor)) {
+    // The line shows only without a selection, whatever the last drawing read.
+    if (cache_.lastDrawing().read.contains(TimelineField::cursor) || !model_.selection()) {
         cache_.invalidateStrip(strip(lastCursor_));
         cache_.invalidateStrip(strip(model_.cursor()));
         update(strip(lastCursor_).toAlignedRect());
         update(strip(model_.cursor()).toAlignedRect());
     }
     lastCursor_ = model_.cursor();
+}
+
+void TimelineView::selectionChanged() {
+    // A drag changes the selection at every move: only the strips its edges swept are drawn
+    // again, the stretch between an old and a new edge. A selection that comes or goes also
+    // takes or leaves the cursor line.
+    const std::optional<FrameRange> now = model_.selection();
+    const std::optional<FrameRange> before = lastSelection_;
+    lastSelection_ = now;
+    if (!cache_.lastDrawing().read.contains(TimelineField::selection))
+        return;
+    const auto strip = [this](int64_t from, int64_t to) {
+        const double a =
+            frameToX(static_cast<double>(std::min(from, to)), model_.scrollFrame(), model_.framesPerPoint());
+        const double b =
+            frameToX(static_cast<double>(std::max(from, to)), model_.scrollFrame(), model_.framesPerPoint());
+        const double left = std::max(a - 2, -2.0);
+        const double right = std::min(b + 3, width() + 2.0);
+        if (right <= left)
+            return;
+        const QRectF points(left, 0, right - left, height());
+        cache_.invalidateStrip(points);
+        update(points.toAlignedRect());
+    };
+    if (now && before) {
+        if (before->lower != now->lower)
+            strip(before->lower, now->lower);
+        if (before->upper != now->upper)
+            strip(before->upper, now->upper);
+    } else if (now || before) {
+        const FrameRange shown = now ? *now : *before;
+        strip(shown.lower, shown.upper);
+        strip(model_.cursor(), model_.cursor());
+        strip(lastCursor_, lastCursor_);
+    }
 }
 
 void TimelineView::playbackChanged() {

@@ -91,6 +91,7 @@ private:
     void watch();
     void fieldChanged(TimelineField field);
     void cursorChanged();
+    void selectionChanged();
     void updatePlayhead();
     void playbackChanged();
     QRect playheadStrip(double frame) const;
@@ -122,6 +123,7 @@ private:
     StaticLayerCache cache_;
     std::optional<double> playheadFrame_;
     int64_t lastCursor_ = 0;
+    std::optional<FrameRange> lastSelection_;
     QTimer playheadTimer_;
     // Extrapolation between the sound server's buffer steps.
     int64_t lastAudible_ = -1;

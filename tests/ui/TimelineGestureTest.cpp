@@ -10,6 +10,7 @@
 #include "support/TestAudio.h"
 #include "ui/DocumentWindows.h"
 #include "ui/MainWindow.h"
+#include "ui/TimelineDrawing.h"
 #include "ui/TimelineView.h"
 
 #include <QAction>
@@ -290,6 +291,41 @@ TEST_F(TimelineGestureTest, SelectionGesturesSetTheModelToTheFrame) {
         EXPECT_TRUE(std::holds_alternative<drag::None>(view->drag()));
     }
     EXPECT_EQ(undo.count(), 0) << "selections make no undo step";
+}
+
+TEST_F(TimelineGestureTest, ADragPatchesThePictureToWhatAWholeDrawingShows) {
+    model->setScrollFrame(3000);
+    const auto picture = [&] {
+        return view->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    };
+    const auto wholeDrawing = [&] {
+        const TimelineCanvas canvas{400, 300, view->devicePixelRatioF(), false, {}};
+        return renderTimeline(*model, canvas).convertToFormat(QImage::Format_RGB32);
+    };
+    picture();
+    const int rebuilds = view->cache().rebuildCount();
+    // Out, back across the anchor, and onto it: the selection grows, turns over and goes.
+    for (const std::vector<Step>& gesture : std::vector<std::vector<Step>>{
+             {{Kind::press, 120, 50}, {Kind::move, 180, 50}, {Kind::move, 250.5, 50}},
+             {{Kind::move, 90, 50}},
+             {{Kind::move, 30, 50}},
+             {{Kind::move, 120, 50}},
+             {{Kind::move, 300, 50}, {Kind::release, 300, 50}},
+             {{Kind::press, 60, 50}, {Kind::release, 60, 50}},
+         }) {
+        run(gesture);
+        const QImage patched = picture();
+        const QImage whole = wholeDrawing();
+        ASSERT_EQ(patched.size(), whole.size());
+        QRect differs;
+        for (int y = 0; y < whole.height(); ++y)
+            for (int x = 0; x < whole.width(); ++x)
+                if (patched.pixel(x, y) != whole.pixel(x, y))
+                    differs |= QRect(x, y, 1, 1);
+        EXPECT_TRUE(differs.isEmpty())
+            << differs.x() << "," << differs.y() << " " << differs.width() << "x" << differs.height();
+    }
+    EXPECT_EQ(view->cache().rebuildCount(), rebuilds) << "only strips are drawn again";
 }
 
 TEST_F(TimelineGestureTest, SelectionSnapsToZeroCrossingsWithinSixPoints) {
