@@ -57,9 +57,8 @@ void TimelineView::press(QPointF point, Qt::KeyboardModifiers modifiers, int cli
         drag_ = drag::LaneResize{point.y(), areas.loudnessHeight};
         return;
     }
-    if (areas.loudnessHeight > 0 && areas.loudness.contains(point)) {
-        if (model_.content().frameCount() > 0)
-            pressOnEnvelope(point, modifiers, clickCount);
+    if (areas.loudnessHeight > 0 && areas.loudness.contains(point) && model_.content().frameCount() > 0) {
+        pressOnEnvelope(point, modifiers, clickCount);
         return;
     }
     if (point.y() >= rulerHeight)

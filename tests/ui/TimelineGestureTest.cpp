@@ -11,6 +11,7 @@
 #include "ui/DocumentWindows.h"
 #include "ui/MainWindow.h"
 #include "ui/TimelineDrawing.h"
+#include "ui/TimelineReadout.h"
 #include "ui/TimelineView.h"
 
 #include <QAction>
@@ -824,6 +825,19 @@ TEST_F(TimelineGestureTest, DropsOfLocalFilesAreHandedOn) {
     QDragEnterEvent refused(QPoint(100, 100), Qt::CopyAction, &text, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(view.get(), &refused);
     EXPECT_FALSE(refused.isAccepted());
+}
+
+TEST(TimelineReadoutTest, TextsOfTheEnvelopeDrags) {
+    EXPECT_EQ(pointReadout(-3.04, 48000, TimeFormat::samples, rate),
+              "-3.0 dB  @ " + string(TimeFormat::samples, 48000, rate));
+    EXPECT_EQ(pointReadout(0, 24000, TimeFormat::seconds, rate),
+              "+0.0 dB  @ " + string(TimeFormat::seconds, 24000, rate));
+    // Under a minute in seconds with three decimals, from a minute on as h:m:s with two.
+    EXPECT_EQ(sectionReadout(1.26, 2879, rate), QStringLiteral("+1.3 dB  (0.060 s)"));
+    EXPECT_EQ(sectionReadout(-12, 59.9995 * rate, rate), QStringLiteral("-12.0 dB  (59.999 s)"));
+    EXPECT_EQ(sectionReadout(6, 61.5 * rate, rate), QStringLiteral("+6.0 dB  (") + hms(61.5, 2) + ")");
+    EXPECT_EQ(barsReadout(2, 4, 4), QStringLiteral("+2.0 dB  (bar 5)"));
+    EXPECT_EQ(barsReadout(-0.04, 0, 9), QStringLiteral("-0.0 dB  (bars 1–10 (10))"));
 }
 
 // In the window: a dropped file opens in a window of its own, and the trace tells a dragged
