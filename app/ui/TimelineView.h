@@ -56,8 +56,8 @@ public:
     /// One beat of the autoscroll timer: scrolls by the overshoot of the last drag point and
     /// applies the drag there, so a selection grows with the pointer at rest.
     void autoscrollTick();
-    /// Where the context menu finds the window's commands by id ("cut", "fadeIn", ...); without
-    /// one it carries only the timeline's own entries.
+    /// Where the context menu finds the window's commands by id ("cut", "fadeIn", ...), with
+    /// their shortcuts and enabled states; without one its entries call the model themselves.
     void setCommandLookup(std::function<QAction*(std::string_view id)> lookup) {
         lookup_ = std::move(lookup);
     }

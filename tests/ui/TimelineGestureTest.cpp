@@ -28,6 +28,7 @@
 #include <QWheelEvent>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace harlune {
 namespace {
@@ -88,37 +89,24 @@ protected:
 
     void send(const Step& step) {
         const QPointF at(step.x, step.y);
-        const QPointF global = view->mapToGlobal(at);
-        switch (step.kind) {
-        case Kind::press: {
-            QMouseEvent event(QEvent::MouseButtonPress, at, global, Qt::LeftButton, Qt::LeftButton,
-                              step.modifiers);
-            QApplication::sendEvent(view.get(), &event);
-            break;
-        }
-        case Kind::move: {
-            QMouseEvent event(QEvent::MouseMove, at, global, Qt::NoButton, Qt::LeftButton, step.modifiers);
-            QApplication::sendEvent(view.get(), &event);
-            break;
-        }
-        case Kind::hover: {
-            QMouseEvent event(QEvent::MouseMove, at, global, Qt::NoButton, Qt::NoButton, step.modifiers);
-            QApplication::sendEvent(view.get(), &event);
-            break;
-        }
-        case Kind::release: {
-            QMouseEvent event(QEvent::MouseButtonRelease, at, global, Qt::LeftButton, Qt::NoButton,
-                              step.modifiers);
-            QApplication::sendEvent(view.get(), &event);
-            break;
-        }
-        case Kind::doubleClick: {
-            QMouseEvent event(QEvent::MouseButtonDblClick, at, global, Qt::LeftButton, Qt::LeftButton,
-                              step.modifiers);
-            QApplication::sendEvent(view.get(), &event);
-            break;
-        }
-        }
+        const auto [type, button,
+                    buttons] = [&]() -> std::tuple<QEvent::Type, Qt::MouseButton, Qt::MouseButtons> {
+            switch (step.kind) {
+            case Kind::press:
+                return {QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton};
+            case Kind::move:
+                return {QEvent::MouseMove, Qt::NoButton, Qt::LeftButton};
+            case Kind::hover:
+                return {QEvent::MouseMove, Qt::NoButton, Qt::NoButton};
+            case Kind::release:
+                return {QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton};
+            case Kind::doubleClick:
+                return {QEvent::MouseButtonDblClick, Qt::LeftButton, Qt::LeftButton};
+            }
+            return {};
+        }();
+        QMouseEvent event(type, at, view->mapToGlobal(at), button, buttons, step.modifiers);
+        QApplication::sendEvent(view.get(), &event);
     }
     void run(const std::vector<Step>& steps) {
         for (const Step& step : steps)
