@@ -1,31 +1,14 @@
-// Keys of the timeline, its context menu and file drops. Keys match QKeyEvent::key(), never the
-// text, so that layouts and modifiers do not change their meaning.
+// Keys of the timeline. They match QKeyEvent::key(), never the text, so that layouts and
+// modifiers do not change their meaning.
 #include "editor/EditorModel.h"
-#include "ui/TimelineHitTest.h"
 #include "ui/TimelineView.h"
 
-#include <QAction>
-#include <QContextMenuEvent>
-#include <QDropEvent>
 #include <QKeyEvent>
-#include <QMenu>
-#include <QMimeData>
-#include <QUrl>
+#include <QNativeGestureEvent>
 #include <algorithm>
-#include <array>
-#include <cmath>
 
 namespace harlune {
 namespace {
-
-QStringList localFiles(const QMimeData* data) {
-    QStringList paths;
-    if (data && data->hasUrls())
-        for (const QUrl& url : data->urls())
-            if (url.isLocalFile())
-                paths << url.toLocalFile();
-    return paths;
-}
 
 // Keys the window's shortcuts would take first: the timeline claims them while it has focus and
 // nothing is busy (Escape then belongs to the busy panel's Cancel).
@@ -130,120 +113,4 @@ void TimelineView::moveCursor(int64_t delta, bool extend) {
     model_.setCursor(fixed);
     model_.ensureVisible(moving);
 }
-
-QMenu* TimelineView::contextMenuAt(QPointF point) {
-    auto* menu = new QMenu(this);
-    const bool hasSelection = model_.selection().has_value();
-    struct Entry {
-        const char* id;
-        const char* title;
-        bool needsSelection;
-    };
-    static constexpr std::array entries{
-        Entry{"cut", "Cut", true},
-        Entry{"copy", "Copy", true},
-        Entry{"paste", "Paste", false},
-        Entry{"pasteMix", "Paste Mix", false},
-        Entry{"delete", "Delete", true},
-        Entry{"trimToSelection", "Trim to Selection", true},
-        Entry{"silenceSelection", "Silence", true},
-        Entry{"fadeIn", "Fade In", true},
-        Entry{"fadeOut", "Fade Out", true},
-        Entry{nullptr, nullptr, false},
-        Entry{"zoomToSelection", "Zoom to Selection", true},
-        Entry{"zoomToFit", "Zoom to Fit", false},
-    };
-    for (const Entry& entry : entries) {
-        if (!entry.id) {
-            menu->addSeparator();
-            continue;
-        }
-        // The window's own action: its title, shortcut, enabled state and handler.
-        if (QAction* shared = lookup_ ? lookup_(entry.id) : nullptr) {
-            menu->addAction(shared);
-            continue;
-        }
-        QAction* own = menu->addAction(tr(entry.title));
-        own->setEnabled((!entry.needsSelection || hasSelection) && !model_.busy());
-        own->setObjectName(QString::fromLatin1(entry.id));
-        connect(own, &QAction::triggered, this, [this, id = std::string_view(entry.id)] { runCommand(id); });
-    }
-    menu->addSeparator();
-    const int64_t frame = frameAtX(model_, point.x());
-    QAction* addHere = menu->addAction(tr("Add Marker Here"));
-    connect(addHere, &QAction::triggered, this, [this, frame] { model_.addMarker(frame); });
-    if (const auto id = markerHit(model_, point)) {
-        for (const Marker& marker : model_.markers())
-            if (marker.id == *id) {
-                QAction* remove = menu->addAction(tr("Remove Marker “%1”").arg(marker.name));
-                connect(remove, &QAction::triggered, this, [this, id = *id] { model_.removeMarker(id); });
-            }
-    }
-    return menu;
-}
-
-void TimelineView::runCommand(std::string_view id) {
-    if (id == "cut") {
-        model_.copy();
-        model_.deleteNamed(QStringLiteral("Cut"));
-    } else if (id == "copy") {
-        model_.copy();
-    } else if (id == "paste") {
-        model_.paste();
-    } else if (id == "pasteMix") {
-        model_.pasteMix();
-    } else if (id == "delete") {
-        model_.deleteNamed(QStringLiteral("Delete"));
-    } else if (id == "trimToSelection") {
-        model_.trimToSelection();
-    } else if (id == "silenceSelection") {
-        model_.silence();
-    } else if (id == "fadeIn" || id == "fadeOut") {
-        model_.fade(id == "fadeIn" ? FadeDirection::fadeIn : FadeDirection::fadeOut, FadeShape::sCurve);
-    } else if (id == "zoomToSelection") {
-        model_.zoomToSelection();
-    } else if (id == "zoomToFit") {
-        model_.zoomToFit();
-    }
-}
-
-void TimelineView::contextMenuEvent(QContextMenuEvent* event) {
-    // On X11 this comes at the press; selection and cursor stay as they are.
-    setFocus(Qt::PopupFocusReason);
-    if (model_.busy())
-        return;
-    QMenu* menu = contextMenuAt(event->pos());
-    menu->setAttribute(Qt::WA_DeleteOnClose);
-    menu->popup(event->globalPos());
-}
-
-void TimelineView::dragEnterEvent(QDragEnterEvent* event) {
-    if (localFiles(event->mimeData()).isEmpty()) {
-        event->ignore();
-        return;
-    }
-    event->setDropAction(Qt::CopyAction);
-    event->accept();
-}
-
-void TimelineView::dragMoveEvent(QDragMoveEvent* event) {
-    if (localFiles(event->mimeData()).isEmpty()) {
-        event->ignore();
-        return;
-    }
-    event->setDropAction(Qt::CopyAction);
-    event->accept();
-}
-
-void TimelineView::dropEvent(QDropEvent* event) {
-    const QStringList paths = localFiles(event->mimeData());
-    if (paths.isEmpty()) {
-        event->ignore();
-        return;
-    }
-    event->setDropAction(Qt::CopyAction);
-    event->accept();
-    Q_EMIT filesDropped(paths);
-}
-
 } // namespace harlune

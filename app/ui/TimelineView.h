@@ -114,7 +114,7 @@ private:
     // Keys, wheel and pinch (TimelineKeys.cpp, TimelineWheel.cpp).
     bool handleKey(const QKeyEvent& event);
     void moveCursor(int64_t delta, bool extend);
-    /// A context-menu command when the window lends none.
+    /// A context-menu command when the window lends none (TimelineContextMenu.cpp).
     void runCommand(std::string_view id);
     void stepEnvelopeRange(bool smaller);
     void pinch(const QNativeGestureEvent& event);
