@@ -1,5 +1,6 @@
 // harlune-ui-drag-bench: dragging a selection across the timeline of a one-hour stereo file, on
-// the offscreen platform, 1920 × 600 points at device pixel ratio 1, the whole file in view.
+// the offscreen platform, 1920 × 600 points (QT_SCALE_FACTOR=2 for a ratio of 2), the whole
+// file in view.
 //
 // Latency: from sending a synthesized mouse move to the end of the paint it causes, median and
 // 95th percentile of 300 moves. CPU: the process's CPU time over 5 s of moves at 60 per second,
@@ -138,8 +139,8 @@ int main(int argc, char** argv) {
     std::sort(latencies.begin(), latencies.end());
     std::sort(events.begin(), events.end());
     std::sort(paints.begin(), paints.end());
-    std::printf("drag a selection, 1 hour stereo, %dx%d dpr 1, whole file in view%s\n", width, height,
-                measure ? ", measurements on" : "");
+    std::printf("drag a selection, 1 hour stereo, %dx%d dpr %.2g, whole file in view%s\n", width, height,
+                view.devicePixelRatioF(), measure ? ", measurements on" : "");
     std::printf("  move to end of paint: median %.2f ms, p95 %.2f ms, max %.2f ms (300 moves)\n",
                 latencies[latencies.size() / 2], latencies[latencies.size() * 95 / 100], latencies.back());
     std::printf("  of which the event's handling %.2f ms and the paint %.2f ms (medians)\n",
