@@ -291,6 +291,12 @@ void TimelineView::release() {
             } else if constexpr (std::is_same_v<Case, drag::GainPoint>) {
                 model_.endEnvelopeEdit(current.original, QStringLiteral("Adjust Gain Point"));
             } else if constexpr (std::is_same_v<Case, drag::GainSection>) {
+                // A Shift+click that raised nothing leaves no edge points behind and no step.
+                if (model_.envelopes()[model_.envelopeTarget()] == current.prepared) {
+                    EnvelopeSet envelopes = model_.envelopes();
+                    envelopes.set(model_.envelopeTarget(), current.original);
+                    model_.setEnvelopes(std::move(envelopes));
+                }
                 model_.endEnvelopeEdit(current.original, QStringLiteral("Adjust Gain Section"));
             } else if constexpr (std::is_same_v<Case, drag::GainBars>) {
                 model_.endEnvelopeEdit(current.original, QStringLiteral("Adjust Bars"));

@@ -539,6 +539,11 @@ TEST_F(TimelineGestureTest, ShiftDragRaisesASectionAsOneStep) {
         undo.undo();
         EXPECT_TRUE(master().points().empty());
     }
+    // A Shift+click that raises nothing leaves the envelope as it was, without a step.
+    undo.clear();
+    run({{Kind::press, 150, envelopeMid, Qt::ShiftModifier}, {Kind::release, 150, envelopeMid}});
+    EXPECT_TRUE(master().points().empty());
+    EXPECT_EQ(undo.count(), 0);
 }
 
 TEST_F(TimelineGestureTest, ShiftDragWithTheGridRaisesWholeBars) {
