@@ -160,12 +160,27 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     connect(&undo, &QUndoStack::cleanChanged, this, &MainWindow::updateTitle);
     connect(&undo, &QUndoStack::indexChanged, this, &MainWindow::traceCommand);
     connect(&undo, &QUndoStack::indexChanged, this, &MainWindow::updateActions);
-    connect(&model, &EditorModel::selectionChanged, this, [this] {
+    // A drag on the timeline traces its selection once, at the release.
+    const auto traceSelection = [this] {
         const auto& selection = document_.model().selection();
         if (selection)
             trace_.line(QStringLiteral("selection %1..%2").arg(selection->lower).arg(selection->upper));
         else
             trace_.line(QStringLiteral("selection none"));
+    };
+    connect(&model, &EditorModel::selectionChanged, this, [this, traceSelection] {
+        if (!timeline_->isInGesture())
+            traceSelection();
+    });
+    connect(timeline_, &TimelineView::gestureEnded, this, [traceSelection](bool selectionChanged) {
+        if (selectionChanged)
+            traceSelection();
+    });
+    timeline_->setCommandLookup([this](std::string_view id) { return action(id); });
+    connect(timeline_, &TimelineView::filesDropped, this, [this](const QStringList& paths) {
+        if (windows_)
+            for (const QString& path : paths)
+                windows_->openFile(path.toStdString());
     });
     connect(&model, &EditorModel::busyChanged, this, [this] {
         if (!document_.model().busy() && overlay_->isPanelShown())

@@ -40,9 +40,11 @@ const QImage& StaticLayerCache::image(const TimelineCanvas& canvas, const Draw& 
         ++rebuilds_;
     } else if (!dirty_.isEmpty()) {
         image_.setDevicePixelRatio(1);
-        {
+        // Each strip on its own: the drawing walks only the columns its clip covers, and the
+        // bounds of two strips far apart would take in everything between them.
+        for (const QRect& strip : dirty_) {
             QPainter painter(&image_);
-            painter.setClipRegion(dirty_);
+            painter.setClipRect(strip);
             drawing_ = draw(painter);
         }
         image_.setDevicePixelRatio(canvas.scale);

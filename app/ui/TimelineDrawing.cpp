@@ -188,13 +188,20 @@ void Pass::drawColumns(int channel, const QRectF& lane, double halfHeight, const
     // Columns are integer device-pixel rectangles, so the drawing goes untransformed.
     painter_.save();
     painter_.resetTransform();
-    const int64_t columns = pixelCount(lane.width(), scale);
+    int64_t columns = pixelCount(lane.width(), scale);
+    int64_t firstColumn = 0;
+    if (painter_.hasClipping()) {
+        // A strip redrawn alone: only the columns it covers, plus one on either side.
+        const QRectF bounds = painter_.clipBoundingRect();
+        firstColumn = std::max<int64_t>(0, static_cast<int64_t>(std::floor(bounds.left())) - 1);
+        columns = std::min(columns, static_cast<int64_t>(std::ceil(bounds.right())) + 1);
+    }
     std::vector<QRect> peaks;
     std::vector<QRect> cores;
     std::vector<QRect> clips;
     peaks.reserve(static_cast<size_t>(columns));
     cores.reserve(static_cast<size_t>(columns));
-    for (int64_t i = 0; i < columns; ++i) {
+    for (int64_t i = firstColumn; i < columns; ++i) {
         const ColumnFrames frames = columnFrames(scrollFrame, framesPerPixel, i);
         if (frames.start >= frameCount)
             break;

@@ -7,6 +7,7 @@
 #include <QAccessible>
 #include <QAccessibleWidget>
 #include <QEvent>
+#include <QFontMetricsF>
 #include <QPaintEvent>
 #include <QPainter>
 #include <QScreen>
@@ -34,7 +35,8 @@ QAccessibleInterface* timelineAccessible(const QString& className, QObject* obje
 
 } // namespace
 
-TimelineView::TimelineView(EditorModel& model, QWidget* parent) : QWidget(parent), model_(model) {
+TimelineView::TimelineView(EditorModel& model, QWidget* parent)
+    : QWidget(parent), model_(model), autoscroll_([this] { autoscrollTick(); }) {
     static const bool factoryInstalled = [] {
         QAccessible::installFactory(timelineAccessible);
         return true;
@@ -43,9 +45,14 @@ TimelineView::TimelineView(EditorModel& model, QWidget* parent) : QWidget(parent
     setAccessibleName(QStringLiteral("Waveform"));
     setAttribute(Qt::WA_OpaquePaintEvent);
     setMinimumSize(200, 120);
+    setMouseTracking(true);
+    setFocusPolicy(Qt::StrongFocus);
+    setAcceptDrops(true);
+    setCursor(Qt::ArrowCursor);
     playheadTimer_.setTimerType(Qt::PreciseTimer);
     connect(&playheadTimer_, &QTimer::timeout, this, &TimelineView::updatePlayhead);
     lastCursor_ = model_.cursor();
+    lastSelection_ = model_.selection();
     watch();
     playbackChanged();
 }
@@ -59,7 +66,7 @@ void TimelineView::watch() {
     on(&EditorModel::fileInfoChanged, TimelineField::fileInfo);
     on(&EditorModel::envelopesChanged, TimelineField::envelopes);
     on(&EditorModel::envelopeTargetChanged, TimelineField::envelopeTarget);
-    on(&EditorModel::selectionChanged, TimelineField::selection);
+    connect(&model_, &EditorModel::selectionChanged, this, &TimelineView::selectionChanged);
     on(&EditorModel::activeChannelsChanged, TimelineField::activeChannels);
     on(&EditorModel::framesPerPointChanged, TimelineField::framesPerPoint);
     on(&EditorModel::scrollFrameChanged, TimelineField::scrollFrame);
@@ -95,13 +102,49 @@ void TimelineView::cursorChanged() {
         const double x = lineX(static_cast<double>(frame), model_.scrollFrame(), model_.framesPerPoint());
         return QRectF(x - 2, 0, 4, height());
     };
-    if (cache_.lastDrawing().read.contains(TimelineField::cursor)) {
+    // The line shows only without a selection, whatever the last drawing read.
+    if (cache_.lastDrawing().read.contains(TimelineField::cursor) || !model_.selection()) {
         cache_.invalidateStrip(strip(lastCursor_));
         cache_.invalidateStrip(strip(model_.cursor()));
         update(strip(lastCursor_).toAlignedRect());
         update(strip(model_.cursor()).toAlignedRect());
     }
     lastCursor_ = model_.cursor();
+}
+
+void TimelineView::selectionChanged() {
+    // A drag changes the selection at every move: only the strips its edges swept are drawn
+    // again, the stretch between an old and a new edge. A selection that comes or goes also
+    // takes or leaves the cursor line.
+    const std::optional<FrameRange> now = model_.selection();
+    const std::optional<FrameRange> before = lastSelection_;
+    lastSelection_ = now;
+    if (!cache_.lastDrawing().read.contains(TimelineField::selection))
+        return;
+    const auto strip = [this](int64_t from, int64_t to) {
+        const double a =
+            frameToX(static_cast<double>(std::min(from, to)), model_.scrollFrame(), model_.framesPerPoint());
+        const double b =
+            frameToX(static_cast<double>(std::max(from, to)), model_.scrollFrame(), model_.framesPerPoint());
+        const double left = std::max(a - 2, -2.0);
+        const double right = std::min(b + 3, width() + 2.0);
+        if (right <= left)
+            return;
+        const QRectF points(left, 0, right - left, height());
+        cache_.invalidateStrip(points);
+        update(points.toAlignedRect());
+    };
+    if (now && before) {
+        if (before->lower != now->lower)
+            strip(before->lower, now->lower);
+        if (before->upper != now->upper)
+            strip(before->upper, now->upper);
+    } else if (now || before) {
+        const FrameRange shown = now ? *now : *before;
+        strip(shown.lower, shown.upper);
+        strip(model_.cursor(), model_.cursor());
+        strip(lastCursor_, lastCursor_);
+    }
 }
 
 void TimelineView::playbackChanged() {
@@ -164,7 +207,45 @@ TimelineCanvas TimelineView::canvas() const {
     result.height = height();
     result.scale = devicePixelRatioF();
     result.dark = Theme::isDark(palette());
+    if (hoveredPoint_) {
+        const auto& points = model_.envelopes()[model_.envelopeTarget()].points();
+        for (size_t i = 0; i < points.size(); ++i)
+            if (points[i].id == *hoveredPoint_)
+                result.hoveredPoint = static_cast<int>(i);
+    }
     return result;
+}
+
+TimelineLayout TimelineView::layout() const {
+    return timelineLayout(width(), height(), model_.showLoudnessLane(), model_.loudnessLaneHeight());
+}
+
+void TimelineView::paintGestureOverlay(QPainter& painter) {
+    const bool dark = Theme::isDark(palette());
+    if (barSpan_ && model_.content().frameCount() > 0) {
+        const TimelineLayout areas = layout();
+        const double sampleRate = model_.content().sampleRate();
+        const FrameRange bars = model_.grid().barsRange(barSpan_->first, barSpan_->second, sampleRate,
+                                                        model_.content().frameCount());
+        const double left =
+            frameToX(static_cast<double>(bars.lower), model_.scrollFrame(), model_.framesPerPoint());
+        const double right =
+            frameToX(static_cast<double>(bars.upper), model_.scrollFrame(), model_.framesPerPoint());
+        QColor fill = Theme::gridBar.of(dark);
+        fill.setAlphaF(0.15f);
+        painter.fillRect(QRectF(left, areas.loudness.top(), right - left, areas.loudness.height()), fill);
+    }
+    if (dragReadout_) {
+        const QFontMetricsF metrics(painter.font());
+        QRectF box(dragReadout_->at + QPointF(12, -22), metrics.size(0, dragReadout_->text) + QSizeF(10, 4));
+        box.moveLeft(std::clamp(box.left(), 0.0, std::max(0.0, width() - box.width())));
+        box.moveTop(std::clamp(box.top(), 0.0, std::max(0.0, height() - box.height())));
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(Theme::laneBackground.of(dark));
+        painter.drawRoundedRect(box, 4, 4);
+        painter.setPen(Theme::envelope.of(dark));
+        painter.drawText(box, Qt::AlignCenter, dragReadout_->text);
+    }
 }
 
 void TimelineView::paintEvent(QPaintEvent* event) {
@@ -183,6 +264,8 @@ void TimelineView::paintEvent(QPaintEvent* event) {
         painter.fillRect(pixels, Theme::playhead.of(current.dark));
         painter.restore();
     }
+    if (dragReadout_ || barSpan_)
+        paintGestureOverlay(painter);
 }
 
 void TimelineView::resizeEvent(QResizeEvent* event) {

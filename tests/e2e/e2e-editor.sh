@@ -5,12 +5,16 @@
 # must be FLAC with the input's frame count and equal the input × 10^(−6/20) within 1.5 LSB of
 # 16 bits (the default dither). Then a second start forwards a file to the running editor, and
 # Escape during the open of a long FLAC ends a fresh instance with 0 and only trace lines.
+# With harlune-cli given, a selection is dragged with the mouse on a file it wrote, read from the
+# trace line that ends the gesture, deleted with Backspace and saved with Ctrl+S: the file must be
+# shorter by exactly the selected frames, as harlune-cli info reads it.
 # A screenshot stays in the work folder as the test's artefact.
-# Usage: e2e-editor.sh PATH/TO/harlune [ARTEFACT-FOLDER]
+# Usage: e2e-editor.sh PATH/TO/harlune [ARTEFACT-FOLDER [PATH/TO/harlune-cli]]
 set -uo pipefail
 harlune=$1
 work=$(mktemp -d /tmp/harlune-e2e-editor.XXXXXX)
 artefacts=${2:-$work}
+cli=${3:-}
 mkdir -p "$artefacts"
 pids=()
 cleanup() {
@@ -96,6 +100,45 @@ cp "$work/in.wav" "$work/second.wav"
 "$harlune" "$work/second.wav" 2>"$work/second.log" || fail "the second start failed"
 wait_for "$work/editor.log" "file opened .*second.wav frames $frames"
 
+passed=2
+if [[ -n $cli ]]; then
+    # The file comes from the project's own writer; its length from the project's own reader.
+    "$cli" convert --format wav --bits 16 "$work/in.wav" "$work/drag.wav" >/dev/null || fail "harlune-cli could not write drag.wav"
+    cli_frames() { "$cli" info "$1" | awk '$1 == "frames:" {print $2}'; }
+    before=$(cli_frames "$work/drag.wav")
+    [[ $before == "$frames" ]] || fail "harlune-cli reads $before frames in drag.wav, sox wrote $frames"
+    "$harlune" "$work/drag.wav" 2>"$work/drag-start.log" || fail "the start with drag.wav failed"
+    wait_for "$work/editor.log" "file opened .*drag.wav frames $frames"
+    dragged=$(xdotool search --sync --onlyvisible --name "drag.wav" | head -1)
+    [[ -n $dragged ]] || fail "no window named drag.wav"
+    xdotool windowfocus --sync "$dragged"
+    # The lanes of the timeline: left of the inspector, below the overview, above the loudness lane.
+    eval "$(xdotool getwindowgeometry --shell "$dragged")"
+    y=$((HEIGHT * 45 / 100))
+    marks=$(grep -c "selection " "$work/editor.log")
+    xdotool mousemove --window "$dragged" 150 "$y" mousedown 1
+    for x in 170 200 240 280 320; do xdotool mousemove --window "$dragged" "$x" "$y"; done
+    xdotool mouseup 1
+    wait_for "$work/editor.log" "selection [0-9]*\.\.[0-9]*"
+    line=$(grep "selection [0-9]*\.\.[0-9]*" "$work/editor.log" | tail -1)
+    (($(grep -c "selection " "$work/editor.log") == marks + 1)) || fail "the drag traced its selection more than once"
+    lower=$(sed -E 's/.*selection ([0-9]+)\.\.([0-9]+).*/\1/' <<<"$line")
+    upper=$(sed -E 's/.*selection ([0-9]+)\.\.([0-9]+).*/\2/' <<<"$line")
+    ((upper > lower)) || fail "the drag selected nothing: $line"
+    xwd -root -silent >"$artefacts/editor-drag.xwd" 2>/dev/null
+    xdotool key BackSpace
+    wait_for "$work/editor.log" "command done Delete"
+    xdotool key ctrl+s
+    wait_for "$work/editor.log" "save finished $work/drag.wav"
+    after=$(cli_frames "$work/drag.wav")
+    [[ $after == $((frames - (upper - lower))) ]] ||
+        fail "drag.wav has $after frames after deleting $lower..$upper from $frames"
+    if command -v convert >/dev/null && convert "xwd:$artefacts/editor-drag.xwd" "$artefacts/editor-drag.png" 2>/dev/null; then
+        rm -f "$artefacts/editor-drag.xwd"
+    fi
+    passed=3
+fi
+
 if grep -qi ambiguous "$work/editor.log"; then fail "Qt reported an ambiguous shortcut"; fi
 if command -v convert >/dev/null && convert "xwd:$artefacts/editor-save.xwd" "$artefacts/editor-save.png" 2>/dev/null; then
     rm -f "$artefacts/editor-save.xwd"
@@ -124,4 +167,4 @@ wait "$cancelled"
 rc=$?
 [[ $rc == 0 ]] || fail "the program ended with $rc after a cancelled open"
 if grep -v '^harlune: trace: ' "$work/cancel.log" | grep -q .; then fail "more than trace lines after a cancelled open"; fi
-echo "e2e-editor: 2 passed, 0 failed"
+echo "e2e-editor: $((passed)) passed, 0 failed"
