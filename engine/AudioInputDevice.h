@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -76,18 +77,37 @@ public:
     virtual void close() = 0;
     virtual bool isRunning() const = 0;
 
+    /// Routes the open input to the system's default output while `on`, or stops doing so.
+    /// Returns whether the input is now heard there: false when the back end has no monitor
+    /// path (the default) or could not make one. Closing the device ends the monitoring too.
+    virtual bool setMonitoring(bool on);
+
     /// Replaces the handler told (on the main thread) that the open device was lost, with the
     /// server's description.
     void setLossHandler(std::function<void(std::string)> handler);
+    /// Replaces the handler told (on the main thread) that devices appeared, left or changed;
+    /// `inputDevices` then gives the new list. Back ends that cannot tell never call it.
+    void setDevicesChangedHandler(std::function<void()> handler);
 
 protected:
     /// From any thread but the capture callback.
     void notifyLoss(std::string description);
+    /// From any thread but the capture callback. A burst of changes reaches the handler once:
+    /// nothing more is posted while one notice waits to run.
+    void notifyDevicesChanged();
 
 private:
     PostToMainThread post_;
     mutable std::mutex handlerMutex_;
     std::shared_ptr<std::function<void(std::string)>> handler_;
+    /// The devices-changed handler and whether a notice waits on the main thread. Shared with the
+    /// posted notice, which reads the handler when it runs: one cleared meanwhile is not called.
+    struct DevicesChangedSlot {
+        std::mutex mutex;
+        std::function<void()> handler;
+        bool pending = false;
+    };
+    std::shared_ptr<DevicesChangedSlot> devicesChanged_ = std::make_shared<DevicesChangedSlot>();
 };
 
 } // namespace harlune
