@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/AudioOutputDevice.h"
+#include "engine/Realtime.h"
 
 #include <cstdint>
 #include <functional>
@@ -46,7 +47,8 @@ class CaptureSink {
 public:
     virtual ~CaptureSink() = default;
     /// `channels` holds one plane of `frameCount` frames per channel of the open format.
-    virtual void capture(int frameCount, std::span<const float* const> channels) noexcept = 0;
+    virtual void capture(int frameCount,
+                         std::span<const float* const> channels) noexcept HARLUNE_NONBLOCKING = 0;
 };
 
 /// The input side of the machine's audio system: list devices, open a capture stream on one,

@@ -13,7 +13,7 @@ CaptureRing::CaptureRing(int channelCount, int64_t minimumFrames) : channels_(ch
     samples_.assign(frames * static_cast<uint64_t>(channelCount), 0.0f);
 }
 
-bool CaptureRing::push(int frameCount, std::span<const float* const> planes) noexcept {
+bool CaptureRing::push(int frameCount, std::span<const float* const> planes) noexcept HARLUNE_NONBLOCKING {
     if (frameCount <= 0)
         return true;
     const uint64_t write = writeIndex_.load(std::memory_order_relaxed);

@@ -1,5 +1,7 @@
 #include "engine/devices/PipeWireInputDevice.h"
 
+#include "engine/Realtime.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -270,7 +272,7 @@ struct PipeWireInputDevice::Impl {
         pw_thread_loop_signal(self->loop, false);
     }
 
-    static void onProcess(void* data) {
+    static void onProcess(void* data) noexcept HARLUNE_NONBLOCKING {
         auto* self = static_cast<Impl*>(data);
         pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream);
         if (!buffer)
