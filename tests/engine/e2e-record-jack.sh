@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Recording end to end through JACK's dummy driver, whose capture ports are silent: the recorder
+# records through its JACK input device while a player client plays a tone, and the script wires
+# the player's outputs to the recorder's input ports. The take must hold the tone at its level,
+# and the capture thread must allocate nothing. Then the server dies mid-take: the recorder must
+# hear of it, keep the take and disarm.
+# Usage: e2e-record-jack.sh PATH/TO/harlune-e2e-tool PATH/TO/harlune-e2e-record-check
+set -uo pipefail
+tool=$1
+check=$2
+session_name=e2e-record-jack
+source "$(dirname "$0")/test-processes.sh"
+
+# A private server: its own name, and no PipeWire to answer in its place.
+export JACK_DEFAULT_SERVER=harlune-record-$$ JACK_NO_AUDIO_RESERVATION=1
+export XDG_RUNTIME_DIR=$work/run HOME=$work/home
+mkdir -p "$XDG_RUNTIME_DIR" "$HOME"
+chmod 700 "$XDG_RUNTIME_DIR"
+unset PIPEWIRE_REMOTE
+
+jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 1024 >>"$work/jackd.log" 2>&1 &
+jack_pid=$!
+pids+=("$jack_pid")
+wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
+
+"$check" system 6 1000 0.5 "$work/Recordings" jack >"$work/check.log" 2>&1 &
+checker=$!
+pids+=("$checker")
+wait_for grep -q '^port ' "$work/check.log"
+mapfile -t inputs < <(sed -n 's/^port //p' "$work/check.log")
+[ "${#inputs[@]}" -eq 2 ] || fail "the recorder has ${#inputs[@]} input ports, not 2"
+timeout 60 "$tool" play --backend jack --rate 48000 --channels 2 --seconds 4.5 --amplitude 0.5 \
+    >"$work/play.log" 2>&1 &
+player=$!
+pids+=("$player")
+# The player's ports exist before its client is active, when they cannot be joined yet.
+wait_for jack_connect harlune:out_1 "${inputs[0]}"
+wait_for jack_connect harlune:out_2 "${inputs[1]}"
+wait "$checker" || fail "the take did not hold the tone"
+cat "$work/check.log"
+grep -q "0 allocations" "$work/check.log" || fail "the capture thread allocated"
+wait "$player" || fail "play failed"
+ls "$work/Recordings" 2>/dev/null | grep -q . && fail "a safety file was left behind"
+
+# The server dies mid-take: the loss reaches the recorder, which keeps the take and disarms.
+"$check" system 30 1000 0.5 "$work/Recordings" jack until-lost >"$work/loss.log" 2>&1 &
+checker=$!
+pids+=("$checker")
+wait_for grep -q '^recording' "$work/loss.log"
+sleep 1
+kill "$jack_pid"
+wait "$checker" || fail "the recorder did not survive the server's end"
+cat "$work/loss.log"
+grep -q "the JACK server went away" "$work/loss.log" || fail "the loss was not reported"
+echo "$session_name: ok"
