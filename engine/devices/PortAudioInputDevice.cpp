@@ -5,8 +5,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <portaudio.h>
+#include <thread>
 
 namespace harlune {
 
@@ -37,13 +41,49 @@ struct PortAudioInputDevice::Impl {
     PaStream* stream = nullptr;
     std::atomic<CaptureSink*> sink{nullptr};
     std::atomic<bool> stopping{false};
+    int channels = 0; // fixed while the stream runs
+
+    // PortAudio does not report every lost device (a JACK server gone leaves the stream "active"
+    // without callbacks): a watcher looks a few times a second whether callbacks still come.
+    // `mutex` orders its look with the main thread's operations on the stream.
+    std::atomic<int64_t> lastCallback{0}; ///< steady-clock nanoseconds
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool quitting = false;
+    std::thread watcher;
+    // Once its server is gone, PortAudio's calls on the stream wait for a callback that never
+    // comes: such a stream is left alone, and PortAudio stays initialised for the process.
+    bool lost = false;
 
     explicit Impl(PortAudioInputDevice& device) : owner(device) {}
+
+    static int64_t now() noexcept {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+
+    void watch() {
+        std::unique_lock lock(mutex);
+        while (!quitting) {
+            wake.wait_for(lock, std::chrono::milliseconds(200));
+            if (quitting || stream == nullptr || lost || sink.load() == nullptr)
+                continue;
+            const PaStreamInfo* info = Pa_GetStreamInfo(stream);
+            const double patience = std::max(1.0, 10 * (info != nullptr ? info->inputLatency : 0.0));
+            const double silentFor = static_cast<double>(now() - lastCallback.load()) * 1e-9;
+            if (silentFor > patience && sink.exchange(nullptr) != nullptr) {
+                lost = true;
+                owner.notifyLoss("the input device stopped delivering audio");
+            }
+        }
+    }
 
     // PortAudio's real-time thread: with paNonInterleaved the input is one pointer per channel.
     static int onCapture(const void* input, void*, unsigned long frameCount, const PaStreamCallbackTimeInfo*,
                          PaStreamCallbackFlags, void* data) noexcept HARLUNE_NONBLOCKING {
         auto& self = *static_cast<Impl*>(data);
+        self.lastCallback.store(now(), std::memory_order_relaxed);
         CaptureSink* target = self.sink.load(std::memory_order_acquire);
         if (target != nullptr && input != nullptr)
             target->capture(static_cast<int>(frameCount),
@@ -59,12 +99,16 @@ struct PortAudioInputDevice::Impl {
             self.owner.notifyLoss("the input device stopped");
     }
 
-    int channels = 0; // fixed while the stream runs
-
+    /// Under `mutex`.
     void closeStream() {
         sink.store(nullptr, std::memory_order_release);
         if (stream == nullptr)
             return;
+        if (lost) { // see `lost`
+            stream = nullptr;
+            channels = 0;
+            return;
+        }
         stopping = true;
         Pa_AbortStream(stream);
         Pa_CloseStream(stream);
@@ -84,11 +128,19 @@ PortAudioInputDevice::PortAudioInputDevice(PostToMainThread postToMainThread)
     if (error != paNoError)
         throw InputDeviceError(paText(error));
     impl_->initialised = true;
+    impl_->watcher = std::thread([this] { impl_->watch(); });
 }
 
 PortAudioInputDevice::~PortAudioInputDevice() {
+    {
+        const std::lock_guard lock(impl_->mutex);
+        impl_->quitting = true;
+    }
+    impl_->wake.notify_all();
+    impl_->watcher.join();
+    const bool lost = impl_->lost;
     impl_->closeStream();
-    if (impl_->initialised) {
+    if (impl_->initialised && !lost) {
         const QuietStandardError quiet;
         Pa_Terminate();
     }
@@ -124,6 +176,9 @@ std::optional<uint32_t> PortAudioInputDevice::defaultInputDevice() {
 
 CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
     Impl& d = *impl_;
+    const std::lock_guard lock(d.mutex);
+    if (d.lost)
+        throw InputDeviceError("the sound server went away");
     d.closeStream();
     const PaDeviceIndex index = deviceID ? static_cast<PaDeviceIndex>(*deviceID) : Pa_GetDefaultInputDevice();
     const PaDeviceInfo* info = index >= 0 && index < Pa_GetDeviceCount() ? Pa_GetDeviceInfo(index) : nullptr;
@@ -153,6 +208,7 @@ CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
                               &Impl::onCapture, &d);
         if (error == paNoError) {
             Pa_SetStreamFinishedCallback(d.stream, &Impl::onFinished);
+            d.lastCallback = Impl::now();
             // Running from here on lets a device that cannot deliver fail now, not at the take.
             error = Pa_StartStream(d.stream);
         }
@@ -169,12 +225,15 @@ CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
 }
 
 void PortAudioInputDevice::start(CaptureSink& sink) {
-    if (impl_->stream == nullptr)
+    const std::lock_guard lock(impl_->mutex);
+    if (impl_->stream == nullptr || impl_->lost)
         throw InputDeviceError("no input stream is open");
+    impl_->lastCallback = Impl::now();
     impl_->sink.store(&sink, std::memory_order_release);
 }
 
 void PortAudioInputDevice::close() {
+    const std::lock_guard lock(impl_->mutex);
     impl_->closeStream();
 }
 

@@ -2,8 +2,9 @@
 # Recording end to end through JACK's dummy driver, whose capture ports are silent: the recorder
 # records through its JACK input device while a player client plays a tone, and the script wires
 # the player's outputs to the recorder's input ports. The take must hold the tone at its level,
-# and the capture thread must allocate nothing. Then the server dies mid-take: the recorder must
-# hear of it, keep the take and disarm.
+# and the capture thread must allocate nothing. The same through the PortAudio input device on
+# PortAudio's JACK host API. Then the server dies mid-take: the recorder must hear of it, keep the
+# take and disarm.
 # Usage: e2e-record-jack.sh PATH/TO/harlune-e2e-tool PATH/TO/harlune-e2e-record-check
 set -uo pipefail
 tool=$1
@@ -18,12 +19,16 @@ mkdir -p "$XDG_RUNTIME_DIR" "$HOME"
 chmod 700 "$XDG_RUNTIME_DIR"
 unset PIPEWIRE_REMOTE
 
-jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 1024 >>"$work/jackd.log" 2>&1 &
-jack_pid=$!
-pids+=("$jack_pid")
-wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
+start_jack() {
+    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 1024 >>"$work/jackd.log" 2>&1 &
+    jack_pid=$!
+    pids+=("$jack_pid")
+    wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
+}
+start_jack
 
-"$check" system 6 1000 0.5 "$work/Recordings" jack >"$work/check.log" 2>&1 &
+# With no PipeWire daemon but a JACK server, the default choice is the JACK input device.
+"$check" system 6 1000 0.5 "$work/Recordings" automatic >"$work/check.log" 2>&1 &
 checker=$!
 pids+=("$checker")
 wait_for grep -q '^port ' "$work/check.log"
@@ -39,17 +44,47 @@ wait_for jack_connect harlune:out_2 "${inputs[1]}"
 wait "$checker" || fail "the take did not hold the tone"
 cat "$work/check.log"
 grep -q "0 allocations" "$work/check.log" || fail "the capture thread allocated"
+grep -q "input back end: JACK" "$work/check.log" || fail "the JACK input device was not chosen"
 wait "$player" || fail "play failed"
 ls "$work/Recordings" 2>/dev/null | grep -q . && fail "a safety file was left behind"
 
-# The server dies mid-take: the loss reaches the recorder, which keeps the take and disarms.
-"$check" system 30 1000 0.5 "$work/Recordings" jack until-lost >"$work/loss.log" 2>&1 &
+# PortAudio's JACK client names its ports itself: they are found in the server's list.
+"$check" "JACK Audio Connection Kit:system" 6 1000 0.25 "$work/Recordings" portaudio \
+    >"$work/check-portaudio.log" 2>&1 &
 checker=$!
 pids+=("$checker")
-wait_for grep -q '^recording' "$work/loss.log"
-sleep 1
-kill "$jack_pid"
-wait "$checker" || fail "the recorder did not survive the server's end"
-cat "$work/loss.log"
-grep -q "the JACK server went away" "$work/loss.log" || fail "the loss was not reported"
+wait_for grep -q '^recording' "$work/check-portaudio.log"
+mapfile -t inputs < <(jack_lsp | grep '^PortAudio[^:]*:in_')
+[ "${#inputs[@]}" -eq 2 ] || fail "PortAudio has ${#inputs[@]} input ports, not 2"
+timeout 60 "$tool" play --backend jack --rate 48000 --channels 2 --seconds 4.5 --amplitude 0.25 \
+    >"$work/play-portaudio.log" 2>&1 &
+player=$!
+pids+=("$player")
+wait_for jack_connect harlune:out_1 "${inputs[0]}"
+wait_for jack_connect harlune:out_2 "${inputs[1]}"
+wait "$checker" || fail "the take through PortAudio did not hold the tone"
+cat "$work/check-portaudio.log"
+grep -q "0 allocations" "$work/check-portaudio.log" || fail "the PortAudio capture thread allocated"
+wait "$player" || fail "play failed"
+
+# The server dies mid-take: the loss reaches the recorder, which keeps the take and disarms.
+# lose_server LOG REASON CHECK-ARGUMENTS...
+lose_server() {
+    local log=$work/$1 reason=$2
+    shift 2
+    "$check" "$@" 30 1000 0.5 "$work/Recordings" "${backend[@]}" until-lost >"$log" 2>&1 &
+    checker=$!
+    pids+=("$checker")
+    wait_for grep -q '^recording' "$log"
+    sleep 1
+    kill "$jack_pid"
+    wait "$checker" || fail "the recorder did not survive the server's end ($log)"
+    cat "$log"
+    grep -q "$reason" "$log" || fail "the loss was not reported ($log)"
+}
+backend=(portaudio)
+lose_server loss-portaudio "stopped delivering audio" "JACK Audio Connection Kit:system"
+start_jack
+backend=(jack)
+lose_server loss-jack "the JACK server went away" system
 echo "$session_name: ok"

@@ -1,7 +1,7 @@
 // Records from an input through the recorder (capture stream, ring, tap thread, safety file) and
 // checks that a tone of a given frequency and amplitude arrived. Then it captures once more into a
 // take buffer with the allocations of the back end's capture thread counted, which must be none.
-// BACKEND is pipewire (the default), jack or portaudio; with jack it prints the recorder's port
+// BACKEND is pipewire (the default), jack, portaudio or automatic; with jack it prints the recorder's port
 // names once it records, for the script to wire a player to them.
 // With until-lost the server is expected to go away mid-take: the recorder must then disarm with
 // the reason and keep what it took.
@@ -65,6 +65,8 @@ InputBackend backendNamed(const std::string& name) {
         return InputBackend::jack;
     if (name == "portaudio")
         return InputBackend::portAudio;
+    if (name == "automatic")
+        return InputBackend::automatic;
     return InputBackend::pipeWire;
 }
 
@@ -84,6 +86,7 @@ int main(int argc, char** argv) {
     std::shared_ptr<AudioInputDevice> device =
         makeDefaultInputDevice(queue.poster(), backendNamed(argc >= 7 ? argv[6] : "pipewire"));
     const bool untilLost = argc == 8 && std::string(argv[7]) == "until-lost";
+    std::printf("input back end: %s\n", device->name().c_str());
     std::optional<uint32_t> id;
     for (const InputDevice& input : device->inputDevices()) {
         std::printf("input %u %s \"%s\" %d channels\n", input.id, input.uid.c_str(), input.name.c_str(),
