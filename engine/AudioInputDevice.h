@@ -17,7 +17,7 @@ namespace harlune {
 
 /// One input device of the audio system as the recorder lists it.
 struct InputDevice {
-    uint32_t id = 0;  ///< the server's id for the device (PipeWire's global id)
+    uint32_t id = 0;  ///< the back end's id (PipeWire's global id, PortAudio's device index)
     std::string uid;  ///< stable across runs (PipeWire's node.name)
     std::string name; ///< what the user reads (node.description)
     int channelCount = 0;

@@ -153,7 +153,10 @@ struct PipeWireInputDevice::Impl {
     bool listed = false;    ///< the first listing is done: changes from now on are news
     std::string openTarget; ///< node.name of the open stream's source
     int openChannels = 0;
-    pw_impl_module* monitor = nullptr; ///< the loopback from the open source to the default sink
+    /// The loopback from the open source to the default sink. It ends itself when the source goes
+    /// (its capture side does not reconnect), which its destroy event tells.
+    pw_impl_module* monitor = nullptr;
+    spa_hook monitorListener{};
 
     pw_stream* stream = nullptr;
     spa_hook streamListener{};
@@ -312,9 +315,19 @@ struct PipeWireInputDevice::Impl {
     }
 
     void unloadMonitor() {
-        if (monitor)
-            pw_impl_module_destroy(monitor);
-        monitor = nullptr;
+        if (!monitor)
+            return;
+        pw_impl_module* module = monitor;
+        forgetMonitor(this);
+        pw_impl_module_destroy(module);
+    }
+
+    static void forgetMonitor(void* data) {
+        auto* self = static_cast<Impl*>(data);
+        if (!self->monitor)
+            return;
+        spa_hook_remove(&self->monitorListener);
+        self->monitor = nullptr;
     }
 
     void destroyStream() {
@@ -520,7 +533,16 @@ bool PipeWireInputDevice::setMonitoring(bool on) {
         arguments += " target.object = " + quoted(d.openTarget);
     arguments += " } playback.props = { node.name = \"harlune.monitor\" media.role = \"Production\" } }";
     d.monitor = pw_context_load_module(d.context, "libpipewire-module-loopback", arguments.c_str(), nullptr);
-    return d.monitor != nullptr;
+    if (!d.monitor)
+        return false;
+    static const pw_impl_module_events events = [] {
+        pw_impl_module_events e{};
+        e.version = PW_VERSION_IMPL_MODULE_EVENTS;
+        e.destroy = &Impl::forgetMonitor;
+        return e;
+    }();
+    pw_impl_module_add_listener(d.monitor, &d.monitorListener, &events, &d);
+    return true;
 }
 
 bool PipeWireInputDevice::isRunning() const {

@@ -2,17 +2,18 @@
 # Monitoring through PipeWire: a private server with the null sink "test" (where a tone plays) and
 # a second null sink "speakers" as the default sink. The recorder arms on a source made from
 # test's monitor with monitoring on; the tone must reach the speakers' monitor, and stop when
-# monitoring goes off. Then a mono source comes and goes, and the recorder's device list follows.
+# monitoring goes off. Then a mono source comes and goes, and the recorder's device list follows;
+# last the armed source goes, which disarms the recorder.
 # Usage: e2e-monitor.sh PATH/TO/harlune-e2e-monitor-check
 set -uo pipefail
 check=$1
 session_name=e2e-monitor
-quantum=1024
+quantum=4096
 source "$(dirname "$0")/private-pipewire.sh"
 
 pactl load-module module-null-sink sink_name=speakers rate=48000 channels=2 >/dev/null || fail "no second sink"
 wait_for pactl set-default-sink speakers
-pactl load-module module-remap-source master=test.monitor source_name=testmic >/dev/null ||
+testmic=$(pactl load-module module-remap-source master=test.monitor source_name=testmic) ||
     fail "no virtual source"
 pactl load-module module-remap-source master=speakers.monitor source_name=heard >/dev/null ||
     fail "no listening source"
@@ -29,6 +30,8 @@ late=$(pactl load-module module-remap-source master=test.monitor source_name=lat
     fail "no mono source"
 wait_for grep -q "latemono listed" "$work/check.log"
 pactl unload-module "$late" || fail "the mono source would not go"
-wait "$checker" || fail "monitoring or the device list went wrong"
+wait_for grep -q "waiting for the armed source to go" "$work/check.log"
+pactl unload-module "$testmic" || fail "the armed source would not go"
+wait "$checker"; status=$?; [ $status -eq 0 ] || fail "monitoring or the device list went wrong ($status)"
 cat "$work/check.log"
 echo "$session_name: ok"

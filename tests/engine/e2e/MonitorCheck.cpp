@@ -1,7 +1,8 @@
 // Monitoring and device changes through PipeWire. Arms the recorder on SOURCE with monitoring on,
 // listens on LISTEN (a source made from the default sink's monitor) and checks that the tone
 // heard there is the tone sent; with monitoring off it must stop. Then it waits for the script to
-// add a mono source and take it away again, and checks that the device list follows.
+// add a mono source and take it away again, and checks that the device list follows; last the
+// armed source goes away, and the recorder must disarm with a message.
 // Usage: harlune-e2e-monitor-check SOURCE LISTEN FREQUENCY AMPLITUDE
 #include "engine/MainThreadQueue.h"
 #include "engine/Recorder.h"
@@ -145,6 +146,14 @@ int main(int argc, char** argv) {
     std::printf("latemono %s; recorder %s\n", left ? "left the list" : "stayed listed",
                 recorder.isArmed() ? "still armed" : "disarmed");
     ok = ok && left && recorder.isArmed();
+
+    // The script takes the armed source away: the recorder disarms and says why.
+    std::printf("waiting for the armed source to go\n");
+    std::fflush(stdout);
+    const bool disarmed = waitFor(queue, [&] { return !recorder.isArmed(); });
+    std::printf("armed source gone: %s\n",
+                disarmed ? recorder.errorMessage().value_or("no message").c_str() : "still armed");
+    ok = ok && disarmed && recorder.errorMessage() && !find(recorder.devices(), sourceUID);
     recorder.disarm();
     return ok ? 0 : 1;
 }
