@@ -11,8 +11,10 @@ namespace harlune {
 /// Capture straight from a JACK server: client "harlune-input" with one input port per channel
 /// ("in_1", ...), joined to the server's physical capture ports in order. JACK has one device
 /// here, the machine's capture ports (two unjoined ports when it has none, for wiring by hand);
-/// the rate is the server's. When the server dies the loss handler hears of it; the next `open`
-/// or listing tries a new server.
+/// the rate is the server's. Monitoring plays the first two inputs through the ports "monitor_1"
+/// and "monitor_2", joined to the first two physical playback ports while it is on (a mono input
+/// to both). When the server dies the loss handler hears of it; the next `open` or listing tries
+/// a new server.
 class JackInputDevice final : public AudioInputDevice {
 public:
     /// The one device's id.
@@ -29,8 +31,10 @@ public:
     void start(CaptureSink& sink) override;
     void close() override;
     bool isRunning() const override;
+    bool setMonitoring(bool on) override;
 
-    /// The full names of the open stream's ports ("harlune-input:in_1", ...), empty when closed.
+    /// The full names of the open stream's ports, inputs then monitors ("harlune-input:in_1", ...,
+    /// "harlune-input:monitor_1", ...), empty when closed.
     std::vector<std::string> portNames() const;
 
     struct Impl;

@@ -20,7 +20,8 @@ chmod 700 "$XDG_RUNTIME_DIR"
 unset PIPEWIRE_REMOTE
 
 start_jack() {
-    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 1024 >>"$work/jackd.log" 2>&1 &
+    # A long period, as in the playback test: a shared, unprivileged machine.
+    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >>"$work/jackd.log" 2>&1 &
     jack_pid=$!
     pids+=("$jack_pid")
     wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
@@ -32,7 +33,7 @@ start_jack
 checker=$!
 pids+=("$checker")
 wait_for grep -q '^port ' "$work/check.log"
-mapfile -t inputs < <(sed -n 's/^port //p' "$work/check.log")
+mapfile -t inputs < <(sed -n 's/^port \(.*:in_.*\)$/\1/p' "$work/check.log")
 [ "${#inputs[@]}" -eq 2 ] || fail "the recorder has ${#inputs[@]} input ports, not 2"
 timeout 60 "$tool" play --backend jack --rate 48000 --channels 2 --seconds 4.5 --amplitude 0.5 \
     >"$work/play.log" 2>&1 &
@@ -47,6 +48,38 @@ grep -q "0 allocations" "$work/check.log" || fail "the capture thread allocated"
 grep -q "input back end: JACK" "$work/check.log" || fail "the JACK input device was not chosen"
 wait "$player" || fail "play failed"
 ls "$work/Recordings" 2>/dev/null | grep -q . && fail "a safety file was left behind"
+
+# Monitoring: the recorder's monitor ports play what its inputs get, joined to the speakers while
+# monitoring is on. A JACK recorder started first takes the monitor ports (the only other outputs
+# then) and must hear the whole tone.
+"$check" system 9 1000 0.5 "$work/Recordings" jack monitor >"$work/check-monitor.log" 2>&1 &
+checker=$!
+pids+=("$checker")
+wait_for grep -q '^port .*monitor_2' "$work/check-monitor.log"
+mapfile -t inputs < <(sed -n 's/^port \(.*:in_.*\)$/\1/p' "$work/check-monitor.log")
+jack_recorder=$(dirname "$tool")/harlune-jack-record
+"$jack_recorder" "$work/monitor.wav" 20 >"$work/jack-record.log" 2>&1 &
+listener=$!
+pids+=("$listener")
+wait_for grep -q recording "$work/jack-record.log"
+wait_for sh -c 'jack_lsp -c | grep -A3 "^harlune-input:monitor_1" | grep -q "harlune-recorder:in_1"'
+# A long lead: the tone must not start before the script has wired the player.
+timeout 60 "$tool" play --backend jack --rate 48000 --channels 2 --lead 1.5 --seconds 5 --amplitude 0.5 \
+    >"$work/play-monitor.log" 2>&1 &
+player=$!
+pids+=("$player")
+wait_for jack_connect harlune:out_1 "${inputs[0]}"
+wait_for jack_connect harlune:out_2 "${inputs[1]}"
+jack_lsp -c | grep -A3 "^harlune-input:monitor_1" | grep -q "system:playback_1" ||
+    fail "the monitor is not joined to the speakers"
+wait_for grep -q "monitoring off" "$work/check-monitor.log"
+jack_lsp -c | grep -A3 "^harlune-input:monitor_" | grep -q "system:playback" &&
+    fail "the monitor stayed joined to the speakers"
+wait "$checker" || fail "the monitored take did not hold the tone"
+wait "$player" || fail "play failed"
+kill -INT "$listener"
+for _ in $(seq 50); do kill -0 "$listener" 2>/dev/null || break; sleep 0.1; done
+"$tool" check "$work/monitor.wav" --seconds 5 --amplitude 0.5 || fail "the monitor did not pass the tone"
 
 # PortAudio's JACK client names its ports itself: they are found in the server's list.
 "$check" "JACK Audio Connection Kit:system" 6 1000 0.25 "$work/Recordings" portaudio \

@@ -4,8 +4,9 @@
 // BACKEND is pipewire (the default), jack, portaudio or automatic; with jack it prints the recorder's port
 // names once it records, for the script to wire a player to them.
 // With until-lost the server is expected to go away mid-take: the recorder must then disarm with
-// the reason and keep what it took.
-// Usage: harlune-e2e-record-check UID SECONDS FREQUENCY AMPLITUDE FOLDER [BACKEND [until-lost]]
+// the reason and keep what it took. With monitor the recorder monitors during the take, and after
+// it says "monitoring off" and waits two seconds for the script to look.
+// Usage: harlune-e2e-record-check UID SECONDS FREQUENCY AMPLITUDE FOLDER [BACKEND [until-lost|monitor]]
 #include "engine/MainThreadQueue.h"
 #include "engine/Recorder.h"
 #include "engine/devices/DefaultInputDevice.h"
@@ -74,7 +75,8 @@ InputBackend backendNamed(const std::string& name) {
 
 int main(int argc, char** argv) {
     if (argc < 6 || argc > 8) {
-        std::fprintf(stderr, "usage: %s UID SECONDS FREQUENCY AMPLITUDE FOLDER [BACKEND [until-lost]]\n",
+        std::fprintf(stderr,
+                     "usage: %s UID SECONDS FREQUENCY AMPLITUDE FOLDER [BACKEND [until-lost|monitor]]\n",
                      argv[0]);
         return 2;
     }
@@ -86,6 +88,7 @@ int main(int argc, char** argv) {
     std::shared_ptr<AudioInputDevice> device =
         makeDefaultInputDevice(queue.poster(), backendNamed(argc >= 7 ? argv[6] : "pipewire"));
     const bool untilLost = argc == 8 && std::string(argv[7]) == "until-lost";
+    const bool monitor = argc == 8 && std::string(argv[7]) == "monitor";
     std::printf("input back end: %s\n", device->name().c_str());
     std::optional<uint32_t> id;
     for (const InputDevice& input : device->inputDevices()) {
@@ -103,6 +106,7 @@ int main(int argc, char** argv) {
                       Recorder::Options{Recorder::TapDriving::thread, std::filesystem::path(argv[5]), {}});
     recorder.setClient(&keep);
     recorder.setDeviceID(id);
+    recorder.setMonitoring(monitor);
     recorder.arm();
     if (!recorder.isArmed()) {
         std::fprintf(stderr, "%s\n", recorder.errorMessage().value_or("not armed").c_str());
@@ -126,6 +130,12 @@ int main(int argc, char** argv) {
         return untilLost && !recorder.isArmed() && kept ? 0 : 1;
     }
     recorder.stop();
+    if (monitor) {
+        recorder.setMonitoring(false);
+        std::printf("monitoring off\n");
+        std::fflush(stdout);
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+    }
     const int64_t overruns = recorder.buffer() ? recorder.buffer()->ring().overruns() : -1;
     recorder.disarm();
     if (!keep.take || keep.take->frameCount() == 0) {
