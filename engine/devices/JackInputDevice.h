@@ -21,7 +21,7 @@ public:
     static constexpr uint32_t systemID = 0;
 
     /// Connects to the server (never starting one). Throws `InputDeviceError` when none answers.
-    explicit JackInputDevice(PostToMainThread postToMainThread = {});
+    explicit JackInputDevice(PostToMainThread postToMainThread);
     ~JackInputDevice() override;
 
     std::string name() const override { return "JACK"; }

@@ -16,7 +16,7 @@ namespace harlune {
 class PipeWireInputDevice final : public AudioInputDevice {
 public:
     /// Connects to the server. Throws `InputDeviceError` when no daemon answers.
-    explicit PipeWireInputDevice(PostToMainThread postToMainThread = {});
+    explicit PipeWireInputDevice(PostToMainThread postToMainThread);
     ~PipeWireInputDevice() override;
 
     std::string name() const override { return "PipeWire"; }

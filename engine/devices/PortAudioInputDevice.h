@@ -16,7 +16,7 @@ namespace harlune {
 class PortAudioInputDevice final : public AudioInputDevice {
 public:
     /// Throws `InputDeviceError` when PortAudio cannot start.
-    explicit PortAudioInputDevice(PostToMainThread postToMainThread = {});
+    explicit PortAudioInputDevice(PostToMainThread postToMainThread);
     ~PortAudioInputDevice() override;
 
     std::string name() const override { return "PortAudio"; }
