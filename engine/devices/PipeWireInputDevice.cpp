@@ -525,9 +525,13 @@ bool PipeWireInputDevice::setMonitoring(bool on) {
         return true;
     // The loopback's capture side follows the open source and stays with it; its playback side
     // has no target, so the session manager joins it to the default sink.
+    // A mono or stereo input says so, so that a mono one reaches both speakers.
+    const int channels = std::max(d.openChannels, 1);
+    const char* positions = channels == 1   ? " audio.position = [ MONO ]"
+                            : channels == 2 ? " audio.position = [ FL FR ]"
+                                            : "";
     std::string arguments =
-        "{ node.description = \"Harlune monitor\" audio.channels = " +
-        std::to_string(std::max(d.openChannels, 1)) +
+        "{ node.description = \"Harlune monitor\" audio.channels = " + std::to_string(channels) + positions +
         " capture.props = { node.name = \"harlune.monitor.capture\" node.dont-reconnect = true";
     if (!d.openTarget.empty())
         arguments += " target.object = " + quoted(d.openTarget);

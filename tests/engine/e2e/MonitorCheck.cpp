@@ -22,14 +22,16 @@ using namespace harlune;
 
 namespace {
 
-/// Keeps the first channel of what a device delivers, into room made beforehand.
+/// Keeps the first two channels of what a device delivers, into room made beforehand.
 struct Listener final : CaptureSink {
-    std::vector<float> samples = std::vector<float>(48000 * 60);
+    std::vector<float> samples[2] = {std::vector<float>(48000 * 90), std::vector<float>(48000 * 90)};
     std::atomic<size_t> frames{0};
     void capture(int frameCount, std::span<const float* const> channels) noexcept override {
         const size_t at = frames.load(std::memory_order_relaxed);
-        const size_t n = std::min(static_cast<size_t>(frameCount), samples.size() - at);
-        std::copy_n(channels[0], n, samples.begin() + static_cast<long>(at));
+        const size_t n = std::min(static_cast<size_t>(frameCount), samples[0].size() - at);
+        for (size_t c = 0; c < 2; ++c)
+            std::copy_n(channels[std::min(c, channels.size() - 1)], n,
+                        samples[c].begin() + static_cast<long>(at));
         frames.store(at + n, std::memory_order_release);
     }
 };
@@ -58,12 +60,14 @@ std::optional<InputDevice> find(const std::vector<InputDevice>& devices, const s
     return std::nullopt;
 }
 
-/// The amplitude of the tone over the next `seconds` of what the listener hears.
-double heard(MainThreadQueue& queue, Listener& listener, double seconds, double frequency, double rate) {
+/// The amplitude of the tone over the next `seconds` of what the listener hears on a channel.
+double heard(MainThreadQueue& queue, Listener& listener, double seconds, double frequency, double rate,
+             size_t channel = 0) {
     const size_t from = listener.frames.load();
     runFor(queue, seconds);
     const size_t to = listener.frames.load();
-    return to > from ? toneAmplitude(listener.samples.data() + from, to - from, frequency, rate) : -1;
+    return to > from ? toneAmplitude(listener.samples[channel].data() + from, to - from, frequency, rate)
+                     : -1;
 }
 
 /// Runs the main loop until `done`, at most 10 s.
@@ -130,7 +134,6 @@ int main(int argc, char** argv) {
     const double again = heard(queue, listener, 1.0, frequency, earFormat.sampleRate);
     std::printf("monitoring on again: tone %.4f\n", again);
     ok = ok && again > 0 && std::fabs(20 * std::log10(again / amplitude)) < 1.0 && recorder.isArmed();
-    ear.close();
 
     // The script adds a mono source "latemono" now, and takes it away once it is listed.
     std::printf("waiting for a new source\n");
@@ -139,9 +142,21 @@ int main(int argc, char** argv) {
         const auto late = find(recorder.devices(), "latemono");
         return late && late->channelCount == 1;
     });
+    ok = ok && arrived;
+    if (arrived) {
+        // Monitored, a mono input reaches both speakers alike.
+        recorder.setDeviceID(find(recorder.devices(), "latemono")->id);
+        settle();
+        const double left = heard(queue, listener, 1.0, frequency, earFormat.sampleRate, 0);
+        const double right = heard(queue, listener, 1.0, frequency, earFormat.sampleRate, 1);
+        std::printf("mono monitored: tone %.4f left, %.4f right\n", left, right);
+        ok = ok && left > amplitude / 4 && right > amplitude / 4 &&
+             std::fabs(20 * std::log10(left / right)) < 0.5;
+        recorder.setDeviceID(source->id);
+    }
+    ear.close();
     std::printf("latemono %s\n", arrived ? "listed with 1 channel" : "never listed as mono");
     std::fflush(stdout);
-    ok = ok && arrived;
     const bool left = arrived && waitFor(queue, [&] { return !find(recorder.devices(), "latemono"); });
     std::printf("latemono %s; recorder %s\n", left ? "left the list" : "stayed listed",
                 recorder.isArmed() ? "still armed" : "disarmed");
