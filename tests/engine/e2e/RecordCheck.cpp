@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <new>
 #include <numbers>
 #include <string>
 #include <thread>
@@ -52,9 +53,13 @@ struct CountingSink final : CaptureSink {
     std::atomic<int64_t> callbacks{0};
     explicit CountingSink(CaptureSink& sink) : inner(sink) {}
     void capture(int frameCount, std::span<const float* const> channels) noexcept override {
-        thread_local std::optional<harlune::testing::AllocationCounter> counter;
-        if (!counter)
-            counter.emplace();
+        // Built in place and never destroyed: a thread_local with a destructor would register it
+        // at the first call, which allocates (and RealtimeSanitizer rightly flags).
+        using Counter = harlune::testing::AllocationCounter;
+        alignas(Counter) thread_local unsigned char storage[sizeof(Counter)];
+        thread_local Counter* counter = nullptr;
+        if (counter == nullptr)
+            counter = new (storage) Counter;
         inner.capture(frameCount, channels);
         allocations.store(counter->count() + counter->releases(), std::memory_order_relaxed);
         callbacks.fetch_add(1, std::memory_order_relaxed);
