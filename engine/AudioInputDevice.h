@@ -1,9 +1,11 @@
 #pragma once
 
 #include "engine/AudioOutputDevice.h"
+#include "engine/Realtime.h"
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -15,7 +17,7 @@ namespace harlune {
 
 /// One input device of the audio system as the recorder lists it.
 struct InputDevice {
-    uint32_t id = 0;  ///< the server's id for the device (PipeWire's global id)
+    uint32_t id = 0;  ///< the back end's id (PipeWire's global id, PortAudio's device index)
     std::string uid;  ///< stable across runs (PipeWire's node.name)
     std::string name; ///< what the user reads (node.description)
     int channelCount = 0;
@@ -45,7 +47,8 @@ class CaptureSink {
 public:
     virtual ~CaptureSink() = default;
     /// `channels` holds one plane of `frameCount` frames per channel of the open format.
-    virtual void capture(int frameCount, std::span<const float* const> channels) noexcept = 0;
+    virtual void capture(int frameCount,
+                         std::span<const float* const> channels) noexcept HARLUNE_NONBLOCKING = 0;
 };
 
 /// The input side of the machine's audio system: list devices, open a capture stream on one,
@@ -76,18 +79,37 @@ public:
     virtual void close() = 0;
     virtual bool isRunning() const = 0;
 
+    /// Routes the open input to the system's default output while `on`, or stops doing so.
+    /// Returns whether the input is now heard there: false when the back end has no monitor
+    /// path (the default) or could not make one. Closing the device ends the monitoring too.
+    virtual bool setMonitoring(bool on);
+
     /// Replaces the handler told (on the main thread) that the open device was lost, with the
     /// server's description.
     void setLossHandler(std::function<void(std::string)> handler);
+    /// Replaces the handler told (on the main thread) that devices appeared, left or changed;
+    /// `inputDevices` then gives the new list. Back ends that cannot tell never call it.
+    void setDevicesChangedHandler(std::function<void()> handler);
 
 protected:
     /// From any thread but the capture callback.
     void notifyLoss(std::string description);
+    /// From any thread but the capture callback. A burst of changes reaches the handler once:
+    /// nothing more is posted while one notice waits to run.
+    void notifyDevicesChanged();
 
 private:
     PostToMainThread post_;
     mutable std::mutex handlerMutex_;
     std::shared_ptr<std::function<void(std::string)>> handler_;
+    /// The devices-changed handler and whether a notice waits on the main thread. Shared with the
+    /// posted notice, which reads the handler when it runs: one cleared meanwhile is not called.
+    struct DevicesChangedSlot {
+        std::mutex mutex;
+        std::function<void()> handler;
+        bool pending = false;
+    };
+    std::shared_ptr<DevicesChangedSlot> devicesChanged_ = std::make_shared<DevicesChangedSlot>();
 };
 
 } // namespace harlune

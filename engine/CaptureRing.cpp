@@ -13,12 +13,12 @@ CaptureRing::CaptureRing(int channelCount, int64_t minimumFrames) : channels_(ch
     samples_.assign(frames * static_cast<uint64_t>(channelCount), 0.0f);
 }
 
-bool CaptureRing::push(int frameCount, std::span<const float* const> planes) noexcept {
+bool CaptureRing::push(int frameCount, std::span<const float* const> planes) noexcept HARLUNE_NONBLOCKING {
     if (frameCount <= 0)
         return true;
     const uint64_t write = writeIndex_.load(std::memory_order_relaxed);
     const uint64_t read = readIndex_.load(std::memory_order_acquire);
-    const uint64_t room = capacity() - (write - read);
+    const uint64_t room = (mask_ + 1) - (write - read);
     if (static_cast<int>(planes.size()) != channels_ || static_cast<uint64_t>(frameCount) > room) {
         overruns_.fetch_add(1, std::memory_order_relaxed);
         droppedFrames_.fetch_add(frameCount, std::memory_order_relaxed);

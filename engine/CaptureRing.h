@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/Realtime.h"
+
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -20,7 +22,7 @@ public:
 
     /// Producer (real-time thread): copies `frameCount` frames of the planes in, or drops them all
     /// when there is no room or the plane count is wrong. Returns whether they went in.
-    bool push(int frameCount, std::span<const float* const> planes) noexcept;
+    bool push(int frameCount, std::span<const float* const> planes) noexcept HARLUNE_NONBLOCKING;
     /// Consumer: frames waiting.
     int64_t available() const noexcept;
     /// Consumer: moves `frameCount` (at most `available`) frames out into planes of that length.

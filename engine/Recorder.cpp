@@ -31,10 +31,12 @@ Recorder::Recorder(std::shared_ptr<AudioInputDevice> device, Options options)
             return std::time(nullptr);
         };
     device_->setLossHandler([this](std::string description) { deviceLost(description); });
+    device_->setDevicesChangedHandler([this] { devicesChanged(); });
 }
 
 Recorder::~Recorder() {
     device_->setLossHandler({});
+    device_->setDevicesChangedHandler({});
     closeDevice();
 }
 
@@ -93,6 +95,7 @@ void Recorder::rearm() {
             std::make_unique<TakeBuffer>(format.channelCount, inputChoice_->channels, format.sampleRate);
         deviceSampleRate_ = format.sampleRate;
         device_->start(*buffer_);
+        device_->setMonitoring(monitoring_);
     } catch (const std::exception& error) {
         fail(error.what());
         return;
@@ -207,6 +210,8 @@ void Recorder::setInputChoice(std::optional<InputChoice> choice) {
 
 void Recorder::setMonitoring(bool on) {
     monitoring_ = on;
+    if (isArmed_ && isRecording_)
+        device_->setMonitoring(on); // a take runs on, so no rearm: the monitor path alone changes
     if (isArmed_ && !isRecording_)
         rearm();
     else
@@ -219,6 +224,21 @@ void Recorder::deviceLost(const std::string& description) {
     if (isRecording_)
         stop();
     fail(description);
+}
+
+void Recorder::devicesChanged() {
+    try {
+        devices_ = device_->inputDevices();
+    } catch (const std::exception&) {
+        return; // the server's own failure reaches the loss handler
+    }
+    const bool present = std::any_of(devices_.begin(), devices_.end(),
+                                     [this](const InputDevice& d) { return d.id == deviceID_; });
+    if (isArmed_ && !present) {
+        deviceLost("the input device is gone");
+        return;
+    }
+    notify();
 }
 
 void Recorder::startTap() {

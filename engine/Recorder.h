@@ -100,6 +100,8 @@ private:
     void startTap();
     void stopTap();
     void deviceLost(const std::string& description);
+    /// The device list changed: re-read it; an armed device that left ends as a lost one does.
+    void devicesChanged();
     void notify();
 
     std::shared_ptr<AudioInputDevice> device_;

@@ -17,7 +17,8 @@ TakeBuffer::TakeBuffer(int deviceChannels, std::vector<int> inputChannels, doubl
         HARLUNE_PRECONDITION(channel >= 0 && channel < deviceChannels, "an input channel the device lacks");
 }
 
-void TakeBuffer::capture(int frameCount, std::span<const float* const> channels) noexcept {
+void TakeBuffer::capture(int frameCount,
+                         std::span<const float* const> channels) noexcept HARLUNE_NONBLOCKING {
     ring_.push(frameCount, channels);
 }
 

@@ -31,7 +31,8 @@ public:
     /// `inputChannels[c]` is the device channel that makes take channel c.
     TakeBuffer(int deviceChannels, std::vector<int> inputChannels, double sampleRate);
 
-    void capture(int frameCount, std::span<const float* const> channels) noexcept override;
+    void capture(int frameCount,
+                 std::span<const float* const> channels) noexcept HARLUNE_NONBLOCKING override;
 
     /// Moves what waits in the ring on, in blocks of `tapBlockFrames`; with `partial` also the
     /// last short block. Returns the frames moved.

@@ -1,6 +1,7 @@
 #include "engine/devices/JackDevice.h"
 
 #include "engine/AudioDeviceError.h"
+#include "engine/devices/JackQuiet.h"
 #include "engine/devices/StreamResampler.h"
 
 #include <algorithm>
@@ -23,16 +24,6 @@ namespace {
 constexpr double maximumRateRatio = 8.0;
 // Pause between two attempts to reach a server that went away.
 constexpr auto retryInterval = std::chrono::milliseconds(500);
-
-/// libjack prints every failed attempt to reach a server on standard error; to the user that is
-/// noise, and the failure reaches them as an error anyway.
-void quietJack() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        jack_set_error_function([](const char*) {});
-        jack_set_info_function([](const char*) {});
-    });
-}
 
 } // namespace
 

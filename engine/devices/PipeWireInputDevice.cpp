@@ -1,14 +1,20 @@
 #include "engine/devices/PipeWireInputDevice.h"
 
+#include "engine/Realtime.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <pipewire/extensions/metadata.h>
+#include <pipewire/impl-module.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
+#include <spa/param/format-utils.h>
+#include <spa/pod/iter.h>
 #include <spa/utils/json.h>
 #include <spa/utils/result.h>
 
@@ -53,7 +59,80 @@ std::string nameInJSON(const char* value) {
     return {};
 }
 
+/// The largest value of an integer property of a format, over all the choices it offers; 0 when
+/// the format lacks it.
+int largestInt(const spa_pod* format, uint32_t key) {
+    const spa_pod_prop* prop = spa_pod_find_prop(format, nullptr, key);
+    if (!prop)
+        return 0;
+    uint32_t count = 0;
+    uint32_t choice = 0;
+    const spa_pod* values = spa_pod_get_values(&prop->value, &count, &choice);
+    if (!values || values->type != SPA_TYPE_Int || count == 0)
+        return 0;
+    const auto* value = static_cast<const int32_t*>(SPA_POD_BODY_CONST(values));
+    return *std::max_element(value, value + count);
+}
+
+/// The preferred (first) value of an integer property; 0 when the format lacks it.
+int preferredInt(const spa_pod* format, uint32_t key) {
+    const spa_pod_prop* prop = spa_pod_find_prop(format, nullptr, key);
+    if (!prop)
+        return 0;
+    uint32_t count = 0;
+    uint32_t choice = 0;
+    const spa_pod* values = spa_pod_get_values(&prop->value, &count, &choice);
+    if (!values || values->type != SPA_TYPE_Int || count == 0)
+        return 0;
+    return *static_cast<const int32_t*>(SPA_POD_BODY_CONST(values));
+}
+
+/// A string as a quoted SPA JSON value.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
 } // namespace
+
+/// One source node of the registry, bound so that its formats (and with them its channel count,
+/// which the node's properties lack) arrive as param events. Loop thread, under the loop lock.
+struct SourceNode {
+    PipeWireInputDevice::Impl* owner = nullptr;
+    uint32_t id = 0;
+    pw_proxy* proxy = nullptr;
+    spa_hook listener{};
+    InputDevice device;
+    int propertyChannels = 0; ///< audio.channels of the properties, where a node has it
+    int formatChannels = 0;   ///< the most any raw EnumFormat offers, 0 before the first
+    int formatRate = 0;
+
+    SourceNode() = default;
+    SourceNode(const SourceNode&) = delete;
+    SourceNode& operator=(const SourceNode&) = delete;
+    ~SourceNode() {
+        if (proxy) {
+            spa_hook_remove(&listener);
+            pw_proxy_destroy(proxy);
+        }
+    }
+
+    /// The channel count to list: the formats' when known, else the properties', else stereo.
+    void settle() {
+        const int channels = formatChannels > 0     ? formatChannels
+                             : propertyChannels > 0 ? propertyChannels
+                                                    : 2;
+        device.channelCount = std::clamp(channels, 1, maxChannels);
+        device.sampleRate = formatRate > 0 ? formatRate : 0;
+    }
+
+    static void onParam(void* data, int, uint32_t id, uint32_t index, uint32_t, const spa_pod* param);
+};
 
 struct PipeWireInputDevice::Impl {
     PipeWireInputDevice& owner;
@@ -67,10 +146,17 @@ struct PipeWireInputDevice::Impl {
     spa_hook metadataListener{};
 
     // Loop thread and main thread, under the loop lock.
-    std::map<uint32_t, InputDevice> nodes;
+    std::map<uint32_t, std::unique_ptr<SourceNode>> nodes;
     std::string defaultSourceName;
     int syncSeq = 0;
     bool synced = false;
+    bool listed = false;    ///< the first listing is done: changes from now on are news
+    std::string openTarget; ///< node.name of the open stream's source
+    int openChannels = 0;
+    /// The loopback from the open source to the default sink. It ends itself when the source goes
+    /// (its capture side does not reconnect), which its destroy event tells.
+    pw_impl_module* monitor = nullptr;
+    spa_hook monitorListener{};
 
     pw_stream* stream = nullptr;
     spa_hook streamListener{};
@@ -94,15 +180,32 @@ struct PipeWireInputDevice::Impl {
             if (!mediaClass ||
                 (strcmp(mediaClass, "Audio/Source") != 0 && strcmp(mediaClass, "Audio/Source/Virtual") != 0))
                 return;
-            InputDevice device;
-            device.id = id;
+            auto node = std::make_unique<SourceNode>();
+            node->owner = self;
+            node->id = id;
+            node->device.id = id;
             if (const char* name = spa_dict_lookup(props, PW_KEY_NODE_NAME))
-                device.uid = name;
+                node->device.uid = name;
             const char* description = spa_dict_lookup(props, PW_KEY_NODE_DESCRIPTION);
-            device.name = description ? description : device.uid;
-            const char* channels = spa_dict_lookup(props, PW_KEY_AUDIO_CHANNELS);
-            device.channelCount = channels ? std::clamp(atoi(channels), 1, maxChannels) : 2;
-            self->nodes[id] = device;
+            node->device.name = description ? description : node->device.uid;
+            if (const char* channels = spa_dict_lookup(props, PW_KEY_AUDIO_CHANNELS))
+                node->propertyChannels = atoi(channels);
+            node->settle();
+            node->proxy = static_cast<pw_proxy*>(
+                pw_registry_bind(self->registry, id, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, 0));
+            if (node->proxy) {
+                static const pw_node_events nodeEvents = [] {
+                    pw_node_events e{};
+                    e.version = PW_VERSION_NODE_EVENTS;
+                    e.param = &SourceNode::onParam;
+                    return e;
+                }();
+                pw_proxy_add_object_listener(node->proxy, &node->listener, &nodeEvents, node.get());
+                uint32_t wanted[] = {SPA_PARAM_EnumFormat};
+                pw_node_subscribe_params(reinterpret_cast<pw_node*>(node->proxy), wanted, 1);
+            }
+            self->nodes[id] = std::move(node);
+            self->changed();
         } else if (strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 && !self->metadata) {
             const char* name = spa_dict_lookup(props, PW_KEY_METADATA_NAME);
             if (!name || strcmp(name, "default") != 0)
@@ -122,14 +225,23 @@ struct PipeWireInputDevice::Impl {
 
     static void onGlobalRemove(void* data, uint32_t id) {
         auto* self = static_cast<Impl*>(data);
-        self->nodes.erase(id);
+        if (self->nodes.erase(id) > 0)
+            self->changed();
     }
 
     static int onProperty(void* data, uint32_t, const char* key, const char*, const char* value) {
         auto* self = static_cast<Impl*>(data);
-        if (key && strcmp(key, "default.audio.source") == 0)
+        if (key && strcmp(key, "default.audio.source") == 0) {
             self->defaultSourceName = nameInJSON(value);
+            self->changed();
+        }
         return 0;
+    }
+
+    /// Loop thread: the list or the default changed.
+    void changed() {
+        if (listed)
+            owner.notifyDevicesChanged();
     }
 
     static void onDone(void* data, uint32_t id, int seq) {
@@ -163,7 +275,7 @@ struct PipeWireInputDevice::Impl {
         pw_thread_loop_signal(self->loop, false);
     }
 
-    static void onProcess(void* data) {
+    static void onProcess(void* data) noexcept HARLUNE_NONBLOCKING {
         auto* self = static_cast<Impl*>(data);
         pw_buffer* buffer = pw_stream_dequeue_buffer(self->stream);
         if (!buffer)
@@ -202,7 +314,24 @@ struct PipeWireInputDevice::Impl {
         waitFor([this] { return synced; });
     }
 
+    void unloadMonitor() {
+        if (!monitor)
+            return;
+        pw_impl_module* module = monitor;
+        forgetMonitor(this);
+        pw_impl_module_destroy(module);
+    }
+
+    static void forgetMonitor(void* data) {
+        auto* self = static_cast<Impl*>(data);
+        if (!self->monitor)
+            return;
+        spa_hook_remove(&self->monitorListener);
+        self->monitor = nullptr;
+    }
+
     void destroyStream() {
+        unloadMonitor();
         if (!stream)
             return;
         sink.store(nullptr, std::memory_order_release);
@@ -212,6 +341,28 @@ struct PipeWireInputDevice::Impl {
         format.reset();
     }
 };
+
+void SourceNode::onParam(void* data, int, uint32_t id, uint32_t index, uint32_t, const spa_pod* param) {
+    auto* self = static_cast<SourceNode*>(data);
+    if (id != SPA_PARAM_EnumFormat || !param)
+        return;
+    uint32_t mediaType = 0;
+    uint32_t mediaSubtype = 0;
+    if (spa_format_parse(param, &mediaType, &mediaSubtype) < 0 || mediaType != SPA_MEDIA_TYPE_audio ||
+        mediaSubtype != SPA_MEDIA_SUBTYPE_raw)
+        return;
+    const InputDevice before = self->device;
+    if (index == 0) { // a new round of the node's formats
+        self->formatChannels = 0;
+        self->formatRate = 0;
+    }
+    self->formatChannels = std::max(self->formatChannels, largestInt(param, SPA_FORMAT_AUDIO_channels));
+    if (self->formatRate == 0)
+        self->formatRate = preferredInt(param, SPA_FORMAT_AUDIO_rate);
+    self->settle();
+    if (!(self->device == before))
+        self->owner->changed();
+}
 
 PipeWireInputDevice::PipeWireInputDevice(PostToMainThread postToMainThread)
     : AudioInputDevice(std::move(postToMainThread)), impl_(std::make_unique<Impl>(*this)) {
@@ -245,7 +396,8 @@ PipeWireInputDevice::PipeWireInputDevice(PostToMainThread postToMainThread)
     }();
     pw_registry_add_listener(d.registry, &d.registryListener, &registryEvents, &d);
     d.sync();
-    d.sync(); // the metadata's properties arrive after its binding
+    d.sync(); // the metadata's properties and the nodes' formats arrive after their binding
+    d.listed = true;
 }
 
 PipeWireInputDevice::~PipeWireInputDevice() {
@@ -254,6 +406,7 @@ PipeWireInputDevice::~PipeWireInputDevice() {
         {
             LoopLock lock(d.loop);
             d.destroyStream();
+            d.nodes.clear();
             if (d.metadata) {
                 spa_hook_remove(&d.metadataListener);
                 pw_proxy_destroy(reinterpret_cast<pw_proxy*>(d.metadata));
@@ -279,17 +432,18 @@ std::vector<InputDevice> PipeWireInputDevice::inputDevices() {
     Impl& d = *impl_;
     LoopLock lock(d.loop);
     d.sync();
+    d.sync(); // the formats of a node that just appeared answer its binding
     std::vector<InputDevice> devices;
-    for (const auto& [id, device] : d.nodes)
-        devices.push_back(device);
+    for (const auto& [id, node] : d.nodes)
+        devices.push_back(node->device);
     return devices;
 }
 
 std::optional<uint32_t> PipeWireInputDevice::defaultInputDevice() {
     Impl& d = *impl_;
     LoopLock lock(d.loop);
-    for (const auto& [id, device] : d.nodes)
-        if (device.uid == d.defaultSourceName)
+    for (const auto& [id, node] : d.nodes)
+        if (node->device.uid == d.defaultSourceName)
             return id;
     return std::nullopt;
 }
@@ -302,6 +456,7 @@ CaptureFormat PipeWireInputDevice::open(std::optional<uint32_t> deviceID) {
     d.streamError.clear();
     d.sync();
     int channels = 2;
+    d.openTarget = d.defaultSourceName;
     pw_properties* props =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE,
                           "Production", PW_KEY_NODE_NAME, "harlune", PW_KEY_APP_NAME, "Harlune", nullptr);
@@ -311,8 +466,9 @@ CaptureFormat PipeWireInputDevice::open(std::optional<uint32_t> deviceID) {
             pw_properties_free(props);
             throw InputDeviceError("the input device is gone");
         }
-        channels = it->second.channelCount;
-        pw_properties_set(props, PW_KEY_TARGET_OBJECT, it->second.uid.c_str());
+        channels = it->second->device.channelCount;
+        d.openTarget = it->second->device.uid;
+        pw_properties_set(props, PW_KEY_TARGET_OBJECT, d.openTarget.c_str());
     }
     d.stream = pw_stream_new(d.core, "Harlune recording", props);
     if (!d.stream)
@@ -344,6 +500,7 @@ CaptureFormat PipeWireInputDevice::open(std::optional<uint32_t> deviceID) {
         d.destroyStream();
         throw InputDeviceError(reason);
     }
+    d.openChannels = d.format->channelCount;
     return *d.format;
 }
 
@@ -355,6 +512,41 @@ void PipeWireInputDevice::close() {
     Impl& d = *impl_;
     LoopLock lock(d.loop);
     d.destroyStream();
+}
+
+bool PipeWireInputDevice::setMonitoring(bool on) {
+    Impl& d = *impl_;
+    LoopLock lock(d.loop);
+    if (!on || !d.stream || d.streamFailed) {
+        d.unloadMonitor();
+        return false;
+    }
+    if (d.monitor)
+        return true;
+    // The loopback's capture side follows the open source and stays with it; its playback side
+    // has no target, so the session manager joins it to the default sink.
+    // A mono or stereo input says so, so that a mono one reaches both speakers.
+    const int channels = std::max(d.openChannels, 1);
+    const char* positions = channels == 1   ? " audio.position = [ MONO ]"
+                            : channels == 2 ? " audio.position = [ FL FR ]"
+                                            : "";
+    std::string arguments =
+        "{ node.description = \"Harlune monitor\" audio.channels = " + std::to_string(channels) + positions +
+        " capture.props = { node.name = \"harlune.monitor.capture\" node.dont-reconnect = true";
+    if (!d.openTarget.empty())
+        arguments += " target.object = " + quoted(d.openTarget);
+    arguments += " } playback.props = { node.name = \"harlune.monitor\" media.role = \"Production\" } }";
+    d.monitor = pw_context_load_module(d.context, "libpipewire-module-loopback", arguments.c_str(), nullptr);
+    if (!d.monitor)
+        return false;
+    static const pw_impl_module_events events = [] {
+        pw_impl_module_events e{};
+        e.version = PW_VERSION_IMPL_MODULE_EVENTS;
+        e.destroy = &Impl::forgetMonitor;
+        return e;
+    }();
+    pw_impl_module_add_listener(d.monitor, &d.monitorListener, &events, &d);
+    return true;
 }
 
 bool PipeWireInputDevice::isRunning() const {

@@ -1,6 +1,7 @@
 #include "engine/devices/PortAudioDevice.h"
 
 #include "engine/AudioDeviceError.h"
+#include "engine/devices/QuietStandardError.h"
 #include "engine/devices/StreamResampler.h"
 
 #include <algorithm>
@@ -8,11 +9,9 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <fcntl.h>
 #include <mutex>
 #include <portaudio.h>
 #include <thread>
-#include <unistd.h>
 
 namespace harlune {
 
@@ -20,33 +19,6 @@ namespace {
 
 // Beyond this ratio the simple converter would alias badly; such a pair is refused.
 constexpr double maximumRateRatio = 8.0;
-
-/// Sends standard error to /dev/null for a scope: ALSA and JACK print their probing to it when
-/// PortAudio starts or opens a stream, which is noise to the user.
-class QuietStandardError {
-public:
-    QuietStandardError() {
-        std::fflush(stderr);
-        saved_ = dup(STDERR_FILENO);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (saved_ >= 0 && null >= 0)
-            dup2(null, STDERR_FILENO);
-        if (null >= 0)
-            close(null);
-    }
-    ~QuietStandardError() {
-        if (saved_ >= 0) {
-            std::fflush(stderr);
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-        }
-    }
-    QuietStandardError(const QuietStandardError&) = delete;
-    QuietStandardError& operator=(const QuietStandardError&) = delete;
-
-private:
-    int saved_ = -1;
-};
 
 std::string paText(PaError error) {
     return std::string("PortAudio: ") + Pa_GetErrorText(error);

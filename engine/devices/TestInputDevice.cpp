@@ -41,6 +41,12 @@ void TestInputDevice::start(CaptureSink& sink) {
 void TestInputDevice::close() {
     sink_ = nullptr;
     opened_.reset();
+    monitoring_ = false;
+}
+
+bool TestInputDevice::setMonitoring(bool on) {
+    monitoring_ = on && opened_.has_value();
+    return monitoring_;
 }
 
 void TestInputDevice::deliver(std::span<const float* const> planes, int64_t frames, int framesPerCallback) {
@@ -65,6 +71,12 @@ void TestInputDevice::deliver(const std::vector<std::vector<float>>& planes, int
 void TestInputDevice::simulateLoss(std::string description) {
     close();
     notifyLoss(std::move(description));
+}
+
+void TestInputDevice::simulateDevicesChanged(std::vector<InputDevice> devices,
+                                             std::optional<uint32_t> defaultID) {
+    setDevices(std::move(devices), defaultID);
+    notifyDevicesChanged();
 }
 
 } // namespace harlune

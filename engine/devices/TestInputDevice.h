@@ -21,6 +21,8 @@ public:
     void start(CaptureSink& sink) override;
     void close() override;
     bool isRunning() const override { return sink_ != nullptr; }
+    /// Monitors while a device is open; `close` ends it.
+    bool setMonitoring(bool on) override;
 
     void setDevices(std::vector<InputDevice> devices, std::optional<uint32_t> defaultID);
     /// The format `open` reports for a device, by default its listed rate and channels.
@@ -35,6 +37,11 @@ public:
     void deliver(const std::vector<std::vector<float>>& planes, int framesPerCallback);
     /// The device vanished; the owner hears of it through the loss handler.
     void simulateLoss(std::string description);
+    /// Devices came or went: the new list, and the owner hears of it.
+    void simulateDevicesChanged(std::vector<InputDevice> devices, std::optional<uint32_t> defaultID);
+
+    /// Whether the open input is routed to the output now.
+    bool monitoring() const { return monitoring_; }
 
     std::optional<uint32_t> openedDevice() const { return opened_; }
     int openCount() const { return openCount_; }
@@ -48,6 +55,7 @@ private:
     std::optional<CaptureFormat> format_;
     CaptureSink* sink_ = nullptr;
     int openCount_ = 0;
+    bool monitoring_ = false;
     std::vector<const float*> cursor_;
 };
 
