@@ -131,9 +131,12 @@ void AdjustLoudnessSection::refresh() {
                                            QSignalBlocker(gain_),  QSignalBlocker(ceiling_),
                                            QSignalBlocker(limit_), QSignalBlocker(preview_)};
         mode_->setCurrentIndex(manual ? 1 : 0);
-        target_->setValue(model_.targetLUFS());
+        // Only a different figure replaces what may be half typed in a box.
+        if (target_->value() != model_.targetLUFS())
+            target_->setValue(model_.targetLUFS());
         gain_->setValue(static_cast<int>(std::lround(model_.manualGainDB() * gainSteps)));
-        ceiling_->setValue(model_.ceilingDBTP());
+        if (ceiling_->value() != model_.ceilingDBTP())
+            ceiling_->setValue(model_.ceilingDBTP());
         limit_->setChecked(model_.limitTruePeaks());
         preview_->setChecked(model_.previewLoudness());
     }
