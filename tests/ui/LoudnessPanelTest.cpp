@@ -239,6 +239,12 @@ TEST(LoudnessPanelControls, ATrimDragIsOneUndoStepAndBalanceLevelsTheChannels) {
     stack.redo();
     EXPECT_DOUBLE_EQ(model->envelopes().trim(0), 6.0);
 
+    // A key press moves without a drag, and is a step of its own.
+    left.triggerAction(QAbstractSlider::SliderSingleStepAdd);
+    EXPECT_DOUBLE_EQ(model->envelopes().trim(0), 6.1);
+    EXPECT_EQ(stack.count(), 2);
+    stack.undo();
+
     // Linked, the other channel moves by the same amount.
     channels.link().click();
     EXPECT_TRUE(model->linkChannelLevels());

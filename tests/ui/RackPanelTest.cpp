@@ -295,5 +295,31 @@ TEST(GenericEffectEditor, AnEqBandMovedWhilePlayingBumpsTheRackVersionWithoutReb
     model.stop(false);
 }
 
+TEST(GenericEffectEditor, TheCompressorMetersItsGainReductionWhilePlaying) {
+    testing::clearPreferences();
+    auto output = std::make_unique<TestAudioDevice>();
+    TestAudioDevice& device = *output;
+    EditorCollaborators collaborators;
+    collaborators.player = std::make_unique<EnginePlaybackControl>(std::move(output));
+    collaborators.analysis = std::make_unique<NullAnalysisScheduler>();
+    // Full-scale noise sits far above the default threshold of -18 dB.
+    EditorModel model(AudioContent(testing::noisePlanes(2, 48000 * 2, 9), 48000), std::nullopt,
+                      std::move(collaborators));
+    RackPanel panel(model);
+    const Uuid id = model.rack().add(EffectSettings::defaultSettings(EffectKind::compressor));
+    EffectSlotEditor& editor = *panel.slotView(id)->editor();
+    ASSERT_NE(editor.meter(), nullptr);
+    editor.pollMeter();
+    EXPECT_EQ(editor.meter()->value(), 0.0) << "nothing runs before play";
+    model.play(false);
+    device.pull(24000, 256);
+    editor.pollMeter();
+    EXPECT_GT(editor.meter()->value(), 3.0);
+    EXPECT_DOUBLE_EQ(editor.meter()->value(), *model.rack().gainReduction(id));
+    EXPECT_TRUE(editor.meter()->accessibleValue().startsWith("Gain reduction "));
+    EXPECT_TRUE(editor.meter()->accessibleValue().endsWith(" dB"));
+    model.stop(false);
+}
+
 } // namespace
 } // namespace harlune
