@@ -260,6 +260,8 @@ TEST(GenericEffectEditor, AnEqBandMovedWhilePlayingBumpsTheRackVersionWithoutReb
     const size_t gainControl = effectParameters(EffectKind::eq).size() + 2 * eqBandParameters().size() + 3;
     ParameterControl& gain = *editor.controls()[gainControl];
     ASSERT_EQ(gain.spec().name, "Gain");
+    EXPECT_EQ(editor.controls()[gainControl - 2]->picker()->currentText(), "Bell")
+        << "the band type's own name";
     const double before = editor.response()->response()[120];
     gain.slider()->setSliderDown(true);
     for (const int position : {550, 600, 625})

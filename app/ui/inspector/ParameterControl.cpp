@@ -33,6 +33,20 @@ QString qText(std::string_view text) {
     return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
 
+/// The effect's own name of a choice where its enum has one ("peak" is "Bell" as a band type but
+/// "Peak" as a detection mode, hence by key), else the raw value made readable.
+QString choiceTitle(std::string_view key, std::string_view raw) {
+    if (key == "type")
+        if (const auto type = eqBandTypeFromRawValue(raw))
+            return qText(displayName(*type));
+    if (key == "detection")
+        if (const auto mode = detectionModeFromRawValue(raw))
+            return qText(displayName(*mode));
+    if (const auto mode = modulationModeFromRawValue(raw))
+        return qText(displayName(*mode));
+    return readable(raw);
+}
+
 } // namespace
 
 ParameterSpec ParameterSpec::of(const EffectParameter& parameter) {
@@ -45,7 +59,7 @@ ParameterSpec ParameterSpec::of(const EffectParameter& parameter) {
     spec.entryLow = std::isfinite(parameter.minimum) ? parameter.minimum : parameter.editorMinimum;
     spec.entryHigh = std::isfinite(parameter.maximum) ? parameter.maximum : parameter.editorMaximum;
     for (const std::string_view choice : parameter.choices)
-        spec.choices << readable(choice);
+        spec.choices << choiceTitle(parameter.key, choice);
     spec.isInteger = parameter.isInteger;
     return spec;
 }
