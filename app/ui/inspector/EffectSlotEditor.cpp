@@ -134,7 +134,9 @@ void EffectSlotEditor::sync(const EffectSlot& slot) {
 void EffectSlotEditor::pollMeter() {
     if (!meter_)
         return;
-    const std::optional<float> reduction = model_.rack().gainReduction(id_);
+    // A stopped processor keeps its last figure; nothing is reduced while nothing plays.
+    const std::optional<float> reduction =
+        model_.isPlaying() ? model_.rack().gainReduction(id_) : std::nullopt;
     meter_->setValue(reduction ? static_cast<double>(*reduction) : 0.0);
 }
 

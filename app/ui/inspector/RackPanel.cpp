@@ -151,8 +151,13 @@ void RackPanel::refresh() {
 }
 
 void RackPanel::rebuildSlots() {
-    for (RackSlotView* view : views_)
-        delete view;
+    // Later, not now: the change may come from a button inside the view (Remove) that is still
+    // in its click handler.
+    for (RackSlotView* view : views_) {
+        view->hide();
+        list_->removeWidget(view);
+        view->deleteLater();
+    }
     views_.clear();
     builtFor_.clear();
     const std::vector<EffectSlot>& slots = model_.rack().slots();
