@@ -295,11 +295,13 @@ TEST_F(LoudnessPanelTest, ApplyToTargetThenSaveMeasuresWithinATenthUnderTheCeili
     panel.adjust().apply().click();
     EXPECT_FALSE(edited.previewLoudness()) << "applying ends the preview";
     ASSERT_TRUE(QTest::qWaitFor([&] { return !edited.busy(); }, 60000));
+    EXPECT_EQ(panel.analyzing().isHidden(), !edited.isAnalyzing());
     ASSERT_EQ(document.undoStack().count(), 1);
     EXPECT_EQ(document.undoStack().text(0), "Match Loudness -14.0 LUFS");
     ASSERT_TRUE(
         QTest::qWaitFor([&] { return !edited.isAnalyzing() && edited.loudness().has_value(); }, 20000));
     ASSERT_TRUE(QTest::qWaitFor([&] { return panel.integrated().value() == "-14.0"; }, 20000));
+    EXPECT_TRUE(panel.analyzing().isHidden());
 
     QTemporaryDir folder;
     const std::filesystem::path url = folder.filePath(QStringLiteral("loud.wav")).toStdString();

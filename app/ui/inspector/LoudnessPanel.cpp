@@ -10,6 +10,7 @@
 
 #include <QComboBox>
 #include <QGridLayout>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QStackedWidget>
 #include <QStyle>
@@ -42,6 +43,7 @@ QWidget* centredMessage(QLabel* label, const QIcon& icon = {}) {
 
 LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
     : QWidget(parent), model_(model), pages_(new QStackedWidget), scope_(new QComboBox),
+      analyzing_(new QLabel(tr("Measuring…"))),
       hint_(new QLabel(tr("Select at least 400 ms of audio to measure it."))),
       integrated_(new MetricCell(tr("Integrated"), QStringLiteral("LUFS"))),
       shortTermMax_(new MetricCell(tr("Short-term max"), QStringLiteral("LUFS"))),
@@ -81,7 +83,11 @@ LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
     pages_->addWidget(figures_);
 
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(scope_);
+    auto* top = new QHBoxLayout;
+    top->addWidget(scope_, 1);
+    analyzing_->setForegroundRole(QPalette::PlaceholderText);
+    top->addWidget(analyzing_);
+    layout->addLayout(top);
     layout->addWidget(pages_);
     layout->addWidget(live_);
     layout->addWidget(channels_);
@@ -94,7 +100,8 @@ LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
          {&EditorModel::contentChanged, &EditorModel::loudnessChanged, &EditorModel::selectionLoudnessChanged,
           &EditorModel::selectionChanged, &EditorModel::analysisScopeChanged, &EditorModel::targetLUFSChanged,
           &EditorModel::ceilingDBTPChanged, &EditorModel::adjustModeChanged,
-          &EditorModel::manualGainDBChanged, &EditorModel::channelLoudnessChanged})
+          &EditorModel::manualGainDBChanged, &EditorModel::channelLoudnessChanged,
+          &EditorModel::isAnalyzingChanged})
         connect(&model, signal, this, &LoudnessPanel::refresh);
     refresh();
 }
@@ -118,6 +125,7 @@ void LoudnessPanel::refresh() {
         scope_->setCurrentIndex(selectionScope ? 1 : 0);
     }
     scope_->setVisible(!empty);
+    analyzing_->setVisible(!empty && model_.isAnalyzing());
     live_->setVisible(!empty);
     const int channels = model_.content().channelCount();
     channels_->setVisible(!empty && channels >= 2 && channels <= 8);

@@ -28,6 +28,8 @@ public:
     Page page() const;
 
     QComboBox& scope() { return *scope_; }
+    /// "Measuring…" beside the scope while the file is being measured after a change.
+    QLabel& analyzing() { return *analyzing_; }
     QLabel& hint() { return *hint_; }
     MetricCell& integrated() { return *integrated_; }
     MetricCell& shortTermMax() { return *shortTermMax_; }
@@ -51,6 +53,7 @@ private:
     QWidget* measuringPage_;
     QWidget* figures_;
     QComboBox* scope_;
+    QLabel* analyzing_;
     QLabel* hint_;
     MetricCell* integrated_;
     MetricCell* shortTermMax_;
