@@ -3,6 +3,7 @@
 // measurement scheduler. The edit is a gain of +1 or -1 dB over the whole file (a background
 // process job), so that each round changes the figure; the time runs from the command to the
 // panel's new text, and is split into the processing and the debounced measurement after it.
+// Last, the panel's own part: its refresh when a measurement of the hour is published.
 #include "core/AudioContentBuilder.h"
 #include "dsp/LoudnessResult.h"
 #include "editor/EditorModel.h"
