@@ -116,6 +116,9 @@ TEST_F(LoudnessPanelTest, SilenceAndEmptyContentShowDashesAndNoAudio) {
     EXPECT_EQ(panel.integrated().value(), QStringLiteral("\u2014"));
     EXPECT_EQ(panel.truePeak().value(), QStringLiteral("\u2014"));
     EXPECT_TRUE(panel.integrated().detail().isEmpty());
+    EXPECT_EQ(figureText(-0.04), "0.0") << "no minus on a figure that rounds to zero";
+    EXPECT_EQ(figureText(-0.05, "%.2f"), "-0.05");
+    EXPECT_EQ(figureText(-10.0), "-10.0");
     EXPECT_FALSE(panel.adjust().apply().isEnabled()) << "no plan for silence";
 
     model->setContent(AudioContent(2, rate));

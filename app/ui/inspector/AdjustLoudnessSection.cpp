@@ -77,6 +77,7 @@ AdjustLoudnessSection::AdjustLoudnessSection(EditorModel& model, QWidget* parent
     planGain_->setObjectName(QStringLiteral("planGain"));
 
     auto* form = new QFormLayout;
+    form->setRowWrapPolicy(QFormLayout::WrapLongRows);
     form->addRow(tr("Mode"), mode_);
     auto* targetRow = new QHBoxLayout;
     targetRow->addWidget(target_, 1);
@@ -87,11 +88,14 @@ AdjustLoudnessSection::AdjustLoudnessSection(EditorModel& model, QWidget* parent
     gainRow->addWidget(gainValue_);
     form->addRow(gainLabel_, gainRow);
     form->addRow(tr("True-peak ceiling"), ceiling_);
-    auto* summary = new QHBoxLayout;
-    summary->addWidget(planGain_);
-    summary->addStretch(1);
-    summary->addWidget(planLoudness_);
-    summary->addStretch(1);
+    // Two lines, so that the panel stays narrow enough for a side bar.
+    auto* outcome = new QHBoxLayout;
+    outcome->addWidget(planGain_);
+    outcome->addStretch(1);
+    outcome->addWidget(planLoudness_);
+    auto* summary = new QVBoxLayout;
+    summary->setSpacing(2);
+    summary->addLayout(outcome);
     summary->addWidget(planPeak_);
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(form);

@@ -37,10 +37,13 @@ ChannelLevelsSection::ChannelLevelsSection(EditorModel& model, QWidget* parent)
     buttons->addWidget(link_);
     buttons->addStretch(1);
     buttons->addWidget(reset_);
-    buttons->addWidget(balance_);
+    auto* balanceRow = new QHBoxLayout;
+    balanceRow->addStretch(1);
+    balanceRow->addWidget(balance_);
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(grid_);
     layout->addLayout(buttons);
+    layout->addLayout(balanceRow);
     layout->addWidget(difference_);
 
     connect(link_, &QCheckBox::toggled, this, [this](bool on) { model_.setLinkChannelLevels(on); });
@@ -72,6 +75,7 @@ void ChannelLevelsSection::rebuildRows() {
         Row row{new QLabel(model_.channelName(c)), new QLabel, new QSlider(Qt::Horizontal), new QLabel};
         row.slider->setRange(-trimLimitDB * trimSteps, trimLimitDB * trimSteps);
         row.slider->setPageStep(trimSteps);
+        row.slider->setMinimumWidth(60);
         row.slider->setAccessibleName(tr("Trim ") + model_.channelName(c));
         row.value->setMinimumWidth(row.value->fontMetrics().horizontalAdvance(QStringLiteral("+24.0 dB")));
         row.value->setAlignment(Qt::AlignRight | Qt::AlignVCenter);

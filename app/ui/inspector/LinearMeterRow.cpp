@@ -10,7 +10,7 @@
 namespace harlune {
 
 namespace {
-constexpr int labelWidth = 84;
+constexpr int minimumLabelWidth = 84;
 constexpr int figureWidth = 92;
 } // namespace
 
@@ -53,7 +53,7 @@ QString LinearMeterRow::accessibleValue() const {
 }
 
 QSize LinearMeterRow::sizeHint() const {
-    return {labelWidth + figureWidth + 160, fontMetrics().height() + 6};
+    return {minimumLabelWidth + figureWidth + 100, fontMetrics().height() + 6};
 }
 
 double LinearMeterRow::fraction(double level) const {
@@ -68,6 +68,7 @@ void LinearMeterRow::paintEvent(QPaintEvent*) {
     const bool dark = Theme::isDark(palette());
     const QRect area = rect();
     painter.setPen(palette().color(QPalette::WindowText));
+    const int labelWidth = std::max(minimumLabelWidth, fontMetrics().horizontalAdvance(label_) + 8);
     painter.drawText(QRect(0, 0, labelWidth, area.height()), Qt::AlignVCenter | Qt::AlignLeft, label_);
     painter.drawText(QRect(area.width() - figureWidth, 0, figureWidth, area.height()),
                      Qt::AlignVCenter | Qt::AlignRight, figure());

@@ -11,7 +11,11 @@ namespace harlune {
 QString figureText(double value, const char* format) {
     if (!std::isfinite(value))
         return QStringLiteral("\u2014");
-    return cFormatted(format, value);
+    QString text = cFormatted(format, value);
+    // A level a hair under zero rounds to "-0.0": that sign says nothing.
+    if (text.startsWith(QLatin1Char('-')) && text.count(QLatin1Char('0')) == text.size() - 2)
+        text.remove(0, 1);
+    return text;
 }
 
 MetricCell::MetricCell(const QString& title, const QString& unit, QWidget* parent)
