@@ -181,7 +181,6 @@ TEST(LoudnessPanelControls, PresetsModesCeilingAndPreviewWriteTheModel) {
     EXPECT_FALSE(model->limitTruePeaks());
     EXPECT_EQ(adjust.limiting().text(),
               "Peaks will exceed the ceiling and may clip. Enable limiting or lower the target.");
-    EXPECT_TRUE(panel.truePeak().warning() == (measured.truePeakDBTP > model->ceilingDBTP()));
 
     adjust.mode().setCurrentIndex(1);
     EXPECT_EQ(model->adjustMode(), LoudnessAdjustMode::manual);
@@ -192,8 +191,12 @@ TEST(LoudnessPanelControls, PresetsModesCeilingAndPreviewWriteTheModel) {
     EXPECT_DOUBLE_EQ(model->manualGainDB(), -3.5);
     EXPECT_EQ(adjust.planGain().text(), "-3.50 dB gain");
 
+    adjust.ceiling().setValue(-4);
+    EXPECT_TRUE(panel.truePeak().warning()) << "-3 dBTP is above a ceiling of -4";
+    EXPECT_TRUE(accessibleText(panel.truePeak(), QAccessible::Name).endsWith(", above the ceiling"));
     adjust.ceiling().setValue(-2);
     EXPECT_EQ(model->ceilingDBTP(), -2);
+    EXPECT_FALSE(panel.truePeak().warning());
     EXPECT_EQ(adjust.preview().toolTip(),
               "Hear the gain change before applying it (limiting is not previewed).");
     adjust.preview().click();
