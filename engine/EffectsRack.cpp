@@ -224,6 +224,14 @@ ProcessorHandoff EffectsRack::makeOfflineChain() const {
     return handoff;
 }
 
+std::vector<PluginParameter> EffectsRack::pluginParameters(const Uuid& id) const {
+    const auto instance = plugins_.find(id);
+    if (instance == plugins_.end() || instance->second == nullptr)
+        return {};
+    const std::span<const PluginParameter> parameters = instance->second->parameters();
+    return {parameters.begin(), parameters.end()};
+}
+
 std::optional<float> EffectsRack::gainReduction(const Uuid& id) const {
     const auto found = std::find(preparedSlotIDs_.begin(), preparedSlotIDs_.end(), id);
     if (found == preparedSlotIDs_.end() || !runtime_)

@@ -80,6 +80,9 @@ public:
     ProcessorHandoff makeOfflineChain() const;
     /// dB, the current figure of that slot's running processor, if it meters gain reduction.
     std::optional<float> gainReduction(const Uuid& id) const;
+    /// The controls of a plug-in slot's loaded instance, for its editor; empty while it loads or
+    /// for a built-in.
+    std::vector<PluginParameter> pluginParameters(const Uuid& id) const;
 
     // Introspection for tests and the rack view.
     const std::shared_ptr<PreviewRuntime>& runtime() const { return runtime_; }

@@ -159,6 +159,7 @@ TEST(EffectsRack, ALoadingPlugInIsSkippedThenAddedAndKeptAcrossRebuilds) {
     const Uuid eq = rack.add(bell(3));
     const Uuid plugin = rack.addPlugin(scaler, R"({"gain":0.5})");
     EXPECT_EQ(rack.loadingSlots(), std::set<Uuid>{plugin});
+    EXPECT_TRUE(rack.pluginParameters(plugin).empty()) << "no controls to edit before the load";
     fixture.scheduler.advance(60ms);
     EXPECT_EQ(rack.runtime()->processors().size(), 1u) << "the rest of the chain is heard";
     EXPECT_TRUE(fixture.published().isActive);
@@ -168,6 +169,10 @@ TEST(EffectsRack, ALoadingPlugInIsSkippedThenAddedAndKeptAcrossRebuilds) {
     ASSERT_EQ(fixture.loader.made->size(), 1u);
     const auto instance = fixture.loader.made->front();
     EXPECT_EQ(instance->gain(), 0.5f) << "the slot's state is restored on the new instance";
+    const std::vector<PluginParameter> controls = rack.pluginParameters(plugin);
+    ASSERT_EQ(controls.size(), instance->parameters().size());
+    EXPECT_EQ(controls.front().symbol, instance->parameters().front().symbol);
+    EXPECT_TRUE(rack.pluginParameters(eq).empty());
     fixture.scheduler.advance(60ms);
     ASSERT_EQ(rack.runtime()->processors().size(), 2u);
     EXPECT_EQ(rack.runtime()->processors()[1], instance);
