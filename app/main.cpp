@@ -9,7 +9,7 @@
 #include "engine/DeferredOutputDevice.h"
 #include "engine/SafetyFile.h"
 #include "engine/devices/DefaultAudioDevice.h"
-#include "engine/devices/PipeWireInputDevice.h"
+#include "engine/devices/DefaultInputDevice.h"
 #include "ui/DocumentWindows.h"
 #include "ui/MainWindow.h"
 #include "ui/SingleInstance.h"
@@ -64,8 +64,7 @@ int main(int argc, char** argv) {
         collaborators.player = std::make_unique<EnginePlaybackControl>(
             std::make_unique<DeferredOutputDevice>([post] { return makeDefaultOutputDevice(post); }));
         collaborators.recorder = std::make_unique<EngineRecorderControl>(
-            std::make_shared<DeferredInputDevice>(
-                post, [post] { return std::make_unique<PipeWireInputDevice>(post); }),
+            std::make_shared<DeferredInputDevice>(post, [post] { return makeDefaultInputDevice(post); }),
             Recorder::Options{Recorder::TapDriving::thread, recordingsFolder(), {}}, qtRepeatingTimers());
         return collaborators;
     });

@@ -4,7 +4,7 @@
 #include "engine/MainThreadQueue.h"
 #include "engine/Recorder.h"
 #include "engine/SafetyFile.h"
-#include "engine/devices/PipeWireInputDevice.h"
+#include "engine/devices/DefaultInputDevice.h"
 
 #include <chrono>
 #include <cmath>
@@ -125,9 +125,9 @@ std::string meterText(const std::vector<double>& peaks, const std::vector<bool>&
 int runRecord(std::span<const std::string> arguments) {
     const Options options = parse(arguments);
     MainThreadQueue mainThread;
-    std::shared_ptr<PipeWireInputDevice> device;
+    std::shared_ptr<AudioInputDevice> device;
     try {
-        device = std::make_shared<PipeWireInputDevice>(mainThread.poster());
+        device = makeDefaultInputDevice(mainThread.poster());
     } catch (const std::exception& error) {
         printError(std::string("Couldn\u2019t open the input: ") + error.what());
         return exitFailure;

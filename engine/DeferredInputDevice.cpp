@@ -6,8 +6,10 @@ DeferredInputDevice::DeferredInputDevice(PostToMainThread postToMainThread, Fact
     : AudioInputDevice(std::move(postToMainThread)), factory_(std::move(factory)) {}
 
 DeferredInputDevice::~DeferredInputDevice() {
-    if (device_)
+    if (device_) {
         device_->setLossHandler({});
+        device_->setDevicesChangedHandler({});
+    }
 }
 
 AudioInputDevice& DeferredInputDevice::reached() {
@@ -21,6 +23,7 @@ AudioInputDevice& DeferredInputDevice::reached() {
         }
         // The real device already tells on the main thread; pass it on.
         device_->setLossHandler([this](std::string description) { notifyLoss(std::move(description)); });
+        device_->setDevicesChangedHandler([this] { notifyDevicesChanged(); });
     }
     return *device_;
 }
@@ -48,6 +51,10 @@ void DeferredInputDevice::start(CaptureSink& sink) {
 void DeferredInputDevice::close() {
     if (device_)
         device_->close();
+}
+
+bool DeferredInputDevice::setMonitoring(bool on) {
+    return device_ && device_->setMonitoring(on);
 }
 
 bool DeferredInputDevice::isRunning() const {

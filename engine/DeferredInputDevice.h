@@ -25,6 +25,7 @@ public:
     void start(CaptureSink& sink) override;
     void close() override;
     bool isRunning() const override;
+    bool setMonitoring(bool on) override;
 
     /// The real device, null until an opening succeeded.
     AudioInputDevice* device() const { return device_.get(); }

@@ -20,6 +20,7 @@ unset PIPEWIRE_REMOTE
 
 # A long period for the same reason as in the PipeWire test: a shared, unprivileged machine.
 start_jack() {
+    clear_stale_jack_registry
     jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >>"$work/jackd.log" 2>&1 &
     jack_pid=$!
     pids+=("$jack_pid")

@@ -20,6 +20,7 @@ chmod 700 "$XDG_RUNTIME_DIR"
 unset PIPEWIRE_REMOTE
 
 start_jack() {
+    clear_stale_jack_registry
     # A long period, as in the playback test: a shared, unprivileged machine.
     jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >>"$work/jackd.log" 2>&1 &
     jack_pid=$!

@@ -25,3 +25,11 @@ wait_for() {
     for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done
     fail "gave up waiting for: $*"
 }
+
+# A JACK server killed by a test leaves its entry in the shared-memory registry, and jackd refuses
+# to start once the registry is full ("Too many servers already active"). With no JACK server
+# running on the machine every entry is stale, so the tests clear them before starting their own.
+clear_stale_jack_registry() {
+    if pgrep -x jackd >/dev/null || pgrep -x jackdbus >/dev/null; then return 0; fi
+    rm -f /dev/shm/jack-* /dev/shm/jack_* 2>/dev/null || true
+}
