@@ -149,7 +149,19 @@ void DocumentWindows::showError(const QString& message, QWidget* over) {
     box->open();
 }
 
+void DocumentWindows::quit() {
+    quitting_ = true;
+    for (MainWindow* window : windows())
+        if (!window->close())
+            return; // it closes later, and the quit goes on from `windowClosed`
+}
+
 void DocumentWindows::windowClosed() {
+    if (quitting_ && !windows().empty())
+        QTimer::singleShot(0, this, [this] {
+            if (quitting_)
+                quit();
+        });
     // The program ends here rather than by Qt's quit-on-last-window, which would also end it
     // while an error about the last window is still on screen.
     if (windows().empty() && openMessages_ == 0)

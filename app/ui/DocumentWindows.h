@@ -45,6 +45,13 @@ public:
     /// cancelled dialog with no window open ends the program.
     void showOpenDialog(QWidget* over, bool quitIfNone);
 
+    /// Closes every window in turn, then the program ends. A window that finishes its save
+    /// first, or asks about unsaved changes, holds the quit until it has closed; a prompt
+    /// answered with Cancel, or a failed save, ends the quit with the rest still open.
+    void quit();
+    void cancelQuit() { quitting_ = false; }
+    bool isQuitting() const { return quitting_; }
+
     QStringList recentFiles() const;
     void clearRecentFiles();
 
@@ -67,6 +74,7 @@ private:
     std::shared_ptr<AudioClipboard> clipboard_;
     std::vector<QPointer<MainWindow>> windows_;
     int openMessages_ = 0;
+    bool quitting_ = false;
 };
 
 } // namespace harlune

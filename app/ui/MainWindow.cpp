@@ -221,6 +221,8 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     connect(&document_, &AudioDocument::writeFailed, this, [this](const QString& message, bool cancelled) {
         writing_ = false;
         closeAfterSave_ = false;
+        if (windows_)
+            windows_->cancelQuit(); // the window stays with its unsaved audio: so does the program
         updateTitle();
         updateActions();
         if (!cancelled)
@@ -333,10 +335,8 @@ void MainWindow::buildMenus() {
     file->addSeparator();
     addItem(file, "quit", [this] {
         if (windows_)
-            for (MainWindow* window : windows_->windows())
-                if (!window->close())
-                    return;
-        if (!windows_)
+            windows_->quit();
+        else
             close();
     });
 
@@ -778,6 +778,8 @@ void MainWindow::askToSaveThenClose() {
         } else if (answer == QMessageBox::Save) {
             closeAfterSave_ = true;
             save();
+        } else if (windows_) {
+            windows_->cancelQuit();
         }
     });
     box->open();

@@ -16,10 +16,12 @@
 #include <QDir>
 #include <QDoubleSpinBox>
 #include <QFile>
+#include <QFileInfo>
 #include <QLabel>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -400,6 +402,27 @@ TEST(WindowControllerTest, ASaveOntoAFullDiskKeepsTheOldFile) {
     window->close();
     QTest::qWait(10);
     EXPECT_EQ(std::system(unmount.c_str()), 0);
+}
+
+// Quit while a save runs: that window closes once its file is complete, then the quit goes on
+// and closes the others.
+TEST(WindowControllerTest, QuitWaitsForARunningSaveThenClosesTheRest) {
+    QTemporaryDir folder;
+    DocumentWindows windows;
+    QPointer<MainWindow> saving = windows.adopt(
+        AudioContent(quietNoise(2, static_cast<int64_t>(60 * rate)), rate), QStringLiteral("Long"));
+    QPointer<MainWindow> other =
+        windows.adopt(AudioContent(quietNoise(1, 4800), rate), QStringLiteral("Short"));
+    QSignalSpy written(&saving->document(), &AudioDocument::written);
+    const QString path = folder.filePath(QStringLiteral("long.flac"));
+    saving->saveTo(path);
+    saving->action("quit")->trigger();
+    EXPECT_TRUE(windows.isQuitting());
+    EXPECT_FALSE(saving.isNull()); // held by its save
+    EXPECT_FALSE(other.isNull());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return saving.isNull() && other.isNull(); }, 30000));
+    EXPECT_EQ(written.count(), 1);
+    EXPECT_GT(QFileInfo(path).size(), 100000);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "editor/CFormatted.h"
 #include "editor/EditorModel.h"
 #include "editor/LoudnessPreset.h"
+#include "ui/SymbolIcons.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -90,6 +91,9 @@ AdjustLoudnessSection::AdjustLoudnessSection(EditorModel& model, QWidget* parent
     form->addRow(tr("True-peak ceiling"), ceiling_);
     // Two lines, so that the panel stays narrow enough for a side bar.
     auto* outcome = new QHBoxLayout;
+    auto* planIcon = new QLabel(this);
+    planIcon->setPixmap(SymbolIcons::icon(QStringLiteral("slider.horizontal.3")).pixmap(16, 16));
+    outcome->addWidget(planIcon);
     outcome->addWidget(planGain_);
     outcome->addStretch(1);
     outcome->addWidget(planLoudness_);
@@ -102,7 +106,14 @@ AdjustLoudnessSection::AdjustLoudnessSection(EditorModel& model, QWidget* parent
     layout->addWidget(limit_);
     layout->addWidget(preview_);
     layout->addLayout(summary);
-    layout->addWidget(limiting_);
+    limitingIcon_ = new QLabel(this);
+    limitingIcon_->setPixmap(
+        SymbolIcons::icon(QStringLiteral("waveform.badge.exclamationmark")).pixmap(16, 16));
+    limitingIcon_->setAlignment(Qt::AlignTop);
+    auto* limitingRow = new QHBoxLayout;
+    limitingRow->addWidget(limitingIcon_);
+    limitingRow->addWidget(limiting_, 1);
+    layout->addLayout(limitingRow);
     layout->addWidget(apply_);
 
     connect(mode_, &QComboBox::currentIndexChanged, this, [this](int index) {
@@ -165,6 +176,7 @@ void AdjustLoudnessSection::refresh() {
                 ? tr("A transparent true-peak limiter will hold peaks at the ceiling.")
                 : tr("Peaks will exceed the ceiling and may clip. Enable limiting or lower the target."));
     limiting_->setVisible(plan && plan->needsLimiting);
+    limitingIcon_->setVisible(plan && plan->needsLimiting);
 
     const bool toSelection = model_.analysisScope() == AnalysisScope::selection && model_.selection();
     apply_->setText(toSelection ? tr("Apply to Selection") : tr("Apply to Entire File"));

@@ -57,6 +57,7 @@ private:
     QLabel* planLoudness_;
     QLabel* planPeak_;
     QLabel* limiting_;
+    QLabel* limitingIcon_ = nullptr;
     QPushButton* apply_;
 };
 

@@ -2,6 +2,7 @@
 
 #include "editor/CFormatted.h"
 #include "editor/EditorModel.h"
+#include "ui/SymbolIcons.h"
 #include "ui/inspector/AdjustLoudnessSection.h"
 #include "ui/inspector/ChannelLevelsSection.h"
 #include "ui/inspector/LiveMetersSection.h"
@@ -59,7 +60,7 @@ LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
     scope_->setAccessibleName(tr("Scope"));
 
     noAudio_ = centredMessage(new QLabel(tr("No audio.")));
-    hintPage_ = centredMessage(hint_, style()->standardIcon(QStyle::SP_MessageBoxInformation));
+    hintPage_ = centredMessage(hint_, SymbolIcons::icon(QStringLiteral("gauge.with.dots.needle.33percent")));
     measuringPage_ = centredMessage(new QLabel(tr("Measuring…")));
 
     figures_ = new QWidget;
