@@ -9,24 +9,7 @@ set -uo pipefail
 tool=$1
 recorder_tool=$2
 session_name=e2e-jack
-source "$(dirname "$0")/test-processes.sh"
-
-# A private server: its own name, and no PipeWire to answer in its place.
-export JACK_DEFAULT_SERVER=harlune-test-$$ JACK_NO_AUDIO_RESERVATION=1
-export XDG_RUNTIME_DIR=$work/run HOME=$work/home
-mkdir -p "$XDG_RUNTIME_DIR" "$HOME"
-chmod 700 "$XDG_RUNTIME_DIR"
-unset PIPEWIRE_REMOTE
-
-# A long period for the same reason as in the PipeWire test: a shared, unprivileged machine.
-start_jack() {
-    clear_stale_jack_registry
-    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >>"$work/jackd.log" 2>&1 &
-    jack_pid=$!
-    pids+=("$jack_pid")
-    wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
-}
-start_jack
+source "$(dirname "$0")/private-jack.sh"
 
 # play_and_check NAME BACKEND PLAY-OPTIONS... -- CHECK-OPTIONS...
 play_and_check() {

@@ -10,24 +10,7 @@ set -uo pipefail
 tool=$1
 check=$2
 session_name=e2e-record-jack
-source "$(dirname "$0")/test-processes.sh"
-
-# A private server: its own name, and no PipeWire to answer in its place.
-export JACK_DEFAULT_SERVER=harlune-record-$$ JACK_NO_AUDIO_RESERVATION=1
-export XDG_RUNTIME_DIR=$work/run HOME=$work/home
-mkdir -p "$XDG_RUNTIME_DIR" "$HOME"
-chmod 700 "$XDG_RUNTIME_DIR"
-unset PIPEWIRE_REMOTE
-
-start_jack() {
-    clear_stale_jack_registry
-    # A long period, as in the playback test: a shared, unprivileged machine.
-    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 4096 >>"$work/jackd.log" 2>&1 &
-    jack_pid=$!
-    pids+=("$jack_pid")
-    wait_for jack_lsp -s "$JACK_DEFAULT_SERVER"
-}
-start_jack
+source "$(dirname "$0")/private-jack.sh"
 
 # With no PipeWire daemon but a JACK server, the default choice is the JACK input device.
 "$check" system 6 1000 0.5 "$work/Recordings" automatic >"$work/check.log" 2>&1 &

@@ -90,6 +90,22 @@ if [ -n "$cli" ]; then
         [ "$warnings" = 1 ] || fail "expected one warning about the safety copy, saw $warnings"
         awk -v s="$seconds" 'BEGIN { exit !(s >= 2.9 && s <= 3.3) }' || fail "the take on a full disk lasts $seconds s"
         echo "full disk: one warning, the take lasts $seconds s"
+        # Killed once the disk is full: the safety file still reads back with what fit.
+        mount -t tmpfs -o size=256k tmpfs "$work/full" || fail "cannot mount the tmpfs again"
+        XDG_DATA_HOME=$work/full "$cli" record --device testmic --duration 30 "$work/never.wav" \
+            >"$work/cli-full-killed.log" 2>&1 &
+        recorder=$!
+        for _ in $(seq 100); do grep -q 'safety copy on disk stopped' "$work/cli-full-killed.log" && break; sleep 0.1; done
+        kill -9 "$recorder"
+        wait "$recorder" 2>/dev/null
+        safety=$(ls "$work/full/Harlune/Recordings/"*.caf 2>/dev/null | head -1)
+        by_sndfile=$( [ -n "$safety" ] && frames_sndfile "$safety")
+        by_ffmpeg=$( [ -n "$safety" ] && frames_ffmpeg "$safety")
+        umount "$work/full"
+        echo "full disk, killed: libsndfile reads ${by_sndfile:-no} frames, ffmpeg ${by_ffmpeg:-no}"
+        # 256 KiB hold at most 32768 frames of stereo float; the file holds some and all readers agree.
+        awk -v f="${by_sndfile:-0}" 'BEGIN { exit !(f > 4096 && f <= 32768) }' || fail "the safety file on a full disk holds ${by_sndfile:-nothing}"
+        [ "$by_sndfile" = "$by_ffmpeg" ] || fail "libsndfile and ffmpeg read different lengths of the full-disk safety file"
     else
         echo "full disk: skipped (cannot mount a tmpfs here)"
     fi

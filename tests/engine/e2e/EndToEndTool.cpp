@@ -273,11 +273,12 @@ int compareClicks(const std::string& path, const std::map<std::string, std::stri
     const std::vector<float> signal =
         e2e::clickTrack(rate, number(all, "--lead", 0.5), number(all, "--seconds", 2));
     // Aligned on the first seconds alone: the correlation over ten minutes would take too long.
+    // The player may start a minute late on a loaded machine, so the take is searched that far.
     const size_t head = std::min(signal.size(), static_cast<size_t>(5 * rate));
-    const int64_t offset = e2e::alignmentOffset(
-        std::vector<float>(take.begin(), take.begin() + static_cast<long>(std::min(
-                                                            take.size(), head + static_cast<size_t>(rate)))),
-        std::vector<float>(signal.begin(), signal.begin() + static_cast<long>(head)));
+    const size_t searched = std::min(take.size(), head + static_cast<size_t>(60 * rate));
+    const int64_t offset =
+        e2e::alignmentOffset(std::vector<float>(take.begin(), take.begin() + static_cast<long>(searched)),
+                             std::vector<float>(signal.begin(), signal.begin() + static_cast<long>(head)));
     if (offset < 0) {
         std::printf("no click track found\n");
         return 1;
