@@ -32,18 +32,8 @@ for tool in Xvfb xdotool sox ffprobe; do
     command -v "$tool" >/dev/null || fail "$tool is not installed (scripts/packages.txt)"
 done
 
-# A display number nobody uses.
-for display in $(seq 90 120); do
-    [[ -e /tmp/.X11-unix/X$display || -e /tmp/.X$display-lock ]] || break
-done
-Xvfb ":$display" -screen 0 1280x800x24 -nolisten tcp >"$work/xvfb.out" 2>&1 &
-pids+=($!)
-export DISPLAY=":$display"
-for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
-export XDG_RUNTIME_DIR="$work/runtime"
-mkdir -m 700 -p "$XDG_RUNTIME_DIR"
-export HOME="$work/home" # preferences and recent files in the scratch folder
-mkdir -p "$HOME"
+source "$(dirname "$0")/private-x-server.sh"
+start_private_x 90 120
 
 # wait_for LOG PATTERN [SECONDS]: until a trace line matches.
 wait_for() {

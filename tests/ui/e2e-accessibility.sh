@@ -26,17 +26,8 @@ done
 
 # Inside the private session bus: the accessibility bus, the editor, the reader.
 if [[ ${1:-} != --inside ]]; then
-    for display in $(seq 121 150); do
-        [[ -e /tmp/.X11-unix/X$display || -e /tmp/.X$display-lock ]] || break
-    done
-    Xvfb ":$display" -screen 0 1280x800x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
-    pids+=($!)
-    export DISPLAY=":$display"
-    for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
-    export XDG_RUNTIME_DIR="$work/runtime"
-    mkdir -m 700 -p "$XDG_RUNTIME_DIR"
-    export HOME="$work/home"
-    mkdir -p "$HOME"
+    source "$here/../e2e/private-x-server.sh"
+    start_private_x 121 150
     export HARLUNE_A11Y_WORK=$work
     dbus-run-session -- "$0" --inside "$harlune"
     exit $?
