@@ -7,6 +7,7 @@
 #include "dsp/effects/EffectParameters.h"
 #include "editor/EditorTestSupport.h"
 #include "editor/EnginePlaybackControl.h"
+#include "editor/QtRackScheduler.h"
 #include "engine/devices/TestAudioDevice.h"
 #include "support/TestAudio.h"
 #include "ui/inspector/EQResponseView.h"
@@ -30,7 +31,10 @@
 #include <QSlider>
 #include <QToolButton>
 #include <cmath>
+#include <functional>
 #include <gtest/gtest.h>
+#include <utility>
+#include <vector>
 
 namespace harlune {
 namespace {
@@ -48,9 +52,32 @@ QAction* addAction(RackPanel& panel, EffectKind kind) {
     return panel.addButton().menu()->findChild<QAction*>(QString::fromUtf8(rawValue(kind).data()));
 }
 
-std::unique_ptr<EditorModel> plainModel() {
+/// The window's scheduler, except that background jobs wait for `release`: a plug-in that loads
+/// quickly would otherwise be ready before the first look at its spinner.
+class GatedRackScheduler final : public RackScheduler {
+public:
+    Clock::time_point now() const override { return inner_.now(); }
+    TaskID schedule(std::chrono::milliseconds delay, std::function<void()> task) override {
+        return inner_.schedule(delay, std::move(task));
+    }
+    void cancel(TaskID task) override { inner_.cancel(task); }
+    void runInBackground(std::function<std::function<void()>()> work) override {
+        held_.push_back(std::move(work));
+    }
+    void release() {
+        for (auto& work : std::exchange(held_, {}))
+            inner_.runInBackground(std::move(work));
+    }
+
+private:
+    QtRackScheduler inner_;
+    std::vector<std::function<std::function<void()>()>> held_;
+};
+
+std::unique_ptr<EditorModel> plainModel(std::unique_ptr<RackScheduler> rackScheduler = nullptr) {
     testing::clearPreferences();
     EditorCollaborators collaborators;
+    collaborators.rackScheduler = std::move(rackScheduler);
     collaborators.player = std::make_unique<testing::ProbePlayer>(std::make_shared<testing::Probe>());
     collaborators.analysis = std::make_unique<NullAnalysisScheduler>();
     return std::make_unique<EditorModel>(AudioContent(testing::noisePlanes(2, 4800), 48000), std::nullopt,
@@ -120,13 +147,16 @@ TEST(RackPanel, SlotsAreAddedOpenedOneAtATimeToggledRemovedAndReordered) {
 }
 
 TEST(RackPanel, PlugInsShowASpinnerThenTheirControlsAndFailuresCanBeDismissed) {
-    auto model = plainModel();
+    auto gated = std::make_unique<GatedRackScheduler>();
+    GatedRackScheduler& scheduler = *gated;
+    auto model = plainModel(std::move(gated));
     RackPanel panel(*model);
     panel.show();
     const Uuid id = model->rack().addPlugin(amp);
     QApplication::processEvents(); // the new view is shown by a queued call
     ASSERT_NE(panel.slotView(id), nullptr);
     EXPECT_TRUE(panel.slotView(id)->spinner().isVisibleTo(&panel));
+    scheduler.release();
     ASSERT_TRUE(QTest::qWaitFor([&] { return model->rack().loadingSlots().empty(); }, 20000));
     if (model->rack().slots().empty())
         GTEST_SKIP() << "the swh-lv2 amplifier is not installed: " << model->rack().lastError().value_or("");
@@ -141,6 +171,7 @@ TEST(RackPanel, PlugInsShowASpinnerThenTheirControlsAndFailuresCanBeDismissed) {
     EXPECT_DOUBLE_EQ(pluginValue(state, model->rack().pluginParameters(id).front()), -6);
 
     model->rack().addPlugin({"urn:harlune:nothing", "Ghost"});
+    scheduler.release();
     ASSERT_TRUE(QTest::qWaitFor([&] { return model->rack().lastError().has_value(); }, 20000));
     EXPECT_TRUE(panel.error().isVisibleTo(&panel));
     EXPECT_TRUE(panel.error().text().startsWith(QStringLiteral("Couldn\u2019t load \u201cGhost\u201d: ")));
