@@ -23,11 +23,16 @@ const std::shared_ptr<const std::vector<int64_t>>& emptyStarts() {
     return empty;
 }
 
+const std::shared_ptr<const PeakIndex>& emptyPeakIndex() {
+    static const auto empty = std::make_shared<const PeakIndex>();
+    return empty;
+}
+
 } // namespace
 
 AudioContent::AudioContent(int channelCount, double sampleRate)
     : channelCount_(channelCount), sampleRate_(sampleRate), segments_(emptySegments()),
-      starts_(emptyStarts()) {
+      starts_(emptyStarts()), peakIndex_(emptyPeakIndex()) {
     HARLUNE_PRECONDITION(channelCount >= 1, "AudioContent needs at least one channel");
 }
 
@@ -76,8 +81,10 @@ void AudioContent::reindex(std::vector<Segment> segments) {
     if (segments.empty()) {
         segments_ = emptySegments();
         starts_ = emptyStarts();
+        peakIndex_ = emptyPeakIndex();
         return;
     }
+    peakIndex_ = PeakIndex::make(segments, channelCount_);
     segments_ = std::make_shared<const std::vector<Segment>>(std::move(segments));
     starts_ = std::make_shared<const std::vector<int64_t>>(std::move(starts));
 }
@@ -333,40 +340,38 @@ PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
         return result;
     const auto& segments = *segments_;
     const auto& starts = *starts_;
-    constexpr int64_t stride = WaveSummary::stride;
-
-    const auto scan = [&](const float* samples, int64_t from, int64_t to) {
-        const auto stretch = vec::minMaxSquares(samples + from, to - from);
-        result.merge(stretch.min, stretch.max, stretch.sumSquares, to - from);
+    const PeakIndex& index = *peakIndex_;
+    const auto n = static_cast<int64_t>(segments.size());
+    const auto endOf = [&](int64_t segment) {
+        return segment < n ? starts[static_cast<size_t>(segment)] : frameCount_;
     };
-
-    for (auto i = static_cast<size_t>(locate(clamped.lower));
-         i < segments.size() && starts[i] < clamped.upper; ++i) {
-        const Segment& segment = segments[i];
-        const AudioBlock& block = *segment.block;
-        const int64_t lo = segment.offset + std::max<int64_t>(0, clamped.lower - starts[i]);
-        const int64_t hi = segment.offset + std::min(segment.count, clamped.upper - starts[i]);
-        const WaveSummary& summary = block.summary();
-        const auto c = static_cast<size_t>(channel);
-        if (lo == 0 && hi == block.frameCount()) {
-            result.merge(summary.blockMin[c], summary.blockMax[c], summary.blockSumSquares[c], hi);
-            continue;
+    // Whole groups and whole segments from the index; only the segments cut by the range's ends
+    // are read from their blocks.
+    for (int64_t i = locate(clamped.lower); i < n && starts[static_cast<size_t>(i)] < clamped.upper;) {
+        const int64_t start = starts[static_cast<size_t>(i)];
+        if (start >= clamped.lower) {
+            if (i % PeakIndex::groupSize == 0) {
+                const int64_t last = std::min(n, i + PeakIndex::groupSize);
+                if (const int64_t end = endOf(last); end <= clamped.upper) {
+                    const PeakIndex::Entry& group = index.group(i / PeakIndex::groupSize, channel);
+                    result.merge(group.min, group.max, group.sumSquares, end - start);
+                    i = last;
+                    continue;
+                }
+            }
+            if (const int64_t end = endOf(i + 1); end <= clamped.upper) {
+                const PeakIndex::Entry& whole = index.segment(i, channel);
+                result.merge(whole.min, whole.max, whole.sumSquares, end - start);
+                ++i;
+                continue;
+            }
         }
-        const float* samples = block.channel(channel);
-        const int64_t p0 = (lo + stride - 1) / stride;
-        const int64_t p1 = hi / stride;
-        if (p0 < p1) {
-            if (lo < stride * p0)
-                scan(samples, lo, stride * p0);
-            // Points p0..<p1 end at or before `hi`, so all are full 256-frame runs.
-            const auto points = vec::mergePoints(summary.mins[c].data() + p0, summary.maxs[c].data() + p0,
-                                                 summary.sumSquares[c].data() + p0, p1 - p0);
-            result.merge(points.min, points.max, points.sumSquares, (p1 - p0) * stride);
-            if (stride * p1 < hi)
-                scan(samples, stride * p1, hi);
-        } else if (lo < hi) {
-            scan(samples, lo, hi);
-        }
+        const Segment& segment = segments[static_cast<size_t>(i)];
+        const int64_t lo = segment.offset + std::max<int64_t>(0, clamped.lower - start);
+        const int64_t hi = segment.offset + std::min(segment.count, clamped.upper - start);
+        const PeakSummary part = blockPeaks(*segment.block, channel, lo, hi);
+        result.merge(part.min, part.max, part.sumSquares, part.count);
+        ++i;
     }
     return result;
 }

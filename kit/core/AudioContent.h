@@ -5,6 +5,7 @@
 #include "base/FrameRange.h"
 #include "base/FunctionRef.h"
 #include "core/AudioBlock.h"
+#include "core/PeakIndex.h"
 
 #include <cstdint>
 #include <memory>
@@ -99,6 +100,8 @@ private:
     double sampleRate_;
     std::shared_ptr<const std::vector<Segment>> segments_;
     std::shared_ptr<const std::vector<int64_t>> starts_;
+    /// The segments' summaries, rebuilt with the list.
+    std::shared_ptr<const PeakIndex> peakIndex_;
     int64_t frameCount_ = 0;
 };
 

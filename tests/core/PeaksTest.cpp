@@ -46,6 +46,58 @@ TEST(PeaksTest, RandomRangesOverAFragmentedContentMatchANaiveScan) {
     }
 }
 
+TEST(PeaksTest, RangesOverManySegmentsMatchANaiveScanBeforeAndAfterAnEdit) {
+    // Some 60 segments (each over the 4096 frames under which appends compact), cut at uneven places: wide
+    // ranges go through whole groups of segments, and their ends through windows that start and stop inside
+    // blocks.
+    Planes planes = noisePlanes(2, 300'000, 54);
+    std::vector<int64_t> cuts;
+    for (int64_t at = 1234; at < 295'000; at += 4801)
+        cuts.push_back(at);
+    // Every other piece a block of its own (a whole window), the rest windows into one block:
+    // so no two neighbours share a block, and nothing merges.
+    const AudioContent whole(planes, 48000);
+    AudioContent content(2, 48000);
+    cuts.push_back(300'000);
+    int64_t previous = 0;
+    for (size_t piece = 0; piece < cuts.size(); ++piece) {
+        const FrameRange range{previous, cuts[piece]};
+        if (piece % 2 == 0)
+            content.append(AudioContent::copying(whole, range));
+        else
+            content.append(whole.slice(range));
+        previous = cuts[piece];
+    }
+    ASSERT_GT(content.segmentCount(), 3 * PeakIndex::groupSize);
+    std::mt19937 generator(55);
+    std::uniform_int_distribution<int64_t> position(0, 300'000);
+    const auto checkRandomRanges = [&] {
+        for (int trial = 0; trial < 200; ++trial) {
+            const int64_t a = position(generator), b = position(generator);
+            const FrameRange range{std::min(a, b), std::max(a, b)};
+            for (int c = 0; c < 2; ++c)
+                expectSamePeaks(content.peaks(c, range), naivePeaks(planes[static_cast<size_t>(c)], range));
+        }
+        for (int c = 0; c < 2; ++c)
+            expectSamePeaks(content.peaks(c, content.fullRange()),
+                            naivePeaks(planes[static_cast<size_t>(c)], content.fullRange()));
+    };
+    checkRandomRanges();
+
+    // A loud burst pasted in the middle must show in every range over it, and the rest must move.
+    const Planes burst = {std::vector<float>(1000, 1.5f), std::vector<float>(1000, -1.5f)};
+    content.replaceSubrange({100'000, 150'000}, AudioContent(burst, 48000));
+    for (size_t c = 0; c < 2; ++c) {
+        planes[c].erase(planes[c].begin() + 100'000, planes[c].begin() + 150'000);
+        planes[c].insert(planes[c].begin() + 100'000, burst[c].begin(), burst[c].end());
+    }
+    ASSERT_EQ(content.frameCount(), static_cast<int64_t>(planes[0].size()));
+    position = std::uniform_int_distribution<int64_t>(0, content.frameCount());
+    checkRandomRanges();
+    EXPECT_EQ(content.peaks(0, {0, content.frameCount()}).max, 1.5f);
+    EXPECT_EQ(content.peaks(1, {0, content.frameCount()}).min, -1.5f);
+}
+
 TEST(PeaksTest, WindowAtOffset300UsesPointsFromTheSecondPointsEnd) {
     const Planes planes = noisePlanes(1, 65536, 53);
     const AudioContent content = AudioContent(planes, 48000).slice({300, 65536});
