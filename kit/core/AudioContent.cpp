@@ -69,7 +69,7 @@ AudioContent AudioContent::silence(int64_t frames, int channelCount, double samp
     return builder.build();
 }
 
-void AudioContent::reindex(std::vector<Segment> segments) {
+void AudioContent::reindex(std::vector<Segment> segments, std::shared_ptr<const PeakIndex> peakIndex) {
     std::vector<int64_t> starts;
     starts.reserve(segments.size());
     int64_t total = 0;
@@ -84,7 +84,9 @@ void AudioContent::reindex(std::vector<Segment> segments) {
         peakIndex_ = emptyPeakIndex();
         return;
     }
-    peakIndex_ = PeakIndex::make(segments, channelCount_);
+    peakIndex_ = peakIndex ? std::move(peakIndex) : PeakIndex::make(segments, channelCount_);
+    HARLUNE_PRECONDITION(peakIndex_->segments.size() == segments.size() * static_cast<size_t>(channelCount_),
+                         "peak index out of step with the segments");
     segments_ = std::make_shared<const std::vector<Segment>>(std::move(segments));
     starts_ = std::make_shared<const std::vector<int64_t>>(std::move(starts));
 }
@@ -187,24 +189,35 @@ void AudioContent::replaceSubrange(FrameRange range, const AudioContent& other) 
 
     std::vector<Segment> result;
     result.reserve(segments.size() + other.segments_->size() + 2);
+    // The summaries of kept segments are copied, not recomputed: an edit of a long content stays
+    // a copy of two flat arrays.
+    const auto channels = static_cast<size_t>(channelCount_);
+    const std::vector<PeakIndex::Entry>& known = peakIndex_->segments;
+    std::vector<PeakIndex::Entry> entries;
+    entries.reserve(result.capacity() * channels);
 
     if (clamped.lower > 0) {
         const auto at = static_cast<size_t>(locate(clamped.lower));
-        for (size_t i = 0; i < at; ++i)
-            result.push_back(segments[i]);
+        result.insert(result.end(), segments.begin(), segments.begin() + static_cast<ptrdiff_t>(at));
+        entries.insert(entries.end(), known.begin(), known.begin() + static_cast<ptrdiff_t>(at * channels));
         const int64_t kept = clamped.lower - starts[at];
-        if (kept > 0)
+        if (kept > 0) {
             result.push_back({segments[at].block, segments[at].offset, kept});
+            PeakIndex::appendEntries(entries, result.back(), channelCount_);
+        }
     }
     result.insert(result.end(), other.segments_->begin(), other.segments_->end());
+    entries.insert(entries.end(), other.peakIndex_->segments.begin(), other.peakIndex_->segments.end());
     if (clamped.upper < frameCount_) {
         const auto at = static_cast<size_t>(locate(clamped.upper));
         const int64_t skipped = clamped.upper - starts[at];
         result.push_back({segments[at].block, segments[at].offset + skipped, segments[at].count - skipped});
-        for (size_t i = at + 1; i < segments.size(); ++i)
-            result.push_back(segments[i]);
+        PeakIndex::appendEntries(entries, result.back(), channelCount_);
+        result.insert(result.end(), segments.begin() + static_cast<ptrdiff_t>(at + 1), segments.end());
+        entries.insert(entries.end(), known.begin() + static_cast<ptrdiff_t>((at + 1) * channels),
+                       known.end());
     }
-    reindex(std::move(result));
+    reindex(std::move(result), PeakIndex::fromEntries(std::move(entries), channelCount_));
     compactIfFragmented();
 }
 

@@ -94,7 +94,8 @@ public:
     PeakSummary peaks(int channel, FrameRange range) const;
 
 private:
-    void reindex(std::vector<Segment> segments);
+    /// Installs a new segment list; its peak index is built unless given.
+    void reindex(std::vector<Segment> segments, std::shared_ptr<const PeakIndex> peakIndex = nullptr);
 
     int channelCount_;
     double sampleRate_;

@@ -10,8 +10,37 @@ namespace harlune {
 
 /// Minimum, maximum and energy of frames `lo ..< hi` of one channel of a block: the block's own
 /// value when the window is the whole block, else its 256-frame points with the ragged ends
-/// scanned.
-PeakSummary blockPeaks(const AudioBlock& block, int channel, int64_t lo, int64_t hi);
+/// scanned. Inline: it is the inner step of every peak query.
+inline PeakSummary blockPeaks(const AudioBlock& block, int channel, int64_t lo, int64_t hi) {
+    PeakSummary result = PeakSummary::empty();
+    const auto c = static_cast<size_t>(channel);
+    const WaveSummary& summary = block.summary();
+    if (lo == 0 && hi == block.frameCount()) {
+        result.merge(summary.blockMin[c], summary.blockMax[c], summary.blockSumSquares[c], hi);
+        return result;
+    }
+    constexpr int64_t stride = WaveSummary::stride;
+    const float* samples = block.channel(channel);
+    const auto scan = [&](int64_t from, int64_t to) {
+        const auto stretch = vec::minMaxSquares(samples + from, to - from);
+        result.merge(stretch.min, stretch.max, stretch.sumSquares, to - from);
+    };
+    const int64_t p0 = (lo + stride - 1) / stride;
+    const int64_t p1 = hi / stride;
+    if (p0 < p1) {
+        if (lo < stride * p0)
+            scan(lo, stride * p0);
+        // Points p0..<p1 end at or before `hi`, so all are full 256-frame runs.
+        const auto points = vec::mergePoints(summary.mins[c].data() + p0, summary.maxs[c].data() + p0,
+                                             summary.sumSquares[c].data() + p0, p1 - p0);
+        result.merge(points.min, points.max, points.sumSquares, (p1 - p0) * stride);
+        if (stride * p1 < hi)
+            scan(stride * p1, hi);
+    } else if (lo < hi) {
+        scan(lo, hi);
+    }
+    return result;
+}
 
 /// The summaries of a content's segment list, so that a peak query over a long range reads a few
 /// flat values instead of visiting every block it spans (a column of a 24-hour file at fit covers
@@ -33,6 +62,11 @@ struct PeakIndex {
     std::vector<Entry> groups;
 
     static std::shared_ptr<const PeakIndex> make(const std::vector<Segment>& segments, int channelCount);
+    /// From per-segment entries already known (an edit copies those of the segments it keeps);
+    /// only the groups are summed.
+    static std::shared_ptr<const PeakIndex> fromEntries(std::vector<Entry> segmentEntries, int channelCount);
+    /// Appends the entries of one segment, one per channel.
+    static void appendEntries(std::vector<Entry>& entries, const Segment& segment, int channelCount);
 
     const Entry& segment(int64_t index, int channel) const {
         return segments[static_cast<size_t>(index * channelCount + channel)];
