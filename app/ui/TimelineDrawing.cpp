@@ -11,12 +11,15 @@
 #include <QPainterPath>
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace harlune {
 namespace {
 
 constexpr double minus6dB = 0.5011872336272722;
 constexpr double minus12dB = 0.251188643150958;
+/// Device pixels between frames under which sample lines are drawn as per-column spans.
+constexpr double denseSampleSpacing = 4;
 
 QColor withAlpha(QColor colour, double alpha) {
     colour.setAlphaF(static_cast<float>(alpha));
@@ -60,6 +63,8 @@ private:
     void drawColumns(int channel, const QRectF& lane, double halfHeight, const QColor& peak,
                      const QColor& rms);
     void drawSamples(int channel, const QRectF& lane, double halfHeight, const QColor& colour);
+    void drawDenseSamples(int64_t first, const std::vector<float>& samples, const QRectF& lane,
+                          double halfHeight, const QColor& colour);
     void drawEmptyHint();
     void drawSelection();
     void drawMarkerLines();
@@ -284,6 +289,10 @@ void Pass::drawSamples(int channel, const QRectF& lane, double halfHeight, const
             samples[static_cast<size_t>(frame - first)] *= static_cast<float>(
                 std::pow(10.0, envelopes.gainDB(channel, static_cast<double>(frame)) / 20));
     const double midY = lane.center().y();
+    if (canvas_.scale / framesPerPoint < denseSampleSpacing) {
+        drawDenseSamples(first, samples, lane, halfHeight, colour);
+        return;
+    }
     std::vector<QPointF> points(samples.size());
     for (size_t i = 0; i < samples.size(); ++i)
         points[i] = QPointF(
@@ -306,6 +315,68 @@ void Pass::drawSamples(int channel, const QRectF& lane, double halfHeight, const
         for (const QPointF& point : points)
             painter_.drawEllipse(point, 2.0, 2.0);
     }
+    painter_.restore();
+}
+
+void Pass::drawDenseSamples(int64_t first, const std::vector<float>& samples, const QRectF& lane,
+                            double halfHeight, const QColor& colour) {
+    // Frames a few device pixels apart make the line a run of near-vertical strokes; antialiased,
+    // full-scale noise costs the painter some 200 ms per lane. Each device column instead takes
+    // the span the line crosses in it, widened by half the pen, drawn like the columns further out.
+    const double scale = canvas_.scale;
+    const double framesPerPoint = fpp();
+    const double scrollFrame = scroll();
+    const double halfPen = 0.625 * scale;
+    const int64_t columns = pixelCount(lane.width(), scale);
+    std::vector<float> tops(static_cast<size_t>(columns), std::numeric_limits<float>::max());
+    std::vector<float> bottoms(static_cast<size_t>(columns), std::numeric_limits<float>::lowest());
+    const auto xAt = [&](size_t i) {
+        return frameToX(static_cast<double>(first) + static_cast<double>(i), scrollFrame, framesPerPoint) *
+               scale;
+    };
+    const auto yAt = [&](size_t i) {
+        return (lane.center().y() - halfHeight * samples[i]) * scale;
+    };
+    const auto widen = [&](int64_t column, double y0, double y1) {
+        if (column < 0 || column >= columns)
+            return;
+        auto& top = tops[static_cast<size_t>(column)];
+        auto& bottom = bottoms[static_cast<size_t>(column)];
+        top = std::min(top, static_cast<float>(std::min(y0, y1) - halfPen));
+        bottom = std::max(bottom, static_cast<float>(std::max(y0, y1) + halfPen));
+    };
+    for (size_t i = 0; i + 1 < samples.size(); ++i) {
+        const double x0 = xAt(i), x1 = xAt(i + 1), y0 = yAt(i), y1 = yAt(i + 1);
+        const double slope = (y1 - y0) / (x1 - x0);
+        for (auto column = static_cast<int64_t>(std::floor(x0));
+             column <= static_cast<int64_t>(std::floor(x1)); ++column) {
+            const double left = std::max(x0, static_cast<double>(column));
+            const double right = std::min(x1, static_cast<double>(column + 1));
+            widen(column, y0 + slope * (left - x0), y0 + slope * (right - x0));
+        }
+    }
+    const double laneTop = lane.top() * scale;
+    const double laneBottom = lane.bottom() * scale;
+    std::vector<QRect> rects;
+    rects.reserve(static_cast<size_t>(columns));
+    for (int64_t x = 0; x < columns; ++x) {
+        const auto c = static_cast<size_t>(x);
+        if (tops[c] > bottoms[c])
+            continue;
+        const int top = static_cast<int>(std::floor(std::max<double>(tops[c], laneTop)));
+        const int bottom = static_cast<int>(std::ceil(std::min<double>(bottoms[c], laneBottom)));
+        if (top < bottom)
+            rects.emplace_back(static_cast<int>(x), top, 1, bottom - top);
+    }
+    if (directImage_) {
+        rasterColumns(*directImage_, static_cast<int>(std::lround(laneTop)),
+                      static_cast<int>(std::lround(laneBottom)), rects, qPremultiply(colour.rgba()), {}, 0);
+        return;
+    }
+    painter_.save();
+    painter_.resetTransform();
+    for (const QRect& rect : rects)
+        painter_.fillRect(rect, colour);
     painter_.restore();
 }
 

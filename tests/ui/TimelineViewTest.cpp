@@ -197,6 +197,34 @@ TEST(TimelineDrawing, SamplePathVerticesAndDots) {
                 ++checked;
             }
             EXPECT_GT(checked, 30);
+            if (scale / framesPerPoint >= 4)
+                continue;
+            // Frames this close are drawn as one span per device column: every column of the
+            // line is painted, and nothing further from the line than half the pen and a pixel.
+            const auto lineY = [&](double deviceX) {
+                const double frame = 500 + deviceX / scale * framesPerPoint;
+                const auto i = static_cast<size_t>(std::floor(frame));
+                const double t = frame - std::floor(frame);
+                const double value = wave[i] * (1 - t) + wave[i + 1] * t;
+                return (lane.center().y() - half * value) * scale;
+            };
+            for (int x = static_cast<int>(80 * scale); x < static_cast<int>((viewW - 2) * scale); ++x) {
+                double low = lineY(x), high = low;
+                for (double dx = 0.125; dx <= 1; dx += 0.125) {
+                    low = std::min(low, lineY(x + dx));
+                    high = std::max(high, lineY(x + dx));
+                }
+                const double slack = 0.625 * scale + 1;
+                int painted = 0;
+                for (int y = static_cast<int>(lane.top() * scale);
+                     y < static_cast<int>(lane.bottom() * scale); ++y)
+                    if (image.pixel(x, y) == peak) {
+                        ++painted;
+                        EXPECT_GE(y, low - slack) << "column " << x << " at ratio " << scale;
+                        EXPECT_LE(y, high + slack) << "column " << x << " at ratio " << scale;
+                    }
+                EXPECT_GT(painted, 0) << "column " << x << " at ratio " << scale;
+            }
         }
     }
 }
