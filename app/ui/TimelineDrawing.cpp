@@ -300,21 +300,23 @@ void Pass::drawSamples(int channel, const QRectF& lane, double halfHeight, const
             midY - halfHeight * samples[i]);
     painter_.save();
     painter_.setRenderHint(QPainter::Antialiasing);
-    QPen pen(colour, 1.25);
-    pen.setJoinStyle(Qt::RoundJoin);
-    pen.setCapStyle(Qt::RoundCap);
+    // Flat caps: the raster engine strokes a round cap on a tall antialiased segment some twenty
+    // times slower (166 ms against 7 for full-scale noise at 8 points per frame and a ratio of 2).
+    // Discs at the vertices make the joins round instead; the sample dots cover them when drawn.
+    constexpr double penWidth = 1.25;
+    QPen pen(colour, penWidth);
+    pen.setCapStyle(Qt::FlatCap);
     painter_.setPen(pen);
     std::vector<QLineF> segments;
     segments.reserve(points.size());
     for (size_t i = 1; i < points.size(); ++i)
         segments.emplace_back(points[i - 1], points[i]);
     painter_.drawLines(segments.data(), static_cast<int>(segments.size()));
-    if (drawsSampleDots(framesPerPoint)) {
-        painter_.setPen(Qt::NoPen);
-        painter_.setBrush(colour);
-        for (const QPointF& point : points)
-            painter_.drawEllipse(point, 2.0, 2.0);
-    }
+    painter_.setPen(Qt::NoPen);
+    painter_.setBrush(colour);
+    const double radius = drawsSampleDots(framesPerPoint) ? 2.0 : penWidth / 2;
+    for (const QPointF& point : points)
+        painter_.drawEllipse(point, radius, radius);
     painter_.restore();
 }
 
