@@ -7,6 +7,7 @@
 #include "editor/BackgroundJob.h"
 #include "io/AudioDecoder.h"
 #include "io/AudioEncoder.h"
+#include "io/DecodeInParts.h"
 
 #include <algorithm>
 
@@ -82,18 +83,25 @@ void AudioDocument::open(const std::filesystem::path& url) {
     auto token = std::make_shared<ProgressToken>();
     model_->beginExternalBusy(busyTitle("Opening", fileName(url)), token);
     auto decode = [url, token]() {
-        std::optional<AudioContentBuilder> builder;
+        // One builder per part of the file, each filled by its own thread; the parts' contents
+        // are joined in order at the end (a join of piece tables, no samples copied).
+        std::vector<AudioContentBuilder> builders;
         const auto progress = reporter(token);
-        const auto onFormat = [&builder](const AudioFileInfo& info) {
-            builder.emplace(info.channelCount, info.sampleRate);
+        const auto onFormat = [&builders](const AudioFileInfo& info, int parts) {
+            builders.clear();
+            for (int part = 0; part < parts; ++part)
+                builders.emplace_back(info.channelCount, info.sampleRate);
         };
-        const auto onChunk = [&builder](ChunkViews chunk) {
-            builder->append(chunk);
+        const auto onChunk = [&builders](int part, ChunkViews chunk) {
+            builders[static_cast<size_t>(part)].append(chunk);
         };
-        AudioFileInfo info = AudioDecoder::decode(url, progress, onFormat, onChunk);
-        if (!builder)
+        AudioFileInfo info = AudioDecoder::decodeInParts(url, progress, onFormat, onChunk);
+        if (builders.empty())
             throw HarluneError::decodeFailed("no audio stream");
-        return Decoded{builder->build(), std::move(info)};
+        AudioContent content = builders.front().build();
+        for (size_t part = 1; part < builders.size(); ++part)
+            content.append(builders[part].build());
+        return Decoded{std::move(content), std::move(info)};
     };
     auto finish = [this, token](std::optional<Decoded> result, std::exception_ptr error) {
         model_->endExternalBusy();

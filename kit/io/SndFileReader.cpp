@@ -301,6 +301,52 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
     return info(count);
 }
 
+bool SndFileReader::seeksExactly() const {
+    const int major = format_ & SF_FORMAT_TYPEMASK;
+    if (major == SF_FORMAT_FLAC)
+        return true; // libFLAC seeks to the sample
+    switch (major) {
+    case SF_FORMAT_WAV:
+    case SF_FORMAT_WAVEX:
+    case SF_FORMAT_RF64:
+    case SF_FORMAT_W64:
+    case SF_FORMAT_AIFF:
+    case SF_FORMAT_CAF:
+    case SF_FORMAT_AU:
+        return formatID_ == linearPCM; // a seek is arithmetic on the data's offset
+    default:
+        return false;
+    }
+}
+
+int64_t SndFileReader::decodeFrom(int64_t start, std::optional<int64_t> count, DecodeChunkCallback onChunk,
+                                  FunctionRef<bool(int64_t)> tick) {
+    if (sf_seek(file_, start, SEEK_SET) != start)
+        throw HarluneError::decodeFailed(decoderName + " can\u2019t seek to frame " + std::to_string(start) +
+                                         " (" + reasonOf(file_) + ")");
+    const auto channels = static_cast<size_t>(channels_);
+    const auto chunk = static_cast<size_t>(decodeChunkFrames);
+    std::vector<float> interleaved(channels * chunk);
+    std::vector<std::vector<float>> planes(channels, std::vector<float>(chunk));
+    std::vector<std::span<const float>> views(channels);
+    int64_t delivered = 0;
+    while (!count || delivered < *count) {
+        const int64_t wanted = count ? std::min(decodeChunkFrames, *count - delivered) : decodeChunkFrames;
+        const sf_count_t got = sf_readf_float(file_, interleaved.data(), wanted);
+        if (got <= 0 && sf_error(file_) != SF_ERR_NO_ERROR)
+            throw HarluneError::decodeFailed(decoderName + " decode error (" + reasonOf(file_) + ") after " +
+                                             std::to_string(start + delivered) + " frames");
+        if (got <= 0)
+            break;
+        deinterleave(interleaved.data(), static_cast<size_t>(got), planes, views);
+        onChunk(ChunkViews(views));
+        delivered += got;
+        if (!tick(got))
+            throw HarluneError::cancelled();
+    }
+    return delivered;
+}
+
 std::vector<std::string> SndFileReader::libraryExtensions() {
     std::vector<std::string> result;
     int count = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/AudioFormats.h"
+#include "base/FunctionRef.h"
 #include "io/DecodeCallbacks.h"
 
 #include <cstdint>
@@ -32,6 +33,16 @@ public:
     AudioFileInfo info(int64_t frameCount) const;
     /// Streams the whole file once from the start; returns the info with the frames delivered.
     AudioFileInfo decode(DecodeProgress progress, DecodeFormatCallback onFormat, DecodeChunkCallback onChunk);
+
+    /// Whether a seek lands on exactly the frame asked for (plain PCM and float in the
+    /// uncompressed containers, and FLAC), so that a file may be read in parts at once.
+    bool seeksExactly() const;
+    /// Seeks to `start` and streams up to `count` frames (all to the end when absent). `tick`
+    /// takes the frames of each chunk delivered and answers whether to go on; false throws
+    /// `HarluneError::cancelled`. A failed seek or read throws `HarluneError::decodeFailed`.
+    /// Returns the frames delivered.
+    int64_t decodeFrom(int64_t start, std::optional<int64_t> count, DecodeChunkCallback onChunk,
+                       FunctionRef<bool(int64_t)> tick);
 
     /// The extensions of the major formats libsndfile reads, lower-case.
     static std::vector<std::string> libraryExtensions();

@@ -110,6 +110,25 @@ TEST_F(AudioDocumentTest, OpeningReadsTheFileIntoTheModelBehindTheBusyState) {
     EXPECT_EQ(document.undoStack().count(), 0);
 }
 
+TEST_F(AudioDocumentTest, ALongFileReadInPartsJoinsThemInOrderIntoWholeBlocks) {
+    // Over two parts' worth of frames (the decoder splits from 2^20 frames a part), each frame
+    // distinct, so that a part out of order or a frame lost at a joint shows.
+    constexpr int64_t frames = (1 << 21) + 12345;
+    Planes planes(2, std::vector<float>(static_cast<size_t>(frames)));
+    for (size_t i = 0; i < planes[0].size(); ++i) {
+        planes[0][i] = static_cast<float>(static_cast<int64_t>(i) % 60000 - 30000) / 32768.0f;
+        planes[1][i] = static_cast<float>(static_cast<int64_t>(i / 60000) - 20) / 32768.0f;
+    }
+    const auto url = written("long.flac", planes, settingsOf(ExportFormat::flac, PCMBitDepth::int16));
+    ASSERT_TRUE(openAndWait(url));
+    const AudioContent& content = document.model().content();
+    ASSERT_EQ(content.frameCount(), frames);
+    EXPECT_TRUE(testing::planesOf(content) == planes);
+    // Parts start on block boundaries: only the last block is short.
+    for (size_t s = 0; s + 1 < content.segments().size(); ++s)
+        EXPECT_EQ(content.segments()[s].count, AudioBlock::preferredFrameCount) << "segment " << s;
+}
+
 TEST_F(AudioDocumentTest, AFileThatIsNotAudioFailsAtOnceAndChangesNothing) {
     const auto url = path("notes.wav");
     std::ofstream(url) << "not a sound";
