@@ -63,18 +63,20 @@ AudioFileInfo AudioDecoder::decodeInParts(const std::filesystem::path& url, Deco
 
     std::vector<int64_t> delivered(static_cast<size_t>(parts), 0);
     std::atomic<int64_t> done{0};
-    std::atomic<bool> cancelled{false};
-    std::atomic<bool> splitFailed{false};
+    std::atomic<bool> cancelled{false};   // by the user, through `progress`
+    std::atomic<bool> splitFailed{false}; // a part could not be read: start over as one stream
+    std::atomic<bool> stopping{false};    // any of these, or a callback's error: every part ends
     std::mutex progressLock;
     const auto tick = [&](int64_t frames) {
         const int64_t total = done.fetch_add(frames) + frames;
-        if (cancelled.load() || splitFailed.load())
+        if (stopping.load())
             return false;
         if (progress) {
             const std::lock_guard lock(progressLock);
             const double fraction = std::min(static_cast<double>(total) / static_cast<double>(length), 1.0);
             if (!(*progress)(fraction)) {
                 cancelled.store(true);
+                stopping.store(true);
                 return false;
             }
         }
@@ -93,13 +95,19 @@ AudioFileInfo AudioDecoder::decodeInParts(const std::filesystem::path& url, Deco
                     start, count, [&](ChunkViews chunk) { onChunk(static_cast<int>(part), chunk); }, tick);
             } catch (const SndFileCannotDecode&) {
                 splitFailed.store(true);
+                stopping.store(true);
             } catch (const HarluneError& error) {
                 if (error.kind() == HarluneError::Kind::decodeFailed) {
                     splitFailed.store(true);
+                    stopping.store(true);
                     return;
                 }
-                if (error.isCancelled() && splitFailed.load())
-                    return; // stopped because another part failed
+                if (error.isCancelled() && !cancelled.load())
+                    return; // ended by another part, whose own outcome counts
+                stopping.store(true);
+                throw;
+            } catch (...) {
+                stopping.store(true);
                 throw;
             }
         });
