@@ -1,5 +1,6 @@
 #include "ui/TimelineDrawing.h"
 
+#include "dsp/ParallelFor.h"
 #include "editor/EditorModel.h"
 #include "ui/ColumnRaster.h"
 #include "ui/Theme.h"
@@ -219,14 +220,27 @@ void Pass::drawColumns(int channel, const QRectF& lane, double halfHeight, const
     std::vector<QRect> clips;
     peaks.reserve(static_cast<size_t>(columns));
     cores.reserve(static_cast<size_t>(columns));
+    // The columns' summaries first, shared among the cores when there are many: on a long file
+    // each column reads a few places in memory that no cache holds, and those reads dominate.
+    const int64_t count = std::max<int64_t>(columns - firstColumn, 0);
+    std::vector<PeakSummary> summaries(static_cast<size_t>(count));
+    constexpr int64_t columnsPerTask = 256;
+    const int64_t tasks = (count + columnsPerTask - 1) / columnsPerTask;
+    parallelFor(tasks, count >= 2 * columnsPerTask, [&](int64_t task) {
+        const int64_t end = std::min(count, (task + 1) * columnsPerTask);
+        for (int64_t k = task * columnsPerTask; k < end; ++k) {
+            const ColumnFrames frames = columnFrames(scrollFrame, framesPerPixel, firstColumn + k);
+            if (frames.start < frameCount && frames.end > 0)
+                summaries[static_cast<size_t>(k)] =
+                    audio.peaks(channel, FrameRange(std::max<int64_t>(frames.start, 0),
+                                                    std::min(frames.end, frameCount)));
+        }
+    });
     for (int64_t i = firstColumn; i < columns; ++i) {
         const ColumnFrames frames = columnFrames(scrollFrame, framesPerPixel, i);
         if (frames.start >= frameCount)
             break;
-        if (frames.end <= 0)
-            continue;
-        PeakSummary summary = audio.peaks(
-            channel, FrameRange(std::max<int64_t>(frames.start, 0), std::min(frames.end, frameCount)));
+        PeakSummary summary = summaries[static_cast<size_t>(i - firstColumn)];
         if (summary.isEmpty())
             continue;
         if (!flat) {

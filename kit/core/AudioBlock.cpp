@@ -51,6 +51,10 @@ WaveSummary WaveSummary::make(const std::vector<std::vector<float>>& samples, in
     summary.mins.assign(channels, std::vector<float>(points));
     summary.maxs.assign(channels, std::vector<float>(points));
     summary.sumSquares.assign(channels, std::vector<float>(points));
+    const auto coarsePoints = static_cast<size_t>(frameCount / coarseStride);
+    summary.coarseMins.assign(channels, std::vector<float>(coarsePoints));
+    summary.coarseMaxs.assign(channels, std::vector<float>(coarsePoints));
+    summary.coarseSumSquares.assign(channels, std::vector<float>(coarsePoints));
     summary.blockMin.assign(channels, 0.0f);
     summary.blockMax.assign(channels, 0.0f);
     summary.blockSumSquares.assign(channels, 0.0f);
@@ -66,6 +70,13 @@ WaveSummary WaveSummary::make(const std::vector<std::vector<float>>& samples, in
             mins[p] = run.min;
             maxs[p] = run.max;
             squares[p] = run.sumSquares;
+        }
+        for (size_t q = 0; q < coarsePoints; ++q) {
+            const auto run = vec::mergePoints(mins + q * coarseFactor, maxs + q * coarseFactor,
+                                              squares + q * coarseFactor, coarseFactor);
+            summary.coarseMins[c][q] = run.min;
+            summary.coarseMaxs[c][q] = run.max;
+            summary.coarseSumSquares[c][q] = run.sumSquares;
         }
         if (points > 0) {
             float lo = mins[0];
@@ -97,7 +108,8 @@ AudioBlock::AudioBlock(Token, std::vector<std::vector<float>> samples)
                              "AudioBlock channels differ in length");
     summary_ = WaveSummary::make(samples_, frameCount_);
     const auto points = static_cast<int64_t>(summary_.mins.empty() ? 0 : summary_.mins.front().size());
-    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3) *
+    const int64_t coarsePoints = frameCount_ / WaveSummary::coarseStride;
+    bytes_ = static_cast<int64_t>(samples_.size()) * (frameCount_ + 3 * points + 3 * coarsePoints + 3) *
              static_cast<int64_t>(sizeof(float));
     liveBlockBytes.fetch_add(bytes_, std::memory_order_relaxed);
 }

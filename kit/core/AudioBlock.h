@@ -8,18 +8,27 @@
 
 namespace harlune {
 
-/// Minimum, maximum and energy of a block at two levels: one point per 256 frames and one
-/// value for the whole block. The stride never depends on rate, block size or zoom, so that a
-/// window shifted by an edit still finds its points by simple arithmetic.
+/// Minimum, maximum and energy of a block at three levels: one point per 256 frames, one coarse
+/// point per 4096 frames and one value for the whole block. The strides never depend on rate,
+/// block size or zoom, so that a window shifted by an edit still finds its points by simple
+/// arithmetic. The coarse level keeps a query over a long stretch from reading hundreds of
+/// points (a column of an hour at fit spans some 350).
 struct WaveSummary {
     static constexpr int64_t stride = 256;
+    /// Points per coarse point.
+    static constexpr int64_t coarseFactor = 16;
+    static constexpr int64_t coarseStride = stride * coarseFactor;
 
     std::vector<std::vector<float>> mins;       ///< per channel, one per 256-frame run
     std::vector<std::vector<float>> maxs;       ///< per channel
     std::vector<std::vector<float>> sumSquares; ///< per channel, float sums
-    std::vector<float> blockMin;                ///< per channel; 0 without points
-    std::vector<float> blockMax;                ///< per channel; 0 without points
-    std::vector<float> blockSumSquares;         ///< per channel; 0 without points
+    /// Per channel, one per whole 4096-frame run (a short run at the end has none).
+    std::vector<std::vector<float>> coarseMins;
+    std::vector<std::vector<float>> coarseMaxs;
+    std::vector<std::vector<float>> coarseSumSquares;
+    std::vector<float> blockMin;        ///< per channel; 0 without points
+    std::vector<float> blockMax;        ///< per channel; 0 without points
+    std::vector<float> blockSumSquares; ///< per channel; 0 without points
 
     /// Computed in one pass per channel; the last point may cover fewer than 256 frames.
     static WaveSummary make(const std::vector<std::vector<float>>& samples, int64_t frameCount);

@@ -30,10 +30,28 @@ inline PeakSummary blockPeaks(const AudioBlock& block, int channel, int64_t lo, 
     if (p0 < p1) {
         if (lo < stride * p0)
             scan(lo, stride * p0);
-        // Points p0..<p1 end at or before `hi`, so all are full 256-frame runs.
-        const auto points = vec::mergePoints(summary.mins[c].data() + p0, summary.maxs[c].data() + p0,
-                                             summary.sumSquares[c].data() + p0, p1 - p0);
-        result.merge(points.min, points.max, points.sumSquares, (p1 - p0) * stride);
+        // Points p0..<p1 end at or before `hi`, so all are full 256-frame runs; whole coarse
+        // points stand in for the runs of sixteen they cover.
+        const auto points = [&](int64_t from, int64_t to) {
+            if (from >= to)
+                return;
+            const auto run = vec::mergePoints(summary.mins[c].data() + from, summary.maxs[c].data() + from,
+                                              summary.sumSquares[c].data() + from, to - from);
+            result.merge(run.min, run.max, run.sumSquares, (to - from) * stride);
+        };
+        constexpr int64_t factor = WaveSummary::coarseFactor;
+        const int64_t q0 = (p0 + factor - 1) / factor;
+        const int64_t q1 = p1 / factor;
+        if (q0 < q1) {
+            points(p0, q0 * factor);
+            const auto run =
+                vec::mergePoints(summary.coarseMins[c].data() + q0, summary.coarseMaxs[c].data() + q0,
+                                 summary.coarseSumSquares[c].data() + q0, q1 - q0);
+            result.merge(run.min, run.max, run.sumSquares, (q1 - q0) * WaveSummary::coarseStride);
+            points(q1 * factor, p1);
+        } else {
+            points(p0, p1);
+        }
         if (stride * p1 < hi)
             scan(stride * p1, hi);
     } else if (lo < hi) {
