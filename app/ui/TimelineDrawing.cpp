@@ -228,12 +228,13 @@ void Pass::drawColumns(int channel, const QRectF& lane, double halfHeight, const
     const int64_t tasks = (count + columnsPerTask - 1) / columnsPerTask;
     parallelFor(tasks, count >= 2 * columnsPerTask, [&](int64_t task) {
         const int64_t end = std::min(count, (task + 1) * columnsPerTask);
+        int64_t hint = -1;
         for (int64_t k = task * columnsPerTask; k < end; ++k) {
             const ColumnFrames frames = columnFrames(scrollFrame, framesPerPixel, firstColumn + k);
             if (frames.start < frameCount && frames.end > 0)
-                summaries[static_cast<size_t>(k)] =
-                    audio.peaks(channel, FrameRange(std::max<int64_t>(frames.start, 0),
-                                                    std::min(frames.end, frameCount)));
+                summaries[static_cast<size_t>(k)] = audio.peaks(
+                    channel, FrameRange(std::max<int64_t>(frames.start, 0), std::min(frames.end, frameCount)),
+                    hint);
         }
     });
     for (int64_t i = firstColumn; i < columns; ++i) {

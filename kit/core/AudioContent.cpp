@@ -346,6 +346,11 @@ void AudioContent::compactIfFragmented() {
 }
 
 PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
+    int64_t hint = -1;
+    return peaks(channel, range, hint);
+}
+
+PeakSummary AudioContent::peaks(int channel, FrameRange range, int64_t& segmentHint) const {
     HARLUNE_PRECONDITION(channel >= 0 && channel < channelCount_, "peaks channel out of range");
     PeakSummary result = PeakSummary::empty();
     const FrameRange clamped = range.clamped({0, frameCount_});
@@ -360,18 +365,40 @@ PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
     };
     // Whole groups and whole segments from the index; only the segments cut by the range's ends
     // are read from their blocks.
-    for (int64_t i = locate(clamped.lower); i < n && starts[static_cast<size_t>(i)] < clamped.upper;) {
+    // From the hint forward when it lies at or before the range (a step or two for a query that
+    // follows the previous one); otherwise, or when that walk grows long, by bisection.
+    constexpr int64_t longestWalk = 64;
+    int64_t first = segmentHint;
+    if (first >= 0 && first < n && starts[static_cast<size_t>(first)] <= clamped.lower) {
+        int64_t steps = 0;
+        while (first + 1 < n && starts[static_cast<size_t>(first + 1)] <= clamped.lower &&
+               steps++ < longestWalk)
+            ++first;
+        if (steps > longestWalk)
+            first = locate(clamped.lower);
+    } else {
+        first = locate(clamped.lower);
+    }
+    int64_t i = first;
+    for (; i < n && starts[static_cast<size_t>(i)] < clamped.upper;) {
         const int64_t start = starts[static_cast<size_t>(i)];
         if (start >= clamped.lower) {
-            if (i % PeakIndex::groupSize == 0) {
-                const int64_t last = std::min(n, i + PeakIndex::groupSize);
+            // The largest whole group that starts here and ends inside the range.
+            bool merged = false;
+            for (size_t level = PeakIndex::groupSizes.size(); level-- > 0 && !merged;) {
+                const int64_t size = PeakIndex::groupSizes[level];
+                if (i % size != 0)
+                    continue;
+                const int64_t last = std::min(n, i + size);
                 if (const int64_t end = endOf(last); end <= clamped.upper) {
-                    const PeakIndex::Entry& group = index.group(i / PeakIndex::groupSize, channel);
+                    const PeakIndex::Entry& group = index.group(level, i / size, channel);
                     result.merge(group.min, group.max, group.sumSquares, end - start);
                     i = last;
-                    continue;
+                    merged = true;
                 }
             }
+            if (merged)
+                continue;
             if (const int64_t end = endOf(i + 1); end <= clamped.upper) {
                 const PeakIndex::Entry& whole = index.segment(i, channel);
                 result.merge(whole.min, whole.max, whole.sumSquares, end - start);
@@ -386,6 +413,8 @@ PeakSummary AudioContent::peaks(int channel, FrameRange range) const {
         result.merge(part.min, part.max, part.sumSquares, part.count);
         ++i;
     }
+    // The segment holding the range's last frame, where the next column starts.
+    segmentHint = std::max(first, i - 1);
     return result;
 }
 

@@ -92,6 +92,9 @@ public:
     /// Minimum, maximum and energy of a channel over a range (clamped), from the summaries
     /// wherever whole summary points or whole blocks are covered.
     PeakSummary peaks(int channel, FrameRange range) const;
+    /// As above, for runs of queries moving forward (a drawing's columns): `segmentHint` (-1 at
+    /// first) says where the last query ended, so the next one need not search for its start.
+    PeakSummary peaks(int channel, FrameRange range, int64_t& segmentHint) const;
 
 private:
     /// Installs a new segment list; its peak index is built unless given.

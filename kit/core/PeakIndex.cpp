@@ -25,19 +25,30 @@ std::shared_ptr<const PeakIndex> PeakIndex::fromEntries(std::vector<Entry> segme
     index->channelCount = channelCount;
     index->segments = std::move(segmentEntries);
     const auto n = static_cast<int64_t>(index->segments.size()) / channelCount;
-    const int64_t groups = (n + groupSize - 1) / groupSize;
-    index->groups.reserve(static_cast<size_t>(groups * channelCount));
-    for (int64_t g = 0; g < groups; ++g)
-        for (int c = 0; c < channelCount; ++c) {
-            Entry entry{3.4028235e38f, -3.4028235e38f, 0};
-            for (int64_t s = g * groupSize; s < std::min(n, (g + 1) * groupSize); ++s) {
-                const Entry& one = index->segment(s, c);
-                entry.min = std::min(entry.min, one.min);
-                entry.max = std::max(entry.max, one.max);
-                entry.sumSquares += one.sumSquares;
+    // Each level from the one below it: groups of 8 from segments, of 64 from groups of 8.
+    const std::vector<Entry>* below = &index->segments;
+    int64_t belowSize = 1;
+    for (size_t level = 0; level < groupSizes.size(); ++level) {
+        const int64_t size = groupSizes[level];
+        const int64_t fanOut = size / belowSize;
+        const int64_t belowCount = (n + belowSize - 1) / belowSize;
+        const int64_t count = (n + size - 1) / size;
+        std::vector<Entry>& entries = index->groups[level];
+        entries.reserve(static_cast<size_t>(count * channelCount));
+        for (int64_t g = 0; g < count; ++g)
+            for (int c = 0; c < channelCount; ++c) {
+                Entry entry{3.4028235e38f, -3.4028235e38f, 0};
+                for (int64_t b = g * fanOut; b < std::min(belowCount, (g + 1) * fanOut); ++b) {
+                    const Entry& one = (*below)[static_cast<size_t>(b * channelCount + c)];
+                    entry.min = std::min(entry.min, one.min);
+                    entry.max = std::max(entry.max, one.max);
+                    entry.sumSquares += one.sumSquares;
+                }
+                entries.push_back(entry);
             }
-            index->groups.push_back(entry);
-        }
+        below = &entries;
+        belowSize = size;
+    }
     return index;
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/AudioBlock.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -64,8 +65,8 @@ inline PeakSummary blockPeaks(const AudioBlock& block, int channel, int64_t lo, 
 /// flat values instead of visiting every block it spans (a column of a 24-hour file at fit covers
 /// some 30 blocks). Built once with the list, immutable, shared by copies of the content.
 struct PeakIndex {
-    /// Segments per group of the coarse level.
-    static constexpr int64_t groupSize = 16;
+    /// Segments per group at each level: groups of 8, and groups of 64 (eight groups of 8).
+    static constexpr std::array<int64_t, 2> groupSizes{8, 64};
 
     struct Entry {
         float min;
@@ -76,8 +77,8 @@ struct PeakIndex {
     int channelCount = 0;
     /// Per segment, per channel (`segment * channelCount + channel`): its whole window.
     std::vector<Entry> segments;
-    /// Per group of `groupSize` segments (the last may hold fewer), per channel.
-    std::vector<Entry> groups;
+    /// Per level, per group of that level's size (the last may hold fewer), per channel.
+    std::array<std::vector<Entry>, groupSizes.size()> groups;
 
     static std::shared_ptr<const PeakIndex> make(const std::vector<Segment>& segments, int channelCount);
     /// From per-segment entries already known (an edit copies those of the segments it keeps);
@@ -89,8 +90,8 @@ struct PeakIndex {
     const Entry& segment(int64_t index, int channel) const {
         return segments[static_cast<size_t>(index * channelCount + channel)];
     }
-    const Entry& group(int64_t index, int channel) const {
-        return groups[static_cast<size_t>(index * channelCount + channel)];
+    const Entry& group(size_t level, int64_t index, int channel) const {
+        return groups[level][static_cast<size_t>(index * channelCount + channel)];
     }
 };
 
