@@ -185,6 +185,23 @@ std::optional<int64_t> fileSizeOf(const std::filesystem::path& url) {
     return static_cast<int64_t>(size);
 }
 
+/// One streaming read's buffers: frames interleaved as the library gives them, and the planes
+/// handed to the callback.
+struct ChunkBuffers {
+    explicit ChunkBuffers(size_t channels)
+        : interleaved(channels * static_cast<size_t>(decodeChunkFrames)),
+          planes(channels, std::vector<float>(static_cast<size_t>(decodeChunkFrames))), views(channels) {}
+
+    ChunkViews split(sf_count_t frames) {
+        deinterleave(interleaved.data(), static_cast<size_t>(frames), planes, views);
+        return ChunkViews(views);
+    }
+
+    std::vector<float> interleaved;
+    std::vector<std::vector<float>> planes;
+    std::vector<std::span<const float>> views;
+};
+
 } // namespace
 
 SndFileReader::SndFileReader(std::filesystem::path url) : url_(std::move(url)) {
@@ -254,11 +271,7 @@ AudioFileInfo SndFileReader::info(int64_t frameCount) const {
 
 AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallback onFormat,
                                     DecodeChunkCallback onChunk) {
-    const auto channels = static_cast<size_t>(channels_);
-    const auto chunk = static_cast<size_t>(decodeChunkFrames);
-    std::vector<float> interleaved(channels * chunk);
-    std::vector<std::vector<float>> planes(channels, std::vector<float>(chunk));
-    std::vector<std::span<const float>> views(channels);
+    ChunkBuffers buffers(static_cast<size_t>(channels_));
 
     int64_t count = 0;
     bool formatSent = false;
@@ -269,7 +282,7 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
         }
     };
     for (;;) {
-        const sf_count_t got = sf_readf_float(file_, interleaved.data(), decodeChunkFrames);
+        const sf_count_t got = sf_readf_float(file_, buffers.interleaved.data(), decodeChunkFrames);
         if (got <= 0 && sf_error(file_) != SF_ERR_NO_ERROR) {
             const std::string text = decoderName + " decode error (" + reasonOf(file_) + ") after " +
                                      std::to_string(count) + " frames";
@@ -283,8 +296,7 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
             break;
         }
         sendFormat();
-        deinterleave(interleaved.data(), static_cast<size_t>(got), planes, views);
-        onChunk(ChunkViews(views));
+        onChunk(buffers.split(got));
         count += got;
         if (progress) {
             const double fraction =
@@ -324,22 +336,17 @@ int64_t SndFileReader::decodeFrom(int64_t start, std::optional<int64_t> count, D
     if (sf_seek(file_, start, SEEK_SET) != start)
         throw HarluneError::decodeFailed(decoderName + " can\u2019t seek to frame " + std::to_string(start) +
                                          " (" + reasonOf(file_) + ")");
-    const auto channels = static_cast<size_t>(channels_);
-    const auto chunk = static_cast<size_t>(decodeChunkFrames);
-    std::vector<float> interleaved(channels * chunk);
-    std::vector<std::vector<float>> planes(channels, std::vector<float>(chunk));
-    std::vector<std::span<const float>> views(channels);
+    ChunkBuffers buffers(static_cast<size_t>(channels_));
     int64_t delivered = 0;
     while (!count || delivered < *count) {
         const int64_t wanted = count ? std::min(decodeChunkFrames, *count - delivered) : decodeChunkFrames;
-        const sf_count_t got = sf_readf_float(file_, interleaved.data(), wanted);
+        const sf_count_t got = sf_readf_float(file_, buffers.interleaved.data(), wanted);
         if (got <= 0 && sf_error(file_) != SF_ERR_NO_ERROR)
             throw HarluneError::decodeFailed(decoderName + " decode error (" + reasonOf(file_) + ") after " +
                                              std::to_string(start + delivered) + " frames");
         if (got <= 0)
             break;
-        deinterleave(interleaved.data(), static_cast<size_t>(got), planes, views);
-        onChunk(ChunkViews(views));
+        onChunk(buffers.split(got));
         delivered += got;
         if (!tick(got))
             throw HarluneError::cancelled();
