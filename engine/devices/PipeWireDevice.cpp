@@ -2,6 +2,7 @@
 
 #include "engine/AudioDeviceError.h"
 #include "engine/devices/PipeWireLatency.h"
+#include "engine/devices/PipeWireLoopLock.h"
 
 #include <algorithm>
 #include <array>
@@ -34,18 +35,6 @@ int64_t monotonicNanoseconds() noexcept {
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
-
-/// Holds the thread loop's lock for a scope.
-class LoopLock {
-public:
-    explicit LoopLock(pw_thread_loop* loop) : loop_(loop) { pw_thread_loop_lock(loop_); }
-    ~LoopLock() { pw_thread_loop_unlock(loop_); }
-    LoopLock(const LoopLock&) = delete;
-    LoopLock& operator=(const LoopLock&) = delete;
-
-private:
-    pw_thread_loop* loop_;
-};
 
 } // namespace
 
@@ -321,7 +310,7 @@ PipeWireDevice::PipeWireDevice(PostToMainThread postToMainThread)
 PipeWireDevice::~PipeWireDevice() {
     if (impl_->loop != nullptr) {
         {
-            const LoopLock lock(impl_->loop);
+            const PipeWireLoopLock lock(impl_->loop);
             impl_->active = false;
             impl_->wanted = false;
             impl_->destroyStream();
@@ -355,7 +344,7 @@ void PipeWireDevice::configure(StreamFormat format, std::shared_ptr<RenderSource
     if (format.sampleRate != std::floor(format.sampleRate) || format.sampleRate > 768000 ||
         format.channelCount < 1 || format.channelCount > 2)
         throwPlaybackFormatError(format.sampleRate);
-    const LoopLock lock(impl_->loop);
+    const PipeWireLoopLock lock(impl_->loop);
     impl_->active = false;
     impl_->wanted = false;
     impl_->reconnecting = false;
@@ -376,7 +365,7 @@ void PipeWireDevice::configure(StreamFormat format, std::shared_ptr<RenderSource
 void PipeWireDevice::start() {
     if (!impl_->format || !impl_->source)
         throw AudioDeviceError("no stream was configured");
-    const LoopLock lock(impl_->loop);
+    const PipeWireLoopLock lock(impl_->loop);
     impl_->wanted = true;
     impl_->lastCallbackNanoseconds = 0;
     if (impl_->reconnecting)
@@ -394,7 +383,7 @@ void PipeWireDevice::start() {
 }
 
 void PipeWireDevice::pause() {
-    const LoopLock lock(impl_->loop);
+    const PipeWireLoopLock lock(impl_->loop);
     impl_->active = false;
     impl_->wanted = false;
     if (impl_->reconnecting)
@@ -409,7 +398,7 @@ void PipeWireDevice::stop() {
 }
 
 bool PipeWireDevice::isRunning() const {
-    const LoopLock lock(impl_->loop);
+    const PipeWireLoopLock lock(impl_->loop);
     return impl_->active && impl_->stream != nullptr && impl_->state != PW_STREAM_STATE_ERROR &&
            impl_->state != PW_STREAM_STATE_UNCONNECTED;
 }
@@ -419,7 +408,7 @@ std::optional<StreamFormat> PipeWireDevice::format() const {
 }
 
 double PipeWireDevice::presentationLatency() const {
-    const LoopLock lock(impl_->loop);
+    const PipeWireLoopLock lock(impl_->loop);
     if (impl_->stream == nullptr || !impl_->format)
         return 0;
     pw_time time{};

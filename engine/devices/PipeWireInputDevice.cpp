@@ -1,6 +1,7 @@
 #include "engine/devices/PipeWireInputDevice.h"
 
 #include "engine/Realtime.h"
+#include "engine/devices/PipeWireLoopLock.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,6 +18,7 @@
 #include <spa/pod/iter.h>
 #include <spa/utils/json.h>
 #include <spa/utils/result.h>
+#include <span>
 
 namespace harlune {
 
@@ -24,17 +26,6 @@ namespace {
 
 constexpr int waitSeconds = 5;
 constexpr int maxChannels = 64;
-
-class LoopLock {
-public:
-    explicit LoopLock(pw_thread_loop* loop) : loop_(loop) { pw_thread_loop_lock(loop_); }
-    ~LoopLock() { pw_thread_loop_unlock(loop_); }
-    LoopLock(const LoopLock&) = delete;
-    LoopLock& operator=(const LoopLock&) = delete;
-
-private:
-    pw_thread_loop* loop_;
-};
 
 /// The "name" of a metadata value such as {"name":"alsa_input.pci"}.
 std::string nameInJSON(const char* value) {
@@ -59,32 +50,30 @@ std::string nameInJSON(const char* value) {
     return {};
 }
 
-/// The largest value of an integer property of a format, over all the choices it offers; 0 when
-/// the format lacks it.
-int largestInt(const spa_pod* format, uint32_t key) {
+/// The values an integer property of a format offers (the preferred one first); empty when the
+/// format lacks it.
+std::span<const int32_t> intValues(const spa_pod* format, uint32_t key) {
     const spa_pod_prop* prop = spa_pod_find_prop(format, nullptr, key);
     if (!prop)
-        return 0;
+        return {};
     uint32_t count = 0;
     uint32_t choice = 0;
     const spa_pod* values = spa_pod_get_values(&prop->value, &count, &choice);
-    if (!values || values->type != SPA_TYPE_Int || count == 0)
-        return 0;
-    const auto* value = static_cast<const int32_t*>(SPA_POD_BODY_CONST(values));
-    return *std::max_element(value, value + count);
+    if (!values || values->type != SPA_TYPE_Int)
+        return {};
+    return {static_cast<const int32_t*>(SPA_POD_BODY_CONST(values)), count};
 }
 
-/// The preferred (first) value of an integer property; 0 when the format lacks it.
+/// The largest value of an integer property over all the choices it offers; 0 when absent.
+int largestInt(const spa_pod* format, uint32_t key) {
+    const auto values = intValues(format, key);
+    return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
+}
+
+/// The preferred (first) value of an integer property; 0 when absent.
 int preferredInt(const spa_pod* format, uint32_t key) {
-    const spa_pod_prop* prop = spa_pod_find_prop(format, nullptr, key);
-    if (!prop)
-        return 0;
-    uint32_t count = 0;
-    uint32_t choice = 0;
-    const spa_pod* values = spa_pod_get_values(&prop->value, &count, &choice);
-    if (!values || values->type != SPA_TYPE_Int || count == 0)
-        return 0;
-    return *static_cast<const int32_t*>(SPA_POD_BODY_CONST(values));
+    const auto values = intValues(format, key);
+    return values.empty() ? 0 : values.front();
 }
 
 /// A string as a quoted SPA JSON value.
@@ -375,7 +364,7 @@ PipeWireInputDevice::PipeWireInputDevice(PostToMainThread postToMainThread)
     d.context = pw_context_new(pw_thread_loop_get_loop(d.loop), nullptr, 0);
     if (!d.context || pw_thread_loop_start(d.loop) != 0)
         throw InputDeviceError("PipeWire could not start");
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     d.core = pw_context_connect(d.context, nullptr, 0);
     if (!d.core)
         throw InputDeviceError("no PipeWire server answers");
@@ -404,7 +393,7 @@ PipeWireInputDevice::~PipeWireInputDevice() {
     Impl& d = *impl_;
     if (d.loop) {
         {
-            LoopLock lock(d.loop);
+            PipeWireLoopLock lock(d.loop);
             d.destroyStream();
             d.nodes.clear();
             if (d.metadata) {
@@ -430,7 +419,7 @@ PipeWireInputDevice::~PipeWireInputDevice() {
 
 std::vector<InputDevice> PipeWireInputDevice::inputDevices() {
     Impl& d = *impl_;
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     d.sync();
     d.sync(); // the formats of a node that just appeared answer its binding
     std::vector<InputDevice> devices;
@@ -441,7 +430,7 @@ std::vector<InputDevice> PipeWireInputDevice::inputDevices() {
 
 std::optional<uint32_t> PipeWireInputDevice::defaultInputDevice() {
     Impl& d = *impl_;
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     for (const auto& [id, node] : d.nodes)
         if (node->device.uid == d.defaultSourceName)
             return id;
@@ -450,7 +439,7 @@ std::optional<uint32_t> PipeWireInputDevice::defaultInputDevice() {
 
 CaptureFormat PipeWireInputDevice::open(std::optional<uint32_t> deviceID) {
     Impl& d = *impl_;
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     d.destroyStream();
     d.streamFailed = false;
     d.streamError.clear();
@@ -510,13 +499,13 @@ void PipeWireInputDevice::start(CaptureSink& sink) {
 
 void PipeWireInputDevice::close() {
     Impl& d = *impl_;
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     d.destroyStream();
 }
 
 bool PipeWireInputDevice::setMonitoring(bool on) {
     Impl& d = *impl_;
-    LoopLock lock(d.loop);
+    PipeWireLoopLock lock(d.loop);
     if (!on || !d.stream || d.streamFailed) {
         d.unloadMonitor();
         return false;
