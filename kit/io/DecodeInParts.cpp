@@ -3,6 +3,7 @@
 #include "base/HarluneError.h"
 #include "dsp/ParallelFor.h"
 #include "io/AudioDecoder.h"
+#include "io/FlacReader.h"
 #include "io/SndFileCannotDecode.h"
 #include "io/SndFileReader.h"
 
@@ -60,6 +61,7 @@ AudioFileInfo AudioDecoder::decodeInParts(const std::filesystem::path& url, Deco
         return decodeAsOne(url, progress, onFormat, onChunk);
     }
     onFormat(first->info(length), parts);
+    const bool flac = first->isFlac();
 
     std::vector<int64_t> delivered(static_cast<size_t>(parts), 0);
     std::atomic<int64_t> done{0};
@@ -89,10 +91,17 @@ AudioFileInfo AudioDecoder::decodeInParts(const std::filesystem::path& url, Deco
             const std::optional<int64_t> count =
                 part + 1 < parts ? std::optional(std::min(perPart, length - start)) : std::nullopt;
             try {
-                std::optional<SndFileReader> own;
-                SndFileReader& reader = part == 0 ? *first : own.emplace(url);
-                delivered[static_cast<size_t>(part)] = reader.decodeFrom(
-                    start, count, [&](ChunkViews chunk) { onChunk(static_cast<int>(part), chunk); }, tick);
+                const auto partChunk = [&](ChunkViews chunk) {
+                    onChunk(static_cast<int>(part), chunk);
+                };
+                if (flac) {
+                    FlacReader reader(url);
+                    delivered[static_cast<size_t>(part)] = reader.decodeFrom(start, count, partChunk, tick);
+                } else {
+                    std::optional<SndFileReader> own;
+                    SndFileReader& reader = part == 0 ? *first : own.emplace(url);
+                    delivered[static_cast<size_t>(part)] = reader.decodeFrom(start, count, partChunk, tick);
+                }
             } catch (const SndFileCannotDecode&) {
                 splitFailed.store(true);
                 stopping.store(true);

@@ -314,9 +314,9 @@ AudioFileInfo SndFileReader::decode(DecodeProgress progress, DecodeFormatCallbac
 }
 
 bool SndFileReader::seeksExactly() const {
-    const int major = format_ & SF_FORMAT_TYPEMASK;
-    if (major == SF_FORMAT_FLAC)
+    if (isFlac())
         return true; // libFLAC seeks to the sample
+    const int major = format_ & SF_FORMAT_TYPEMASK;
     switch (major) {
     case SF_FORMAT_WAV:
     case SF_FORMAT_WAVEX:
@@ -329,6 +329,10 @@ bool SndFileReader::seeksExactly() const {
     default:
         return false;
     }
+}
+
+bool SndFileReader::isFlac() const {
+    return (format_ & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC;
 }
 
 int64_t SndFileReader::decodeFrom(int64_t start, std::optional<int64_t> count, DecodeChunkCallback onChunk,

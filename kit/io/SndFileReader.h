@@ -37,6 +37,8 @@ public:
     /// Whether a seek lands on exactly the frame asked for (plain PCM and float in the
     /// uncompressed containers, and FLAC), so that a file may be read in parts at once.
     bool seeksExactly() const;
+    /// Whether the file is FLAC, which the parts of a long read take straight to libFLAC.
+    bool isFlac() const;
     /// Seeks to `start` and streams up to `count` frames (all to the end when absent). `tick`
     /// takes the frames of each chunk delivered and answers whether to go on; false throws
     /// `HarluneError::cancelled`. A failed seek or read throws `HarluneError::decodeFailed`.

@@ -73,6 +73,11 @@ TEST(DecodeInParts, SeekableFilesSplitIntoPartsThatJoinToTheOneStreamDecode) {
         {"24.wav", {"-c:a", "pcm_s24le"}},
         {"float.wav", {"-c:a", "pcm_f32le"}},
         {"16.aiff", {"-c:a", "pcm_s16be"}},
+        // Frames of 4608: the parts start inside a frame, which the seek must cut at the sample.
+        {"4608.flac", {"-c:a", "flac", "-frame_size", "4608"}},
+        {"6ch.flac",
+         {"-af", "pan=5.1|c0=c0|c1=c1|c2=0.5*c0|c3=0.2*c1|c4=c0-c1|c5=0.7*c1", "-c:a", "flac", "-sample_fmt",
+          "s16"}},
     };
     for (const auto& [name, codec] : encodings) {
         SCOPED_TRACE(name);
@@ -88,7 +93,7 @@ TEST(DecodeInParts, SeekableFilesSplitIntoPartsThatJoinToTheOneStreamDecode) {
         EXPECT_TRUE(parted.oneThreadPerPart);
         EXPECT_EQ(parted.info.frameCount, whole.info.frameCount);
         EXPECT_EQ(parted.info.codecName, whole.info.codecName);
-        ASSERT_EQ(parted.joined.size(), 2u);
+        ASSERT_EQ(parted.joined.size(), whole.channels.size());
         EXPECT_TRUE(parted.joined == whole.channels) << "the parts differ from the one-stream decode";
     }
 }
@@ -119,25 +124,33 @@ TEST(DecodeInParts, ADamagedFileGivesWhatOneStreamGives) {
     std::vector<std::string> arguments = noisyStereo();
     arguments.push_back((dir / "whole.flac").string());
     testing::ffmpeg(arguments);
-    // Cut inside the second part: its seek or its reads fail, and the file is read over as one.
     const std::string bytes = testing::readFile(dir / "whole.flac");
+    // Cut inside the second part: its seek or its reads fail. Bytes spoilt inside the second
+    // part: a frame fails its check. Either way the file is read over as one stream.
     testing::writeFile(dir / "cut.flac", bytes.substr(0, bytes.size() * 45 / 100));
-    std::optional<AudioDecoder::DecodedArrays> whole;
-    std::optional<HarluneError::Kind> wholeError;
-    try {
-        whole = AudioDecoder::decodeToArrays(dir / "cut.flac");
-    } catch (const HarluneError& error) {
-        wholeError = error.kind();
-    }
-    try {
-        const PartsResult parted = decodeParts(dir / "cut.flac", threeParts);
-        ASSERT_TRUE(whole.has_value()) << "one stream failed where parts did not";
-        EXPECT_EQ(parted.parts, 1) << "read over as one stream";
-        EXPECT_EQ(parted.formats, 2);
-        EXPECT_EQ(parted.info.frameCount, whole->info.frameCount);
-        EXPECT_TRUE(parted.joined == whole->channels);
-    } catch (const HarluneError& error) {
-        EXPECT_EQ(std::optional(error.kind()), wholeError) << error.what();
+    std::string spoilt = bytes;
+    for (size_t i = spoilt.size() * 45 / 100; i < spoilt.size() * 45 / 100 + 64; ++i)
+        spoilt[i] = static_cast<char>(spoilt[i] ^ 0x5a);
+    testing::writeFile(dir / "spoilt.flac", spoilt);
+    for (const std::string name : {"cut.flac", "spoilt.flac"}) {
+        SCOPED_TRACE(name);
+        std::optional<AudioDecoder::DecodedArrays> whole;
+        std::optional<HarluneError::Kind> wholeError;
+        try {
+            whole = AudioDecoder::decodeToArrays(dir / name);
+        } catch (const HarluneError& error) {
+            wholeError = error.kind();
+        }
+        try {
+            const PartsResult parted = decodeParts(dir / name, threeParts);
+            ASSERT_TRUE(whole.has_value()) << "one stream failed where parts did not";
+            EXPECT_EQ(parted.parts, 1) << "read over as one stream";
+            EXPECT_EQ(parted.formats, 2);
+            EXPECT_EQ(parted.info.frameCount, whole->info.frameCount);
+            EXPECT_TRUE(parted.joined == whole->channels);
+        } catch (const HarluneError& error) {
+            EXPECT_EQ(std::optional(error.kind()), wholeError) << error.what();
+        }
     }
 }
 
