@@ -5,6 +5,7 @@
 #include <FLAC/stream_decoder.h>
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <span>
 #include <string>
@@ -93,9 +94,17 @@ FlacReader::FlacReader(const std::filesystem::path& url) : state_(std::make_uniq
     state.decoder = FLAC__stream_decoder_new();
     if (!state.decoder)
         throw HarluneError::decodeFailed(readerName + " can\u2019t start");
-    if (FLAC__stream_decoder_init_file(state.decoder, url.c_str(), onWrite, onMetadata, onError, &state) !=
-        FLAC__STREAM_DECODER_INIT_STATUS_OK)
+    FILE* file = std::fopen(url.c_str(), "rb");
+    if (!file)
         throw HarluneError::decodeFailed(readerName + " can\u2019t open the file");
+    // libFLAC asks for a few KiB at a time: a large buffer turns 90000 reads an hour into 500.
+    std::setvbuf(file, nullptr, _IOFBF, 1 << 20);
+    // A decoder that started owns the file and closes it; one that refused leaves it to us.
+    if (FLAC__stream_decoder_init_FILE(state.decoder, file, onWrite, onMetadata, onError, &state) !=
+        FLAC__STREAM_DECODER_INIT_STATUS_OK) {
+        std::fclose(file);
+        throw HarluneError::decodeFailed(readerName + " can\u2019t open the file");
+    }
     if (!FLAC__stream_decoder_process_until_end_of_metadata(state.decoder) || state.error ||
         state.channels < 1 || state.bitsPerSample < 4 || state.bitsPerSample > 32 || state.maxBlockFrames < 1)
         throw HarluneError::decodeFailed(readerName + " found no usable stream description");
