@@ -34,6 +34,7 @@
 #include <QSettings>
 #include <QShortcut>
 #include <QStackedLayout>
+#include <QTimer>
 #include <QToolBar>
 #include <QUrl>
 #include <QVBoxLayout>
@@ -185,6 +186,11 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     connect(&model, &EditorModel::busyChanged, this, [this] {
         if (!document_.model().busy() && overlay_->isPanelShown())
             trace_.line(QStringLiteral("busy ended"));
+        if (!document_.model().busy() && closeAfterTake_) {
+            closeAfterTake_ = false;
+            // After the job's completion has registered the take, so that the close sees it.
+            QTimer::singleShot(0, this, &MainWindow::close);
+        }
     });
     if (windows_)
         connect(windows_, &DocumentWindows::sharedStateChanged, this, &MainWindow::updateActions);
@@ -711,6 +717,14 @@ void MainWindow::saveAs() {
         updateActions();
         document_.save(path.toStdString(), settings);
     });
+    // Cancelling the dialog of a close's "Save" cancels the close, and any quit behind it.
+    connect(dialog, &QDialog::rejected, this, [this] {
+        if (!closeAfterSave_)
+            return;
+        closeAfterSave_ = false;
+        if (windows_)
+            windows_->cancelQuit();
+    });
     dialog->open();
     Q_EMIT sheetOpened(dialog);
 }
@@ -746,6 +760,17 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     if (writing_) {
         closeAfterSave_ = true;
         event->ignore();
+        return;
+    }
+    // A running take is the user's audio too: it goes into the document, and the close asks
+    // about it like any other change.
+    if (EngineRecorderControl* control = recorderControl(); control && control->isRecording()) {
+        event->ignore();
+        control->recorder().stop();
+        if (document_.model().busy())
+            closeAfterTake_ = true; // the take is being placed: `busyChanged` closes again
+        else
+            QTimer::singleShot(0, this, &MainWindow::close);
         return;
     }
     if (!closeConfirmed_ && document_.isDirty()) {

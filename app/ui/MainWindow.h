@@ -108,6 +108,9 @@ private:
     std::map<std::string, QAction*, std::less<>> actions_;
     bool closeConfirmed_ = false;
     bool closeAfterSave_ = false;
+    /// A close found a take running: it was stopped, and the close comes back once the take is
+    /// in the document (and asks to save it).
+    bool closeAfterTake_ = false;
     bool painted_ = false;
     bool writing_ = false;
 };

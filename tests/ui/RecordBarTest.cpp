@@ -13,6 +13,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -97,6 +98,31 @@ TEST(RecordBarTest, RecordArmsStartsAndStopsATakeThatLandsAsOneUndoStep) {
     QTest::mouseClick(bar->findChildren<QPushButton*>().last(), Qt::LeftButton);
     EXPECT_FALSE(rig.control->recorder().isArmed());
     EXPECT_TRUE(bar->isHidden());
+}
+
+TEST(RecordBarTest, ClosingDuringATakeKeepsItAndAsksToSaveIt) {
+    RecordingWindow rig({{1, "in", "In", 2, 48000}});
+    rig.window->show();
+    QAction* record = rig.window->action("toggleRecording");
+    record->trigger(); // arms
+    record->trigger(); // starts
+    ASSERT_TRUE(rig.control->isRecording());
+    rig.feed(testing::noisePlanes(2, 9600, 3));
+
+    EXPECT_FALSE(rig.window->close());
+    auto* prompt = static_cast<QMessageBox*>(nullptr);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            prompt = rig.window->findChild<QMessageBox*>(QStringLiteral("closePrompt"));
+            return prompt && prompt->isVisible();
+        },
+        20000));
+    EXPECT_FALSE(rig.control->isRecording());
+    EXPECT_EQ(rig.document->model().content().frameCount(), 4800 + 9600);
+    EXPECT_EQ(rig.document->undoStack().undoText(), "Record");
+    prompt->button(QMessageBox::Cancel)->click();
+    QTest::qWait(50);
+    EXPECT_TRUE(rig.window->isVisible());
 }
 
 TEST(RecordBarTest, NoInputShowsWhyAndClipLightsClearOnAClick) {

@@ -190,6 +190,24 @@ TEST(WindowControllerTest, ClosingAModifiedDocumentAsks) {
     ASSERT_TRUE(guard);
     EXPECT_TRUE(window->isVisible());
 
+    // "Save" on an untitled document asks where; cancelling that cancels the close, so that a
+    // later save does not close the window behind the user's back.
+    QSignalSpy sheets(window, &MainWindow::sheetOpened);
+    EXPECT_FALSE(window->close());
+    prompt = waitForChild<QMessageBox>(*window, QStringLiteral("closePrompt"));
+    ASSERT_NE(prompt, nullptr);
+    prompt->button(QMessageBox::Save)->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return sheets.count() == 1; }, 5000));
+    qobject_cast<QDialog*>(sheets.front().front().value<QWidget*>())->reject();
+    QTemporaryDir folder;
+    QSignalSpy written(&window->document(), &AudioDocument::written);
+    window->saveTo(folder.filePath(QStringLiteral("kept.wav")));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return written.count() == 1; }, 20000));
+    QTest::qWait(50);
+    ASSERT_TRUE(guard) << "the window closed after a save the close had given up on";
+    window->document().model().reverse();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->document().isDirty(); }, 20000));
+
     EXPECT_FALSE(window->close());
     prompt = waitForChild<QMessageBox>(*window, QStringLiteral("closePrompt"));
     ASSERT_NE(prompt, nullptr);
