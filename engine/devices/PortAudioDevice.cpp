@@ -1,17 +1,14 @@
 #include "engine/devices/PortAudioDevice.h"
 
 #include "engine/AudioDeviceError.h"
+#include "engine/devices/PortAudioWatchdog.h"
 #include "engine/devices/QuietStandardError.h"
 #include "engine/devices/StreamResampler.h"
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
-#include <mutex>
 #include <portaudio.h>
-#include <thread>
 
 namespace harlune {
 
@@ -19,10 +16,6 @@ namespace {
 
 // Beyond this ratio the simple converter would alias badly; such a pair is refused.
 constexpr double maximumRateRatio = 8.0;
-
-std::string paText(PaError error) {
-    return std::string("PortAudio: ") + Pa_GetErrorText(error);
-}
 
 /// The output device to use: JACK's default when a JACK server is running, else PortAudio's.
 PaDeviceIndex chooseDevice() {
@@ -50,49 +43,34 @@ struct PortAudioDevice::Impl {
     std::atomic<bool> active{false};
     std::atomic<bool> stopping{false};
 
-    // PortAudio reports no lost server (JACK gone, a device unplugged) by itself, and a stream
-    // whose JACK server died even stays "active": a watcher looks a few times a second whether
-    // callbacks still come while the stream should run. `mutex` orders its look with the main
-    // thread's operations on the stream.
-    std::atomic<int64_t> lastCallback{0}; ///< steady-clock nanoseconds
-    std::mutex mutex;
-    std::condition_variable wake;
-    bool quitting = false;
-    std::thread watcher;
     // Once the JACK server is gone, PortAudio's calls on the stream (stop, abort, close, and
     // terminate, which closes it) wait for a callback that never comes: the stream is
     // then left alone. PortAudio cannot be initialised anew while it is open, so its JACK client,
     // which cannot reach a new server, stays for the rest of the process.
     bool lost = false;
+    // Last, so that it starts when the rest is ready and stops before the rest goes.
+    PortAudioWatchdog watchdog{[this](double silentSeconds) {
+        look(silentSeconds);
+    }};
 
     explicit Impl(PortAudioDevice& device) : owner(device) {}
 
-    static int64_t now() noexcept {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(
-                   std::chrono::steady_clock::now().time_since_epoch())
-            .count();
-    }
-
-    void watch() {
-        std::unique_lock lock(mutex);
-        while (!quitting) {
-            wake.wait_for(lock, std::chrono::milliseconds(200));
-            if (quitting || stream == nullptr || !active.load())
-                continue;
-            const PaStreamInfo* info = Pa_GetStreamInfo(stream);
-            const double patience = std::max(1.0, 10 * (info != nullptr ? info->outputLatency : 0.0));
-            const double silentFor = static_cast<double>(now() - lastCallback.load()) * 1e-9;
-            if ((Pa_IsStreamActive(stream) != 1 || silentFor > patience) && active.exchange(false)) {
-                lost = true;
-                owner.notifyConfigurationChange();
-            }
+    /// The watchdog's look, under its mutex: a running stream that went quiet is lost.
+    void look(double silentSeconds) {
+        if (stream == nullptr || !active.load())
+            return;
+        const PaStreamInfo* info = Pa_GetStreamInfo(stream);
+        const double patience = std::max(1.0, 10 * (info != nullptr ? info->outputLatency : 0.0));
+        if ((Pa_IsStreamActive(stream) != 1 || silentSeconds > patience) && active.exchange(false)) {
+            lost = true;
+            owner.notifyConfigurationChange();
         }
     }
 
     static int onRender(const void*, void* output, unsigned long frameCount, const PaStreamCallbackTimeInfo*,
                         PaStreamCallbackFlags, void* data) {
         auto& self = *static_cast<Impl*>(data);
-        self.lastCallback.store(now(), std::memory_order_relaxed);
+        self.watchdog.heard();
         auto** planes = static_cast<float**>(output);
         const int streamChannels = self.format->channelCount;
         const auto frames = static_cast<int>(frameCount);
@@ -141,19 +119,12 @@ PortAudioDevice::PortAudioDevice(PostToMainThread postToMainThread)
         error = Pa_Initialize();
     }
     if (error != paNoError)
-        throw AudioDeviceError(paText(error));
+        throw AudioDeviceError(portAudioText(error));
     impl_->initialised = true;
-    impl_->watcher = std::thread([this] { impl_->watch(); });
 }
 
 PortAudioDevice::~PortAudioDevice() {
-    {
-        const std::lock_guard lock(impl_->mutex);
-        impl_->quitting = true;
-    }
-    impl_->wake.notify_all();
-    if (impl_->watcher.joinable())
-        impl_->watcher.join();
+    impl_->watchdog.stop();
     impl_->closeStream();
     if (impl_->initialised && !impl_->lost) {
         const QuietStandardError quiet;
@@ -162,7 +133,7 @@ PortAudioDevice::~PortAudioDevice() {
 }
 
 void PortAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSource> source) {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     if (impl_->lost)
         throw AudioDeviceError("the sound server went away");
     impl_->closeStream();
@@ -210,13 +181,13 @@ void PortAudioDevice::configure(StreamFormat format, std::shared_ptr<RenderSourc
         impl_->resampler.reset();
         if (error == paInvalidSampleRate)
             throwPlaybackFormatError(format.sampleRate);
-        throw AudioDeviceError(paText(error));
+        throw AudioDeviceError(portAudioText(error));
     }
     Pa_SetStreamFinishedCallback(impl_->stream, &Impl::onFinished);
 }
 
 void PortAudioDevice::start() {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     if (impl_->lost)
         throw AudioDeviceError("the sound server went away");
     if (impl_->stream == nullptr)
@@ -225,19 +196,19 @@ void PortAudioDevice::start() {
         return;
     if (Pa_IsStreamStopped(impl_->stream) == 0)
         Pa_AbortStream(impl_->stream);
-    impl_->lastCallback = Impl::now();
+    impl_->watchdog.heard();
     PaError error = paNoError;
     {
         const QuietStandardError quiet;
         error = Pa_StartStream(impl_->stream);
     }
     if (error != paNoError)
-        throw AudioDeviceError(paText(error));
+        throw AudioDeviceError(portAudioText(error));
     impl_->active = true;
 }
 
 void PortAudioDevice::pause() {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     if (impl_->stream == nullptr || impl_->lost)
         return;
     impl_->stopping = true;
@@ -251,7 +222,7 @@ void PortAudioDevice::stop() {
 }
 
 bool PortAudioDevice::isRunning() const {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     return impl_->stream != nullptr && impl_->active.load() && Pa_IsStreamActive(impl_->stream) == 1;
 }
 
@@ -260,7 +231,7 @@ std::optional<StreamFormat> PortAudioDevice::format() const {
 }
 
 double PortAudioDevice::presentationLatency() const {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     if (impl_->stream == nullptr)
         return 0;
     const PaStreamInfo* info = Pa_GetStreamInfo(impl_->stream);

@@ -1,26 +1,19 @@
 #include "engine/devices/PortAudioInputDevice.h"
 
 #include "engine/Realtime.h"
+#include "engine/devices/PortAudioWatchdog.h"
 #include "engine/devices/QuietStandardError.h"
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <portaudio.h>
-#include <thread>
 
 namespace harlune {
 
 namespace {
 
 constexpr int maxChannels = 64;
-
-std::string paText(PaError error) {
-    return std::string("PortAudio: ") + Pa_GetErrorText(error);
-}
 
 /// The channels to open on a device. ALSA's plug-in devices ("default", "pulse", "dmix" ...)
 /// claim dozens of channels they only make by copying; only hardware ("(hw:N,M)" in the name)
@@ -43,39 +36,25 @@ struct PortAudioInputDevice::Impl {
     std::atomic<bool> stopping{false};
     int channels = 0; // fixed while the stream runs
 
-    // PortAudio does not report every lost device (a JACK server gone leaves the stream "active"
-    // without callbacks): a watcher looks a few times a second whether callbacks still come.
-    // `mutex` orders its look with the main thread's operations on the stream.
-    std::atomic<int64_t> lastCallback{0}; ///< steady-clock nanoseconds
-    std::mutex mutex;
-    std::condition_variable wake;
-    bool quitting = false;
-    std::thread watcher;
     // Once its server is gone, PortAudio's calls on the stream wait for a callback that never
     // comes: such a stream is left alone, and PortAudio stays initialised for the process.
     bool lost = false;
+    // Last, so that it starts when the rest is ready and stops before the rest goes.
+    PortAudioWatchdog watchdog{[this](double silentSeconds) {
+        look(silentSeconds);
+    }};
 
     explicit Impl(PortAudioInputDevice& device) : owner(device) {}
 
-    static int64_t now() noexcept {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(
-                   std::chrono::steady_clock::now().time_since_epoch())
-            .count();
-    }
-
-    void watch() {
-        std::unique_lock lock(mutex);
-        while (!quitting) {
-            wake.wait_for(lock, std::chrono::milliseconds(200));
-            if (quitting || stream == nullptr || lost || sink.load() == nullptr)
-                continue;
-            const PaStreamInfo* info = Pa_GetStreamInfo(stream);
-            const double patience = std::max(1.0, 10 * (info != nullptr ? info->inputLatency : 0.0));
-            const double silentFor = static_cast<double>(now() - lastCallback.load()) * 1e-9;
-            if (silentFor > patience && sink.exchange(nullptr) != nullptr) {
-                lost = true;
-                owner.notifyLoss("the input device stopped delivering audio");
-            }
+    /// The watchdog's look, under its mutex: a capture that went quiet lost its device.
+    void look(double silentSeconds) {
+        if (stream == nullptr || lost || sink.load() == nullptr)
+            return;
+        const PaStreamInfo* info = Pa_GetStreamInfo(stream);
+        const double patience = std::max(1.0, 10 * (info != nullptr ? info->inputLatency : 0.0));
+        if (silentSeconds > patience && sink.exchange(nullptr) != nullptr) {
+            lost = true;
+            owner.notifyLoss("the input device stopped delivering audio");
         }
     }
 
@@ -83,7 +62,7 @@ struct PortAudioInputDevice::Impl {
     static int onCapture(const void* input, void*, unsigned long frameCount, const PaStreamCallbackTimeInfo*,
                          PaStreamCallbackFlags, void* data) noexcept HARLUNE_NONBLOCKING {
         auto& self = *static_cast<Impl*>(data);
-        self.lastCallback.store(now(), std::memory_order_relaxed);
+        self.watchdog.heard();
         CaptureSink* target = self.sink.load(std::memory_order_acquire);
         if (target != nullptr && input != nullptr)
             target->capture(static_cast<int>(frameCount),
@@ -99,7 +78,7 @@ struct PortAudioInputDevice::Impl {
             self.owner.notifyLoss("the input device stopped");
     }
 
-    /// Under `mutex`.
+    /// Under the watchdog's mutex.
     void closeStream() {
         sink.store(nullptr, std::memory_order_release);
         if (stream == nullptr)
@@ -126,18 +105,12 @@ PortAudioInputDevice::PortAudioInputDevice(PostToMainThread postToMainThread)
         error = Pa_Initialize();
     }
     if (error != paNoError)
-        throw InputDeviceError(paText(error));
+        throw InputDeviceError(portAudioText(error));
     impl_->initialised = true;
-    impl_->watcher = std::thread([this] { impl_->watch(); });
 }
 
 PortAudioInputDevice::~PortAudioInputDevice() {
-    {
-        const std::lock_guard lock(impl_->mutex);
-        impl_->quitting = true;
-    }
-    impl_->wake.notify_all();
-    impl_->watcher.join();
+    impl_->watchdog.stop();
     const bool lost = impl_->lost;
     impl_->closeStream();
     if (impl_->initialised && !lost) {
@@ -150,7 +123,7 @@ std::vector<InputDevice> PortAudioInputDevice::inputDevices() {
     std::vector<InputDevice> devices;
     const PaDeviceIndex count = Pa_GetDeviceCount();
     if (count < 0)
-        throw InputDeviceError(paText(count));
+        throw InputDeviceError(portAudioText(count));
     for (PaDeviceIndex index = 0; index < count; ++index) {
         const PaDeviceInfo* info = Pa_GetDeviceInfo(index);
         if (info == nullptr || info->maxInputChannels < 1)
@@ -176,7 +149,7 @@ std::optional<uint32_t> PortAudioInputDevice::defaultInputDevice() {
 
 CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
     Impl& d = *impl_;
-    const std::lock_guard lock(d.mutex);
+    const std::lock_guard lock(d.watchdog.mutex());
     if (d.lost)
         throw InputDeviceError("the sound server went away");
     d.closeStream();
@@ -208,7 +181,7 @@ CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
                               &Impl::onCapture, &d);
         if (error == paNoError) {
             Pa_SetStreamFinishedCallback(d.stream, &Impl::onFinished);
-            d.lastCallback = Impl::now();
+            d.watchdog.heard();
             // Running from here on lets a device that cannot deliver fail now, not at the take.
             error = Pa_StartStream(d.stream);
         }
@@ -218,22 +191,22 @@ CaptureFormat PortAudioInputDevice::open(std::optional<uint32_t> deviceID) {
             Pa_CloseStream(d.stream);
         d.stream = nullptr;
         d.channels = 0;
-        throw InputDeviceError(paText(error));
+        throw InputDeviceError(portAudioText(error));
     }
     const PaStreamInfo* streamInfo = Pa_GetStreamInfo(d.stream);
     return CaptureFormat{streamInfo != nullptr ? streamInfo->sampleRate : rate, parameters.channelCount};
 }
 
 void PortAudioInputDevice::start(CaptureSink& sink) {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     if (impl_->stream == nullptr || impl_->lost)
         throw InputDeviceError("no input stream is open");
-    impl_->lastCallback = Impl::now();
+    impl_->watchdog.heard();
     impl_->sink.store(&sink, std::memory_order_release);
 }
 
 void PortAudioInputDevice::close() {
-    const std::lock_guard lock(impl_->mutex);
+    const std::lock_guard lock(impl_->watchdog.mutex());
     impl_->closeStream();
 }
 
