@@ -80,6 +80,7 @@ void Recorder::arm() {
 
 void Recorder::rearm() {
     closeDevice();
+    bool heard = false;
     try {
         const CaptureFormat format = device_->open(deviceID_);
         if (!(format.sampleRate > 0) || format.channelCount <= 0)
@@ -95,12 +96,13 @@ void Recorder::rearm() {
             std::make_unique<TakeBuffer>(format.channelCount, inputChoice_->channels, format.sampleRate);
         deviceSampleRate_ = format.sampleRate;
         device_->start(*buffer_);
-        device_->setMonitoring(monitoring_);
+        heard = device_->setMonitoring(monitoring_);
     } catch (const std::exception& error) {
         fail(error.what());
         return;
     }
     errorMessage_.reset();
+    followMonitor(heard);
     startTap();
     notify();
 }
@@ -211,11 +213,22 @@ void Recorder::setInputChoice(std::optional<InputChoice> choice) {
 void Recorder::setMonitoring(bool on) {
     monitoring_ = on;
     if (isArmed_ && isRecording_)
-        device_->setMonitoring(on); // a take runs on, so no rearm: the monitor path alone changes
+        followMonitor(device_->setMonitoring(on)); // a take runs on: the monitor path alone changes
     if (isArmed_ && !isRecording_)
         rearm();
     else
         notify();
+}
+
+void Recorder::followMonitor(bool heard) {
+    if (!monitoring_ || heard) {
+        if (errorMessage_ == cannotMonitor)
+            errorMessage_.reset();
+        return;
+    }
+    // A back end without a monitor path: the switch shows what is heard, and the bar says why.
+    monitoring_ = false;
+    errorMessage_ = cannotMonitor;
 }
 
 void Recorder::deviceLost(const std::string& description) {

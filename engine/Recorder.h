@@ -83,6 +83,9 @@ public:
     std::optional<InputChoice> inputChoice() const { return inputChoice_; }
     std::vector<InputChoice> inputChoices() const { return choices_; }
     bool monitoring() const { return monitoring_; }
+    /// The message while armed when the back end cannot route the input to the output.
+    static constexpr const char* cannotMonitor =
+        "This audio system can\u2019t play the input while recording.";
     const std::vector<double>& peaksDB() const { return peaksDB_; }
     const std::vector<bool>& clipped() const { return clipped_; }
     int64_t elapsedFrames() const { return elapsedFrames_; }
@@ -96,6 +99,9 @@ public:
 
 private:
     void fail(const std::string& description);
+    /// Takes the device's answer to a monitoring request (`heard`): a refused monitor turns the
+    /// switch off and leaves `cannotMonitor` as the message; a kept one clears that message.
+    void followMonitor(bool heard);
     void closeDevice();
     void startTap();
     void stopTap();

@@ -45,7 +45,7 @@ void TestInputDevice::close() {
 }
 
 bool TestInputDevice::setMonitoring(bool on) {
-    monitoring_ = on && opened_.has_value();
+    monitoring_ = on && opened_.has_value() && canMonitor_;
     return monitoring_;
 }
 

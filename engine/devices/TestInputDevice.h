@@ -42,6 +42,8 @@ public:
 
     /// Whether the open input is routed to the output now.
     bool monitoring() const { return monitoring_; }
+    /// A back end without a monitor path refuses every request (the default is to grant them).
+    void setCanMonitor(bool can) { canMonitor_ = can; }
 
     std::optional<uint32_t> openedDevice() const { return opened_; }
     int openCount() const { return openCount_; }
@@ -56,6 +58,7 @@ private:
     CaptureSink* sink_ = nullptr;
     int openCount_ = 0;
     bool monitoring_ = false;
+    bool canMonitor_ = true;
     std::vector<const float*> cursor_;
 };
 

@@ -115,5 +115,29 @@ TEST(InputDevices, MonitoringFollowsTheSwitchAcrossRearmsTakesAndDisarm) {
     EXPECT_FALSE(rig.device->monitoring());
 }
 
+TEST(InputDevices, AMonitorTheBackEndRefusesTurnsTheSwitchOffAndSaysWhy) {
+    QueuedRig rig;
+    rig.device->setCanMonitor(false);
+    rig.recorder.setMonitoring(true);
+    rig.recorder.arm();
+    EXPECT_TRUE(rig.recorder.isArmed()); // still records: only the monitor is missing
+    EXPECT_FALSE(rig.recorder.monitoring());
+    EXPECT_EQ(rig.recorder.errorMessage(), std::string(Recorder::cannotMonitor));
+
+    // Mid-take the same, and the take runs on.
+    rig.recorder.start();
+    rig.recorder.setMonitoring(true);
+    EXPECT_TRUE(rig.recorder.isRecording());
+    EXPECT_FALSE(rig.recorder.monitoring());
+    rig.recorder.stop();
+
+    // A back end that can (another device, another server) clears the message.
+    rig.device->setCanMonitor(true);
+    rig.recorder.setMonitoring(true);
+    EXPECT_TRUE(rig.recorder.monitoring());
+    EXPECT_TRUE(rig.device->monitoring());
+    EXPECT_FALSE(rig.recorder.errorMessage().has_value());
+}
+
 } // namespace
 } // namespace harlune
