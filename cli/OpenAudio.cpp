@@ -3,6 +3,7 @@
 #include "CliSupport.h"
 #include "core/AudioContentBuilder.h"
 #include "io/AudioDecoder.h"
+#include "io/DecodeInParts.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,16 +15,23 @@
 namespace harlune::cli {
 
 OpenedAudio openAudio(const std::filesystem::path& path, DecodeProgress progress) {
-    std::optional<AudioContentBuilder> builder;
+    // A long file is read in parts on all cores, one builder per part, joined in order.
+    std::vector<AudioContentBuilder> builders;
     AudioFileInfo announced;
-    const AudioFileInfo final = AudioDecoder::decode(
-        path, progress,
-        [&](const AudioFileInfo& info) {
-            announced = info;
-            builder.emplace(info.channelCount, info.sampleRate);
-        },
-        [&](ChunkViews chunk) { builder->append(chunk); });
-    return {announced, final, builder->build()};
+    const auto onFormat = [&](const AudioFileInfo& info, int parts) {
+        announced = info;
+        builders.clear();
+        for (int part = 0; part < parts; ++part)
+            builders.emplace_back(info.channelCount, info.sampleRate);
+    };
+    const auto onChunk = [&](int part, ChunkViews chunk) {
+        builders[static_cast<size_t>(part)].append(chunk);
+    };
+    const AudioFileInfo final = AudioDecoder::decodeInParts(path, progress, onFormat, onChunk);
+    AudioContent content = builders.front().build();
+    for (size_t part = 1; part < builders.size(); ++part)
+        content.append(builders[part].build());
+    return {announced, final, std::move(content)};
 }
 
 OpenedAudio openAudioShowingProgress(const std::filesystem::path& path) {
