@@ -42,11 +42,28 @@ std::optional<LoudnessResult> analyzeOrNone(const AudioSource& source, const Pro
     }
 }
 
-std::vector<double> channelsOrNone(const AudioSource& source, const ProgressToken& token) {
+/// The figures of the whole and of each channel alone, from one pass. A failed pass gives no
+/// whole and negative infinity for each channel, as `measureChannels` does.
+struct WholeAndChannels {
+    std::optional<LoudnessResult> whole;
+    std::vector<double> channels;
+};
+
+WholeAndChannels analyzeWithChannelsOrNone(const AudioSource& source, const ProgressToken& token) {
     const auto goOn = [&token](double) {
         return !token.isCancelled();
     };
-    return measureChannels(source, FunctionRef<bool(double)>(goOn));
+    const bool perChannel = hasChannelFigures(source.channelCount());
+    try {
+        LoudnessAnalyzer::ResultWithChannels measured =
+            LoudnessAnalyzer::analyzeWithChannels(source, FunctionRef<bool(double)>(goOn));
+        return {std::move(measured.whole),
+                perChannel ? std::move(measured.channelLUFS) : std::vector<double>()};
+    } catch (...) {
+        return {std::nullopt, perChannel ? std::vector<double>(static_cast<size_t>(source.channelCount()),
+                                                               -std::numeric_limits<double>::infinity())
+                                         : std::vector<double>()};
+    }
 }
 
 struct FileFigures {
@@ -119,11 +136,19 @@ void LoudnessAnalysisScheduler::scheduleAnalysis(EditorModel& model) {
 
     std::function<FileFigures(const ProgressToken&)> measure =
         [content = model.content(), envelopes = model.envelopes()](const ProgressToken& token) {
+            // Flat envelopes leave the audio as it is: one pass gives every figure.
             FileFigures figures;
+            if (envelopes.isFlat()) {
+                WholeAndChannels measured = analyzeWithChannelsOrNone(content, token);
+                figures.content = measured.whole;
+                figures.enveloped = std::move(measured.whole);
+                figures.channels = std::move(measured.channels);
+                return figures;
+            }
             figures.content = analyzeOrNone(content, token);
-            const EnvelopedSource source(content, envelopes);
-            figures.enveloped = envelopes.isFlat() ? figures.content : analyzeOrNone(source, token);
-            figures.channels = channelsOrNone(source, token);
+            WholeAndChannels measured = analyzeWithChannelsOrNone(EnvelopedSource(content, envelopes), token);
+            figures.enveloped = std::move(measured.whole);
+            figures.channels = std::move(measured.channels);
             return figures;
         };
     std::function<void(EditorModel&, FileFigures)> publish = [](EditorModel& target, FileFigures figures) {
@@ -148,7 +173,8 @@ void LoudnessAnalysisScheduler::scheduleEnvelopeAnalysis(EditorModel& model) {
 
     std::function<EnvelopeFigures(const ProgressToken&)> measure =
         [source = EnvelopedSource(model.content(), model.envelopes())](const ProgressToken& token) {
-            return EnvelopeFigures{analyzeOrNone(source, token), channelsOrNone(source, token)};
+            WholeAndChannels measured = analyzeWithChannelsOrNone(source, token);
+            return EnvelopeFigures{std::move(measured.whole), std::move(measured.channels)};
         };
     std::function<void(EditorModel&, EnvelopeFigures)> publish = [](EditorModel& target,
                                                                     EnvelopeFigures figures) {

@@ -7,23 +7,21 @@
 
 namespace harlune {
 
+bool hasChannelFigures(int channelCount) {
+    return channelCount >= 2 && channelCount <= 8;
+}
+
 std::vector<double> measureChannels(const AudioSource& source,
                                     std::optional<FunctionRef<bool(double)>> progress) {
     const int channels = source.channelCount();
-    if (channels < 2 || channels > 8)
+    if (!hasChannelFigures(channels))
         return {};
-    std::vector<double> loudness(static_cast<size_t>(channels), -std::numeric_limits<double>::infinity());
-    for (int c = 0; c < channels; ++c) {
-        std::vector<double> weights(static_cast<size_t>(channels), 0.0);
-        weights[static_cast<size_t>(c)] = 1.0;
-        try {
-            loudness[static_cast<size_t>(c)] =
-                LoudnessAnalyzer::analyze(source, std::nullopt, weights, progress).integratedLUFS;
-        } catch (...) {
-            // The channel stays at negative infinity: a failed figure is not shown as an error.
-        }
+    try {
+        return LoudnessAnalyzer::analyzeWithChannels(source, progress).channelLUFS;
+    } catch (...) {
+        // A failed figure is not shown as an error: every channel stays at negative infinity.
+        return std::vector<double>(static_cast<size_t>(channels), -std::numeric_limits<double>::infinity());
     }
-    return loudness;
 }
 
 std::vector<double> balancingTrims(const std::vector<double>& loudness) {

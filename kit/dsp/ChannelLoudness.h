@@ -8,9 +8,13 @@
 
 namespace harlune {
 
-/// Integrated loudness of each channel alone (weight 1 for it, 0 for the others), LUFS; negative
-/// infinity for a channel whose measurement fails or is cancelled by `progress`. Empty for fewer
-/// than 2 or more than 8 channels, where a per-channel figure says nothing the whole does not.
+/// Whether a source of `channelCount` channels has per-channel figures: not for fewer than 2 or
+/// more than 8 channels, where a per-channel figure says nothing the whole does not.
+bool hasChannelFigures(int channelCount);
+
+/// Integrated loudness of each channel alone (weight 1 for it, 0 for the others), LUFS, from one
+/// pass over the source; negative infinity for every channel when the measurement fails or
+/// `progress` cancels it. Empty where `hasChannelFigures` says no.
 std::vector<double> measureChannels(const AudioSource& source,
                                     std::optional<FunctionRef<bool(double)>> progress = std::nullopt);
 

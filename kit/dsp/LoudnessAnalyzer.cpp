@@ -104,11 +104,11 @@ double loudnessRange(std::span<const double> energies) {
     return levels[high] - levels[low];
 }
 
-LoudnessResult analyze(const AudioSource& source, std::optional<FrameRange> range,
-                       const std::optional<std::vector<double>>& channelWeights,
+namespace {
+
+/// Feeds `walk` of `source` through `engine` in chunks.
+LoudnessResult measure(LoudnessEngine& engine, const AudioSource& source, FrameRange walk,
                        std::optional<FunctionRef<bool(double)>> progress) {
-    const FrameRange walk = range.value_or(source.fullRange()).clamped(source.fullRange());
-    LoudnessEngine engine(source.channelCount(), source.sampleRate(), channelWeights, true);
     engine.reserveSubblocks(static_cast<size_t>(
         static_cast<double>(walk.length()) / std::max(1.0, std::ceil(source.sampleRate() / 10 - 1)) + 2));
 
@@ -123,6 +123,26 @@ LoudnessResult analyze(const AudioSource& source, std::optional<FrameRange> rang
     });
     engine.flushTruePeaks();
     return engine.result();
+}
+
+} // namespace
+
+LoudnessResult analyze(const AudioSource& source, std::optional<FrameRange> range,
+                       const std::optional<std::vector<double>>& channelWeights,
+                       std::optional<FunctionRef<bool(double)>> progress) {
+    const FrameRange walk = range.value_or(source.fullRange()).clamped(source.fullRange());
+    LoudnessEngine engine(source.channelCount(), source.sampleRate(), channelWeights, true);
+    return measure(engine, source, walk, progress);
+}
+
+ResultWithChannels analyzeWithChannels(const AudioSource& source,
+                                       std::optional<FunctionRef<bool(double)>> progress) {
+    LoudnessEngine engine(source.channelCount(), source.sampleRate(), std::nullopt, true);
+    engine.trackChannelLoudness();
+    ResultWithChannels result;
+    result.whole = measure(engine, source, source.fullRange(), progress);
+    result.channelLUFS = engine.channelIntegratedLUFS();
+    return result;
 }
 
 double windowLoudness(const AudioSource& source, FrameRange range,

@@ -25,6 +25,18 @@ LoudnessResult analyze(const AudioSource& source, std::optional<FrameRange> rang
                        const std::optional<std::vector<double>>& channelWeights = std::nullopt,
                        std::optional<FunctionRef<bool(double)>> progress = std::nullopt);
 
+/// The whole of a source measured with the default weights, and each channel's own loudness.
+struct ResultWithChannels {
+    LoudnessResult whole;
+    /// Integrated loudness of each channel alone, LUFS.
+    std::vector<double> channelLUFS;
+};
+/// `analyze` of all of `source` with the default weights, and from the same pass the integrated
+/// loudness of each channel alone: exactly what `analyze` with weight 1 for that channel and 0 for
+/// the others gives, for the cost of filtering the channels a default weight of 0 leaves out.
+ResultWithChannels analyzeWithChannels(const AudioSource& source,
+                                       std::optional<FunctionRef<bool(double)>> progress = std::nullopt);
+
 /// LUFS of exactly `range` as one window, with up to 200 ms ahead of it to settle the filters;
 /// negative infinity for an empty range or silence.
 double windowLoudness(const AudioSource& source, FrameRange range,

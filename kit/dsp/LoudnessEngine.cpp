@@ -55,7 +55,7 @@ void LoudnessChannelState::process(std::span<const float> samples,
     copyFinite(samples.data(), count, clean);
     const std::span<const float> cleaned(clean, samples.size());
 
-    if (weight != 0) {
+    if (weight != 0 || measuredAlone) {
         const std::span<const double> filtered = filter.process(cleaned);
         for (size_t s = 0; s < segments.size(); ++s)
             segmentSums[s] = sumOfSquares(filtered.data() + segments[s].start, segments[s].count);
@@ -153,7 +153,7 @@ void LoudnessEngine::processPiece(ChunkViews chunk, int offset, int count) {
 
     for (size_t s = 0; s < segments_.size(); ++s) {
         for (size_t c = 0; c < channels_.size(); ++c)
-            if (channels_[c].weight != 0)
+            if (channels_[c].weight != 0 || channels_[c].measuredAlone)
                 accum_[c] += channels_[c].segmentSums[s];
         fill_ += segments_[s].count;
         if (!completes_[s])
@@ -162,6 +162,8 @@ void LoudnessEngine::processPiece(ChunkViews chunk, int offset, int count) {
         for (size_t c = 0; c < channels_.size(); ++c)
             if (channels_[c].weight != 0)
                 sum += weights_[c] * accum_[c];
+        for (size_t c = 0; c < channelSubblockSums_.size(); ++c)
+            channelSubblockSums_[c].push_back(accum_[c]);
         std::fill(accum_.begin(), accum_.end(), 0.0);
         subblockSums_.push_back(sum);
         subblockCounts_.push_back(fill_);
@@ -174,6 +176,8 @@ void LoudnessEngine::reset() {
     for (auto& channel : channels_)
         channel.reset();
     subblockSums_.clear();
+    for (auto& sums : channelSubblockSums_)
+        sums.clear();
     subblockCounts_.clear();
     std::fill(accum_.begin(), accum_.end(), 0.0);
     fill_ = 0;
@@ -183,6 +187,24 @@ void LoudnessEngine::reset() {
 void LoudnessEngine::reserveSubblocks(size_t count) {
     subblockSums_.reserve(count);
     subblockCounts_.reserve(count);
+    for (auto& sums : channelSubblockSums_)
+        sums.reserve(count);
+}
+
+void LoudnessEngine::trackChannelLoudness() {
+    HARLUNE_PRECONDITION(framesTotal_ == 0, "channel loudness tracked from the start of a stream only");
+    channelSubblockSums_.assign(channels_.size(), {});
+    for (auto& channel : channels_)
+        channel.measuredAlone = true;
+    for (auto& sums : channelSubblockSums_)
+        sums.reserve(subblockSums_.capacity());
+}
+
+std::vector<double> LoudnessEngine::channelIntegratedLUFS() const {
+    std::vector<double> loudness;
+    for (const auto& sums : channelSubblockSums_)
+        loudness.push_back(LoudnessAnalyzer::gatedLoudness(windowEnergiesOf(sums, 4, true), -10));
+    return loudness;
 }
 
 void LoudnessEngine::flushTruePeaks() {
@@ -191,8 +213,13 @@ void LoudnessEngine::flushTruePeaks() {
 }
 
 std::vector<double> LoudnessEngine::windowEnergies(int subblocks, bool completeOnly) const {
+    return windowEnergiesOf(subblockSums_, subblocks, completeOnly);
+}
+
+std::vector<double> LoudnessEngine::windowEnergiesOf(const std::vector<double>& sums, int subblocks,
+                                                     bool completeOnly) const {
     std::vector<double> energies;
-    const auto finished = static_cast<int64_t>(subblockSums_.size());
+    const auto finished = static_cast<int64_t>(sums.size());
     const int64_t n = std::max(1, subblocks);
     const int64_t first = completeOnly ? n - 1 : 0;
     if (finished <= first)
@@ -204,7 +231,7 @@ std::vector<double> LoudnessEngine::windowEnergies(int subblocks, bool completeO
         // Summed afresh for each window: a running difference would leave rounding residue
         // where silence follows loud audio.
         for (int64_t j = std::max<int64_t>(i - n + 1, 0); j <= i; ++j) {
-            sum += subblockSums_[static_cast<size_t>(j)];
+            sum += sums[static_cast<size_t>(j)];
             frames += subblockCounts_[static_cast<size_t>(j)];
         }
         const auto missing = static_cast<double>(std::max<int64_t>(n - 1 - i, 0));

@@ -46,8 +46,11 @@ public:
 
     KWeightingFilter filter;
     TruePeakDetector peak;
-    /// 0 leaves the channel out of loudness (no filtering); its peaks and RMS still count.
+    /// 0 leaves the channel out of loudness (no filtering unless `measuredAlone`); its peaks and
+    /// RMS still count.
     double weight;
+    /// The channel's own loudness is kept too (see `LoudnessEngine::trackChannelLoudness`).
+    bool measuredAlone = false;
     bool trackRMS;
     /// Sum of squares of the unfiltered, cleaned samples.
     double rawSumSquares = 0;
@@ -84,6 +87,13 @@ public:
     /// sub-block, padded with silence in front.
     std::vector<double> windowEnergies(int subblocks, bool completeOnly) const;
 
+    /// Keeps each channel's own sub-block sums as well, from the start of the stream, so that
+    /// one pass also gives what a pass with weight 1 for that channel and 0 for the others would.
+    /// For offline use: the lists grow as they go. Call before the first `process`.
+    void trackChannelLoudness();
+    /// Integrated loudness of each channel alone, LUFS; empty unless tracked.
+    std::vector<double> channelIntegratedLUFS() const;
+
     /// Makes room for `count` finished sub-blocks.
     void reserveSubblocks(size_t count);
     /// See `LoudnessChannelState::flushTruePeak`; for the end of a stream.
@@ -111,6 +121,9 @@ public:
 
 private:
     void processPiece(ChunkViews chunk, int offset, int count);
+    /// `windowEnergies` over other sub-block sums (one channel's).
+    std::vector<double> windowEnergiesOf(const std::vector<double>& sums, int subblocks,
+                                         bool completeOnly) const;
 
     int channelCount_;
     double sampleRate_;
@@ -118,6 +131,8 @@ private:
     std::vector<double> weights_;
     std::vector<LoudnessChannelState> channels_;
     std::vector<double> subblockSums_;
+    /// Per channel, when tracked: that channel's share of each finished sub-block, unweighted.
+    std::vector<std::vector<double>> channelSubblockSums_;
     std::vector<int64_t> subblockCounts_;
     std::vector<double> accum_;
     int64_t fill_ = 0;

@@ -304,6 +304,33 @@ TEST(LoudnessEngineTest, ASixChannelFileIgnoresTheLFEForLoudnessOnly) {
               b.integratedLUFS);
 }
 
+TEST(LoudnessEngineTest, OnePassGivesEachChannelsLoudnessExactlyAsAPassOfItsOwn) {
+    // Stereo music with a quiet stretch (so the gates cut differently per channel), and 5.1 whose
+    // LFE the whole leaves out but its own figure must not.
+    const int64_t frames = 48000 * 7;
+    Planes stereo{testing::musicLike(frames, 48000, 3), testing::pinkNoise(frames, 4, -32)};
+    std::fill(stereo[0].begin() + 48000, stereo[0].begin() + 48000 * 3, 0.0f);
+    Planes surround(6, testing::pinkNoise(frames, 5, -40));
+    surround[0] = testing::musicLike(frames, 48000, 6);
+    surround[3] = testing::sine(frames, 48000, 60, 0.8);
+    surround[5] = testing::pinkNoise(frames, 7, -18);
+    for (const Planes& planes : {stereo, surround}) {
+        SCOPED_TRACE(planes.size());
+        const ArraySource source(planes, 48000);
+        const LoudnessAnalyzer::ResultWithChannels together = LoudnessAnalyzer::analyzeWithChannels(source);
+        EXPECT_EQ(together.whole, LoudnessAnalyzer::analyze(source));
+        ASSERT_EQ(together.channelLUFS.size(), planes.size());
+        for (size_t c = 0; c < planes.size(); ++c) {
+            std::vector<double> alone(planes.size(), 0.0);
+            alone[c] = 1.0;
+            EXPECT_EQ(together.channelLUFS[c],
+                      LoudnessAnalyzer::analyze(source, std::nullopt, alone).integratedLUFS)
+                << "channel " << c;
+        }
+    }
+    EXPECT_GT(LoudnessAnalyzer::analyzeWithChannels(ArraySource(surround, 48000)).channelLUFS[3], -20);
+}
+
 TEST(LoudnessEngineTest, WindowLoudnessMeasuresExactlyTheWindow) {
     const double rate = 44100;
     const auto planes = testing::toneSequence({{1, -30}, {0.55, -12}, {1, -40}}, 2, rate);
