@@ -140,10 +140,15 @@ TEST_F(LoudnessPanelTest, SelectionScopeNeedsMoreThan400Milliseconds) {
     EXPECT_EQ(panel.page(), LoudnessPanel::Page::hint);
     EXPECT_EQ(panel.hint().text(), "Select at least 400 ms of audio to measure it.");
 
+    EXPECT_TRUE(panel.analyzing().isHidden()) << "nothing is being measured";
+
+    // One frame more is measured: the hint stays until the figures come, under "Measuring…".
     model->setSelection(FrameRange{1000, 1000 + 19201}, std::nullopt);
-    EXPECT_EQ(panel.page(), LoudnessPanel::Page::measuring);
+    EXPECT_EQ(panel.page(), LoudnessPanel::Page::hint);
+    EXPECT_FALSE(panel.analyzing().isHidden());
     ASSERT_TRUE(QTest::qWaitFor([&] { return model->selectionLoudness().has_value(); }, 20000));
     EXPECT_EQ(panel.page(), LoudnessPanel::Page::figures);
+    EXPECT_TRUE(panel.analyzing().isHidden());
     EXPECT_NE(panel.integrated().value(), QStringLiteral("\u2014"));
     EXPECT_EQ(panel.adjust().apply().text(), "Apply to Selection");
     panel.scope().setCurrentIndex(0);

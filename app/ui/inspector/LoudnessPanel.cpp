@@ -61,7 +61,6 @@ LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
 
     noAudio_ = centredMessage(new QLabel(tr("No audio.")));
     hintPage_ = centredMessage(hint_, SymbolIcons::icon(QStringLiteral("gauge.with.dots.needle.33percent")));
-    measuringPage_ = centredMessage(new QLabel(tr("Measuring…")));
 
     figures_ = new QWidget;
     auto* cells = new QGridLayout;
@@ -80,7 +79,6 @@ LoudnessPanel::LoudnessPanel(EditorModel& model, QWidget* parent)
 
     pages_->addWidget(noAudio_);
     pages_->addWidget(hintPage_);
-    pages_->addWidget(measuringPage_);
     pages_->addWidget(figures_);
 
     auto* layout = new QVBoxLayout(this);
@@ -113,8 +111,6 @@ LoudnessPanel::Page LoudnessPanel::page() const {
         return Page::noAudio;
     if (current == hintPage_)
         return Page::hint;
-    if (current == measuringPage_)
-        return Page::measuring;
     return Page::figures;
 }
 
@@ -126,7 +122,13 @@ void LoudnessPanel::refresh() {
         scope_->setCurrentIndex(selectionScope ? 1 : 0);
     }
     scope_->setVisible(!empty);
-    analyzing_->setVisible(!empty && model_.isAnalyzing());
+    // A selection long enough is being measured when it has no figures yet; a shorter one never
+    // will be. Either way the panel shows the hint until figures come, with "Measuring…" above.
+    const std::optional<FrameRange>& selection = model_.selection();
+    const auto shortest = static_cast<int64_t>(model_.content().sampleRate() * 0.4);
+    const bool awaitingSelection =
+        selectionScope && !model_.selectionLoudness() && selection && selection->length() > shortest;
+    analyzing_->setVisible(!empty && (model_.isAnalyzing() || awaitingSelection));
     live_->setVisible(!empty);
     const int channels = model_.content().channelCount();
     channels_->setVisible(!empty && channels >= 2 && channels <= 8);
@@ -136,11 +138,7 @@ void LoudnessPanel::refresh() {
         return;
     }
     if (selectionScope && !model_.selectionLoudness()) {
-        // A selection long enough is being measured; a shorter one never will be.
-        const std::optional<FrameRange>& selection = model_.selection();
-        const auto shortest = static_cast<int64_t>(model_.content().sampleRate() * 0.4);
-        const bool measurable = selection && selection->length() > shortest;
-        pages_->setCurrentWidget(measurable ? measuringPage_ : hintPage_);
+        pages_->setCurrentWidget(hintPage_);
         return;
     }
     pages_->setCurrentWidget(figures_);

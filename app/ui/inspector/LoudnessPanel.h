@@ -24,11 +24,12 @@ public:
     explicit LoudnessPanel(EditorModel& model, QWidget* parent = nullptr);
 
     /// What the panel shows at the moment.
-    enum class Page { noAudio, hint, measuring, figures };
+    enum class Page { noAudio, hint, figures };
     Page page() const;
 
     QComboBox& scope() { return *scope_; }
-    /// "Measuring…" beside the scope while the file is being measured after a change.
+    /// "Measuring…" beside the scope while the file, or the selection in selection scope, is
+    /// being measured.
     QLabel& analyzing() { return *analyzing_; }
     QLabel& hint() { return *hint_; }
     MetricCell& integrated() { return *integrated_; }
@@ -50,7 +51,6 @@ private:
     QStackedWidget* pages_;
     QWidget* noAudio_;
     QWidget* hintPage_;
-    QWidget* measuringPage_;
     QWidget* figures_;
     QComboBox* scope_;
     QLabel* analyzing_;
