@@ -8,8 +8,10 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <QScreen>
 #include <QSettings>
 #include <QTimer>
+#include <algorithm>
 
 namespace harlune {
 
@@ -37,6 +39,7 @@ std::vector<MainWindow*> DocumentWindows::windows() const {
 
 MainWindow* DocumentWindows::makeWindow(std::unique_ptr<AudioDocument> document) {
     auto* window = new MainWindow(std::move(document), *this);
+    cascade(*window);
     windows_.emplace_back(window);
     connect(
         window, &QObject::destroyed, this,
@@ -46,6 +49,26 @@ MainWindow* DocumentWindows::makeWindow(std::unique_ptr<AudioDocument> document)
         },
         Qt::QueuedConnection);
     return window;
+}
+
+void DocumentWindows::cascade(QWidget& window) const {
+    // Every window restores the same remembered place: a new one would hide the one under it.
+    constexpr int step = 24;
+    const std::vector<MainWindow*> others = windows();
+    const auto taken = [&](QPoint place) {
+        return std::ranges::any_of(others, [&](const MainWindow* other) { return other->pos() == place; });
+    };
+    const QScreen* screen = window.screen();
+    const QRect area = screen ? screen->availableGeometry() : QRect();
+    QPoint place = window.pos();
+    for (size_t tries = 0; tries <= others.size() && taken(place); ++tries) {
+        place += QPoint(step, step);
+        // Back to the top of the screen before the title bar nears its lower or right edge.
+        constexpr int margin = 200;
+        if (area.isValid() && (place.y() > area.bottom() - margin || place.x() > area.right() - margin))
+            place = QPoint(area.left() + step * static_cast<int>(tries + 1), area.top());
+    }
+    window.move(place);
 }
 
 static EditorCollaborators withClipboard(EditorCollaborators collaborators,

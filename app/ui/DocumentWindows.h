@@ -66,6 +66,8 @@ Q_SIGNALS:
 
 private:
     MainWindow* makeWindow(std::unique_ptr<AudioDocument> document);
+    /// Moves a new window down and right of any open window at its place.
+    void cascade(QWidget& window) const;
     void addRecent(const std::filesystem::path& url);
     void windowClosed();
 

@@ -711,6 +711,7 @@ void MainWindow::saveAs() {
     auto start = document_.saveSettings() ? *document_.saveSettings()
                                           : Preferences::encodeSettings(Preferences::lastExportFormat());
     auto* dialog = new SaveDialog(tr("Save As"), name, start, document_.model().content(), this);
+    startInDocumentsFolder(*dialog);
     connect(dialog, &SaveDialog::chosen, this, [this](const QString& path, const EncodeSettings& settings) {
         Preferences::store(settings);
         writing_ = true;
@@ -727,6 +728,12 @@ void MainWindow::saveAs() {
     });
     dialog->open();
     Q_EMIT sheetOpened(dialog);
+}
+
+void MainWindow::startInDocumentsFolder(QFileDialog& dialog) const {
+    // Beside the file, not in whatever folder the program was started from.
+    if (document_.file())
+        dialog.setDirectory(QString::fromStdString(document_.file()->parent_path().string()));
 }
 
 void MainWindow::saveTo(const QString& path) {
@@ -746,6 +753,7 @@ void MainWindow::exportSelection() {
     auto* dialog = new SaveDialog(selection ? tr("Export Selection") : tr("Export Audio"), name,
                                   Preferences::encodeSettings(Preferences::lastExportFormat()),
                                   document_.model().content(), this);
+    startInDocumentsFolder(*dialog);
     connect(dialog, &SaveDialog::chosen, this,
             [this, selection](const QString& path, const EncodeSettings& settings) {
                 Preferences::store(settings);

@@ -9,6 +9,7 @@
 #include <string_view>
 
 class QAction;
+class QFileDialog;
 class QMenu;
 
 namespace harlune {
@@ -81,6 +82,8 @@ private:
     void presentError(const QString& message);
     void traceCommand(int undoIndex);
     void askToSaveThenClose();
+    /// A save or export dialog opens in the folder of the document's file, where it has one.
+    void startInDocumentsFolder(QFileDialog& dialog) const;
     void beep();
     void openSheet(QWidget* sheet);
 

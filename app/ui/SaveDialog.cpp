@@ -6,6 +6,7 @@
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <algorithm>
 
 namespace harlune {
 
@@ -57,6 +58,8 @@ SaveDialog::SaveDialog(const QString& title, const QString& name, const EncodeSe
         addRow(new QLabel(tr("Dither"), this), dither_);
         grid->addWidget(notes_, row, 0, 1, grid->columnCount());
     }
+    // The options rows take room from the file list: the dialog's own default leaves a few rows.
+    resize(std::max(width(), 780), std::max(height(), 560));
 
     connect(format_, &QComboBox::currentIndexChanged, this, [this] {
         if (filling_)

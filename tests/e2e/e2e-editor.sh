@@ -8,7 +8,7 @@
 # With harlune-cli given, a selection is dragged with the mouse on a file it wrote, read from the
 # trace line that ends the gesture, deleted with Backspace and saved with Ctrl+S: the file must be
 # shorter by exactly the selected frames, as harlune-cli info reads it.
-# A screenshot stays in the work folder as the test's artefact.
+# Screenshots stay in the artefact folder.
 # Usage: e2e-editor.sh PATH/TO/harlune [ARTEFACT-FOLDER [PATH/TO/harlune-cli]]
 set -uo pipefail
 harlune=$1
@@ -34,6 +34,11 @@ done
 
 source "$(dirname "$0")/private-x-server.sh"
 start_private_x 90 120
+
+# to_png NAME: NAME.xwd becomes NAME.png (ffmpeg reads X window dumps), kept as xwd if it can't.
+to_png() {
+    ffmpeg -nostdin -v error -y -i "$1.xwd" "$1.png" 2>/dev/null && rm -f "$1.xwd"
+}
 
 # wait_for LOG PATTERN [SECONDS]: until a trace line matches.
 wait_for() {
@@ -73,6 +78,8 @@ xdotool key ctrl+a
 xdotool type -- "$work/out.flac"
 sleep 0.3 # the completer of the name field settles before Return (no trace exists for it)
 xwd -root -silent >"$artefacts/editor-save.xwd" 2>/dev/null
+# With no window manager, a dialog mapped inside its parent is not always in the root's picture.
+xwd -id "$dialog" -silent >"$artefacts/editor-save-dialog.xwd" 2>/dev/null
 xdotool key Return
 wait_for "$work/editor.log" "save finished $work/out.flac"
 
@@ -123,16 +130,13 @@ if [[ -n $cli ]]; then
     after=$(cli_frames "$work/drag.wav")
     [[ $after == $((frames - (upper - lower))) ]] ||
         fail "drag.wav has $after frames after deleting $lower..$upper from $frames"
-    if command -v convert >/dev/null && convert "xwd:$artefacts/editor-drag.xwd" "$artefacts/editor-drag.png" 2>/dev/null; then
-        rm -f "$artefacts/editor-drag.xwd"
-    fi
+    to_png "$artefacts/editor-drag"
     passed=3
 fi
 
 if grep -qi ambiguous "$work/editor.log"; then fail "Qt reported an ambiguous shortcut"; fi
-if command -v convert >/dev/null && convert "xwd:$artefacts/editor-save.xwd" "$artefacts/editor-save.png" 2>/dev/null; then
-    rm -f "$artefacts/editor-save.xwd"
-fi
+to_png "$artefacts/editor-save"
+to_png "$artefacts/editor-save-dialog"
 
 xdotool windowfocus --sync "$window"
 xdotool key ctrl+q

@@ -269,6 +269,17 @@ TEST(WindowControllerTest, SaveAsAndExportWriteFilesThatReadBack) {
     const auto partRead = AudioDecoder::decodeToArrays(part);
     ASSERT_EQ(partRead.channels[0].size(), 2000u);
     EXPECT_EQ(document.file(), saved);
+
+    // Saved elsewhere without a dialog, the document's dialogs open beside it there, not in the
+    // folder the last dialog showed.
+    QTemporaryDir elsewhere;
+    window.saveTo(elsewhere.filePath(QStringLiteral("moved.flac")));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return written.count() == 3; }, 20000));
+    window.action("saveAs")->trigger();
+    auto* again = qobject_cast<SaveDialog*>(sheets.back().front().value<QWidget*>());
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(again->directory().absolutePath(), QDir(elsewhere.path()).absolutePath());
+    again->reject();
 }
 
 TEST(WindowControllerTest, TheBusyOverlayShowsLateAndCancels) {
@@ -420,6 +431,24 @@ TEST(WindowControllerTest, ASaveOntoAFullDiskKeepsTheOldFile) {
     window->close();
     QTest::qWait(10);
     EXPECT_EQ(std::system(unmount.c_str()), 0);
+}
+
+// Every window restores the same remembered place; new ones step down and right so that none
+// hides another, and a window that moved away frees its place.
+TEST(WindowControllerTest, NewWindowsCascadeOverTheRememberedPlace) {
+    DocumentWindows windows;
+    MainWindow* first = windows.adopt(AudioContent(quietNoise(1, 480), rate), QStringLiteral("One"));
+    MainWindow* second = windows.adopt(AudioContent(quietNoise(1, 480), rate), QStringLiteral("Two"));
+    MainWindow* third = windows.adopt(AudioContent(quietNoise(1, 480), rate), QStringLiteral("Three"));
+    EXPECT_EQ(second->pos() - first->pos(), QPoint(24, 24));
+    EXPECT_EQ(third->pos() - first->pos(), QPoint(48, 48));
+    second->move(first->pos() + QPoint(300, 10));
+    MainWindow* fourth = windows.adopt(AudioContent(quietNoise(1, 480), rate), QStringLiteral("Four"));
+    EXPECT_EQ(fourth->pos() - first->pos(), QPoint(24, 24));
+    for (MainWindow* window : windows.windows()) {
+        window->document().undoStack().setClean();
+        window->close();
+    }
 }
 
 // Quit while a save runs: that window closes once its file is complete, then the quit goes on
