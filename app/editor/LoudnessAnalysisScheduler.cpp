@@ -42,28 +42,11 @@ std::optional<LoudnessResult> analyzeOrNone(const AudioSource& source, const Pro
     }
 }
 
-/// The figures of the whole and of each channel alone, from one pass. A failed pass gives no
-/// whole and negative infinity for each channel, as `measureChannels` does.
-struct WholeAndChannels {
-    std::optional<LoudnessResult> whole;
-    std::vector<double> channels;
-};
-
-WholeAndChannels analyzeWithChannelsOrNone(const AudioSource& source, const ProgressToken& token) {
+LoudnessWithChannels measureWithChannelsOrNone(const AudioSource& source, const ProgressToken& token) {
     const auto goOn = [&token](double) {
         return !token.isCancelled();
     };
-    const bool perChannel = hasChannelFigures(source.channelCount());
-    try {
-        LoudnessAnalyzer::ResultWithChannels measured =
-            LoudnessAnalyzer::analyzeWithChannels(source, FunctionRef<bool(double)>(goOn));
-        return {std::move(measured.whole),
-                perChannel ? std::move(measured.channelLUFS) : std::vector<double>()};
-    } catch (...) {
-        return {std::nullopt, perChannel ? std::vector<double>(static_cast<size_t>(source.channelCount()),
-                                                               -std::numeric_limits<double>::infinity())
-                                         : std::vector<double>()};
-    }
+    return measureWithChannels(source, FunctionRef<bool(double)>(goOn));
 }
 
 struct FileFigures {
@@ -139,14 +122,15 @@ void LoudnessAnalysisScheduler::scheduleAnalysis(EditorModel& model) {
             // Flat envelopes leave the audio as it is: one pass gives every figure.
             FileFigures figures;
             if (envelopes.isFlat()) {
-                WholeAndChannels measured = analyzeWithChannelsOrNone(content, token);
+                LoudnessWithChannels measured = measureWithChannelsOrNone(content, token);
                 figures.content = measured.whole;
                 figures.enveloped = std::move(measured.whole);
                 figures.channels = std::move(measured.channels);
                 return figures;
             }
             figures.content = analyzeOrNone(content, token);
-            WholeAndChannels measured = analyzeWithChannelsOrNone(EnvelopedSource(content, envelopes), token);
+            LoudnessWithChannels measured =
+                measureWithChannelsOrNone(EnvelopedSource(content, envelopes), token);
             figures.enveloped = std::move(measured.whole);
             figures.channels = std::move(measured.channels);
             return figures;
@@ -173,7 +157,7 @@ void LoudnessAnalysisScheduler::scheduleEnvelopeAnalysis(EditorModel& model) {
 
     std::function<EnvelopeFigures(const ProgressToken&)> measure =
         [source = EnvelopedSource(model.content(), model.envelopes())](const ProgressToken& token) {
-            WholeAndChannels measured = analyzeWithChannelsOrNone(source, token);
+            LoudnessWithChannels measured = measureWithChannelsOrNone(source, token);
             return EnvelopeFigures{std::move(measured.whole), std::move(measured.channels)};
         };
     std::function<void(EditorModel&, EnvelopeFigures)> publish = [](EditorModel& target,

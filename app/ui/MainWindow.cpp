@@ -774,7 +774,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     // about it like any other change.
     if (EngineRecorderControl* control = recorderControl(); control && control->isRecording()) {
         event->ignore();
-        control->recorder().stop();
+        control->stop();
         if (document_.model().busy())
             closeAfterTake_ = true; // the take is being placed: `busyChanged` closes again
         else
