@@ -16,17 +16,26 @@ export DISPLAY=":$display" XDG_RUNTIME_DIR="$work" HOME="$work"
 for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
 
 # seconds_until ARGS... PATTERN: runs the editor until the trace line, prints the seconds.
+# The trace comes through a pipe and a blocking read: polling the log with grep and sleep
+# started a few hundred processes a second, which took a fifth of the two cores from the open.
 seconds_until() {
     local pattern=${*: -1}
-    local start end
-    rm -f "$work/trace.log"
+    local start end line
+    rm -f "$work/trace"
+    mkfifo "$work/trace"
     start=$(date +%s.%N)
-    "$harlune" --trace --new-instance "${@:1:$#-1}" 2>"$work/trace.log" &
+    "$harlune" --trace --new-instance "${@:1:$#-1}" 2>"$work/trace" &
     local pid=$!
-    until grep -q -- "$pattern" "$work/trace.log" 2>/dev/null; do sleep 0.005; done
-    end=$(date +%s.%N)
-    kill "$pid"
+    end=
+    while IFS= read -r line; do
+        if [[ $line == *"$pattern"* ]]; then
+            end=$(date +%s.%N)
+            break
+        fi
+    done <"$work/trace"
+    kill "$pid" 2>/dev/null
     wait "$pid" 2>/dev/null
+    [[ -n $end ]] || { echo "the editor ended before \"$pattern\"" >&2; echo nan; return; }
     echo "$end - $start" | bc
 }
 for run in 1 2 3; do
