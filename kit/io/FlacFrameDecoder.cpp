@@ -1,6 +1,7 @@
 #include "io/FlacFrameDecoder.h"
 
 #include "base/Precondition.h"
+#include "io/FlacChecksums.h"
 
 #include <algorithm>
 #include <array>
@@ -11,60 +12,6 @@
 namespace harlune {
 
 namespace {
-
-// ---- checksums -------------------------------------------------------------------------------
-
-constexpr std::array<uint8_t, 256> makeCrc8Table() {
-    std::array<uint8_t, 256> table{};
-    for (int byte = 0; byte < 256; ++byte) {
-        auto crc = static_cast<uint8_t>(byte);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = static_cast<uint8_t>((crc & 0x80) ? (crc << 1) ^ 0x07 : crc << 1);
-        table[static_cast<size_t>(byte)] = crc;
-    }
-    return table;
-}
-
-/// Row k gives the CRC-16 of a byte followed by k zero bytes, so that eight bytes fold in at
-/// once: the frames' checksum runs over every byte of the file.
-constexpr std::array<std::array<uint16_t, 256>, 8> makeCrc16Tables() {
-    std::array<std::array<uint16_t, 256>, 8> tables{};
-    for (int byte = 0; byte < 256; ++byte) {
-        auto crc = static_cast<uint16_t>(byte << 8);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = static_cast<uint16_t>((crc & 0x8000) ? (crc << 1) ^ 0x8005 : crc << 1);
-        tables[0][static_cast<size_t>(byte)] = crc;
-    }
-    for (size_t k = 1; k < 8; ++k)
-        for (size_t byte = 0; byte < 256; ++byte) {
-            const uint16_t previous = tables[k - 1][byte];
-            tables[k][byte] = static_cast<uint16_t>((previous << 8) ^ tables[0][previous >> 8]);
-        }
-    return tables;
-}
-
-constexpr auto crc8Table = makeCrc8Table();
-constexpr auto crc16Tables = makeCrc16Tables();
-
-uint8_t crc8(const uint8_t* data, size_t size) {
-    uint8_t crc = 0;
-    for (size_t i = 0; i < size; ++i)
-        crc = crc8Table[crc ^ data[i]];
-    return crc;
-}
-
-uint16_t crc16(const uint8_t* data, size_t size) {
-    uint32_t crc = 0;
-    size_t i = 0;
-    for (; i + 8 <= size; i += 8) {
-        crc = crc16Tables[7][(crc >> 8) ^ data[i]] ^ crc16Tables[6][(crc & 0xff) ^ data[i + 1]] ^
-              crc16Tables[5][data[i + 2]] ^ crc16Tables[4][data[i + 3]] ^ crc16Tables[3][data[i + 4]] ^
-              crc16Tables[2][data[i + 5]] ^ crc16Tables[1][data[i + 6]] ^ crc16Tables[0][data[i + 7]];
-    }
-    for (; i < size; ++i)
-        crc = ((crc << 8) ^ crc16Tables[0][(crc >> 8) ^ data[i]]) & 0xffff;
-    return static_cast<uint16_t>(crc);
-}
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #define HARLUNE_RICE_CLONES __attribute__((target_clones("default", "arch=x86-64-v3")))
@@ -449,7 +396,7 @@ std::optional<FrameHeader> readHeader(std::span<const uint8_t> bytes, const Flac
 
     static constexpr std::array<int, 8> bitsForCode = {0, 8, 12, 0, 16, 20, 24, 32};
     header.sampleBits = bitsCode == 0 ? shape.bitsPerSample : bitsForCode[static_cast<size_t>(bitsCode)];
-    if (at >= bytes.size() || crc8(b, at) != b[at])
+    if (at >= bytes.size() || flacCrc8(bytes.first(at)) != b[at])
         return std::nullopt;
     header.bytes = at + 1;
     return header;
@@ -479,7 +426,7 @@ std::optional<FlacFrameSpan> decodeFrame(std::span<const uint8_t> bytes, const F
     if (audioEnd + 2 > bytes.size())
         return std::nullopt;
     const auto stored = static_cast<uint16_t>((bytes[audioEnd] << 8) | bytes[audioEnd + 1]);
-    if (crc16(bytes.data(), audioEnd) != stored)
+    if (flacCrc16(bytes.first(audioEnd)) != stored)
         return std::nullopt;
 
     int32_t* first = planes_[0].data();

@@ -4,12 +4,14 @@
 #include "io/FlacFrameDecoder.h"
 
 #include "io/AudioDecoder.h"
+#include "io/FlacChecksums.h"
 #include "io/IoTestSupport.h"
 
 #include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
+#include <random>
 
 namespace harlune {
 namespace {
@@ -227,6 +229,33 @@ uint16_t slowCrc(const std::vector<uint8_t>& bytes, size_t count, int width, uin
             crc = ((crc & top) ? (crc << 1) ^ polynomial : crc << 1) & mask;
     }
     return static_cast<uint16_t>(crc);
+}
+
+TEST(FlacChecksums, MatchTheCatalogueAndABitwiseReferenceAtEveryLength) {
+    const std::string check = "123456789";
+    const std::vector<uint8_t> checkBytes(check.begin(), check.end());
+    // The catalogued check values of CRC-8/SMBUS and CRC-16/UMTS, which FLAC uses.
+    EXPECT_EQ(flacCrc8(checkBytes), 0xf4);
+    EXPECT_EQ(flacCrc16(checkBytes), 0xfee8);
+    EXPECT_EQ(flacCrc16Portable(checkBytes), 0xfee8);
+
+    std::mt19937 random(7);
+    std::vector<uint8_t> bytes(70000);
+    for (auto& byte : bytes)
+        byte = static_cast<uint8_t>(random());
+    // Every length around the 16-byte folds and the 8-byte table steps, and a long frame's.
+    std::vector<size_t> lengths;
+    for (size_t length = 0; length <= 200; ++length)
+        lengths.push_back(length);
+    lengths.push_back(bytes.size());
+    for (const size_t length : lengths) {
+        const std::span<const uint8_t> span(bytes.data() + 3, length - (length == bytes.size() ? 3 : 0));
+        const std::vector<uint8_t> copy(span.begin(), span.end());
+        const uint16_t expected = slowCrc(copy, copy.size(), 16, 0x8005);
+        EXPECT_EQ(flacCrc16(span), expected) << length;
+        EXPECT_EQ(flacCrc16Portable(span), expected) << length;
+        EXPECT_EQ(flacCrc8(span), slowCrc(copy, copy.size(), 8, 0x07)) << length;
+    }
 }
 
 /// A mono 16-bit frame of 32 samples (block size code 6: one byte after the number), frame
