@@ -154,6 +154,35 @@ TEST(DecodeInParts, ADamagedFileGivesWhatOneStreamGives) {
     }
 }
 
+TEST(DecodeInParts, WhatTheFrameDecoderLeavesGivesTheOneStreamSamples) {
+    TempDir dir;
+    std::vector<std::string> arguments = noisyStereo();
+    arguments.insert(arguments.end(), {"-c:a", "flac", "-sample_fmt", "s32", "-bits_per_raw_sample", "24"});
+    arguments.push_back((dir / "whole.flac").string());
+    testing::ffmpeg(arguments);
+    const std::string bytes = testing::readFile(dir / "whole.flac");
+    // A tag after the last frame, which is not audio: the last part ends at it.
+    testing::writeFile(dir / "tagged.flac", bytes + "TAG" + std::string(125, 'x'));
+    // A description whose least block size differs from its largest: fixed-block frames can't
+    // be placed by their numbers, by the frame decoder or by libFLAC's seek.
+    std::string uneven = bytes;
+    ASSERT_EQ(uneven.substr(0, 4), "fLaC");
+    uneven[8] = 0;
+    uneven[9] = 16;
+    testing::writeFile(dir / "uneven.flac", uneven);
+    for (const std::string name : {"tagged.flac", "uneven.flac"}) {
+        SCOPED_TRACE(name);
+        const auto whole = AudioDecoder::decodeToArrays(dir / name);
+        const PartsResult parted = decodeParts(dir / name, threeParts);
+        if (name == "tagged.flac") {
+            EXPECT_EQ(parted.parts, 3);
+            EXPECT_EQ(parted.formats, 1) << "read over as one stream";
+        }
+        EXPECT_EQ(parted.info.frameCount, whole.info.frameCount);
+        EXPECT_TRUE(parted.joined == whole.channels);
+    }
+}
+
 TEST(DecodeInParts, CancellingAndCallbackErrorsEndEveryPart) {
     TempDir dir;
     std::vector<std::string> arguments = noisyStereo();
