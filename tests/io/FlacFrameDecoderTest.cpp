@@ -181,6 +181,64 @@ TEST(FlacFrameDecoder, TakesEveryFrameRealEncodersWriteAndGivesLibsndfilesSample
     }
 }
 
+TEST(FlacFrameDecoder, DamagedFramesAreRefusedOrReadWithinTheirBytes) {
+    TempDir dir;
+    std::vector<std::string> arguments = mixedSource();
+    arguments.insert(arguments.end(),
+                     {"-t", "1.2", "-c:a", "flac", "-sample_fmt", "s32", "-bits_per_raw_sample", "24",
+                      "-frame_size", "1024", (dir / "a.flac").string()});
+    testing::ffmpeg(arguments);
+    const std::vector<uint8_t> file = testing::readBytes(dir / "a.flac");
+    const StreamStart start = readStreamStart(file);
+    // Where each frame starts and ends, from a clean walk.
+    std::vector<std::pair<size_t, size_t>> frames;
+    {
+        std::vector<uint8_t> padded = file;
+        padded.resize(file.size() + FlacFrameDecoder::readPadding);
+        FlacFrameDecoder decoder(start.shape);
+        for (size_t at = start.firstFrame; at < file.size();) {
+            const auto frame = decoder.decode(std::span<const uint8_t>(padded.data() + at, file.size() - at));
+            ASSERT_TRUE(frame.has_value());
+            frames.emplace_back(at, frame->bytes);
+            at += frame->bytes;
+        }
+    }
+    ASSERT_GT(frames.size(), 40u);
+
+    // Spoilt bytes, cut ends and noise after a good header, each in a buffer exactly as long as
+    // the frame and its padding, so that the address sanitizer sees any read past them.
+    std::mt19937 random(11);
+    FlacFrameDecoder decoder(start.shape);
+    int accepted = 0;
+    for (int trial = 0; trial < 3000; ++trial) {
+        const auto [at, size] = frames[random() % frames.size()];
+        std::vector<uint8_t> bytes(file.begin() + static_cast<std::ptrdiff_t>(at),
+                                   file.begin() + static_cast<std::ptrdiff_t>(at + size));
+        switch (trial % 3) {
+        case 0:
+            for (int spoil = 1 + static_cast<int>(random() % 8); spoil > 0; --spoil)
+                bytes[2 + random() % (bytes.size() - 2)] = static_cast<uint8_t>(random());
+            break;
+        case 1:
+            bytes.resize(random() % bytes.size());
+            break;
+        default:
+            for (size_t i = 12; i < bytes.size(); ++i)
+                bytes[i] = static_cast<uint8_t>(random());
+            break;
+        }
+        const size_t length = bytes.size();
+        bytes.resize(length + FlacFrameDecoder::readPadding);
+        const auto frame = decoder.decode(std::span<const uint8_t>(bytes.data(), length));
+        if (frame) {
+            ++accepted;
+            EXPECT_LE(frame->bytes, length);
+        }
+    }
+    // A spoilt frame passes both checksums by chance about once in 2^16.
+    EXPECT_LE(accepted, 2);
+}
+
 // ---- frames built by hand ------------------------------------------------------------------
 
 /// Big-endian bits, as a FLAC frame holds them.
