@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Start-up of the editor to its first painted window, and open of a file to a usable window,
 # from the program's trace lines, under a private X server (warm caches).
-# Usage: [RUNS=7] bench/editor-open.sh PATH/TO/harlune [AUDIO-FILE]
+# Usage: [RUNS=7] [COLD=1] bench/editor-open.sh PATH/TO/harlune [AUDIO-FILE]
 set -uo pipefail
 harlune=$1
 file=${2:-}
@@ -41,6 +41,16 @@ seconds_until() {
 for run in 1 2 3; do
     echo "start-up to first paint (demo), run $run: $(seconds_until --demo 'first paint') s"
 done
+# Cold: the page cache dropped before each start, where this user may drop it.
+if [[ ${COLD:-0} == 1 ]]; then
+    for run in 1 2 3; do
+        if ! { sync && echo 3 >/proc/sys/vm/drop_caches; } 2>/dev/null; then
+            echo "cold start-up: not measured (the page cache can't be dropped here)"
+            break
+        fi
+        echo "cold start-up to first paint (demo), run $run: $(seconds_until --demo 'first paint') s"
+    done
+fi
 if [[ -n $file ]]; then
     # A shared machine swings by a third from run to run: several runs, and their median.
     runs=${RUNS:-7}
