@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "base/HarluneError.h"
+#include "io/FlacWriter.h"
 #include "io/LameLibrary.h"
 #include "io/M4aWriter.h"
 #include "io/MP3Writer.h"
@@ -134,10 +135,19 @@ SndFileWriter::Container EncodePlan::pcmFileType() const {
 std::unique_ptr<ChunkSink> EncodePlan::makeWriter(const std::filesystem::path& path) const {
     const bool dither = settings.dither == DitherMode::tpdf;
     switch (settings.format) {
+    case ExportFormat::flac:
+        if (settings.bitDepth == PCMBitDepth::int16 || settings.bitDepth == PCMBitDepth::int24) {
+            FlacWriter::Spec spec;
+            spec.sampleRate = outputRate;
+            spec.channels = outputChannels;
+            spec.bitDepth = settings.bitDepth;
+            spec.dither = dither;
+            return std::make_unique<FlacWriter>(path, spec);
+        }
+        [[fallthrough]];
     case ExportFormat::wav:
     case ExportFormat::aiff:
-    case ExportFormat::caf:
-    case ExportFormat::flac: {
+    case ExportFormat::caf: {
         SndFileWriter::Spec spec;
         spec.container =
             settings.format == ExportFormat::flac ? SndFileWriter::Container::flac : pcmFileType();
