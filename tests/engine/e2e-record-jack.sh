@@ -95,6 +95,13 @@ lose_server() {
     wait_for grep -q '^recording' "$log"
     sleep 1
     kill "$jack_pid"
+    # The take is at most 30 s; a checker still running well after that is stuck: its threads'
+    # stacks go into the log before the test fails.
+    for _ in $(seq 400); do kill -0 "$checker" 2>/dev/null || break; sleep 0.1; done
+    if kill -0 "$checker" 2>/dev/null; then
+        gdb -p "$checker" -batch -ex "thread apply all bt" >>"$log" 2>&1
+        fail "the recorder hung after the server's end ($log)"
+    fi
     wait "$checker" || fail "the recorder did not survive the server's end ($log)"
     cat "$log"
     grep -q "$reason" "$log" || fail "the loss was not reported ($log)"
