@@ -20,6 +20,11 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+// Exported by libFLAC since 1.1.3 (the flac tool's --no-md5-sum) but declared only in its own
+// headers until 1.5. A stretch's MD5 would be a second pass over every sample, thrown away.
+extern "C" FLAC_API FLAC__bool FLAC__stream_encoder_set_do_md5(FLAC__StreamEncoder* encoder,
+                                                               FLAC__bool value);
+
 namespace harlune {
 
 namespace {
@@ -31,8 +36,8 @@ std::string systemReason() {
     return std::strerror(errno);
 }
 
-/// An encoder set up as every stretch's: same depth, rate and level. (Each also sums an MD5 of its
-/// own stretch, which libFLAC 1.4 gives no way to turn off; the file's comes from `consume`.)
+/// An encoder set up as every stretch's: same depth, rate and level, and no MD5 of its own stretch
+/// (the file's comes from `consume`).
 struct EncoderHandle {
     FLAC__StreamEncoder* encoder = FLAC__stream_encoder_new();
     ~EncoderHandle() {
@@ -48,6 +53,7 @@ struct EncoderHandle {
         FLAC__stream_encoder_set_bits_per_sample(encoder, static_cast<unsigned>(bits));
         FLAC__stream_encoder_set_sample_rate(encoder, rate);
         FLAC__stream_encoder_set_compression_level(encoder, static_cast<unsigned>(level));
+        FLAC__stream_encoder_set_do_md5(encoder, false);
     }
 };
 
@@ -198,15 +204,26 @@ void FlacWriter::consume(ChunkViews chunk) {
     md5Bytes_.resize(samples * bytesPerSample);
     uint8_t* md5At = md5Bytes_.data();
     const int64_t stretchLimit = int64_t{blocksPerStretch} * blockFrames_;
+    for (size_t i = 0; i < samples; ++i)
+        codes_[i] >>= shift;
+    if (bytesPerSample == 2)
+        for (size_t i = 0; i < samples; ++i) {
+            const auto sample = static_cast<uint32_t>(codes_[i]);
+            md5At[2 * i] = static_cast<uint8_t>(sample);
+            md5At[2 * i + 1] = static_cast<uint8_t>(sample >> 8);
+        }
+    else
+        for (size_t i = 0; i < samples; ++i) {
+            const auto sample = static_cast<uint32_t>(codes_[i]);
+            md5At[3 * i] = static_cast<uint8_t>(sample);
+            md5At[3 * i + 1] = static_cast<uint8_t>(sample >> 8);
+            md5At[3 * i + 2] = static_cast<uint8_t>(sample >> 16);
+        }
     size_t frame = 0;
     while (frame < frames) {
         const size_t take = std::min(frames - frame, static_cast<size_t>(stretchLimit - stretchFrames_));
-        for (size_t i = frame * chunk.size(); i < (frame + take) * chunk.size(); ++i) {
-            const int32_t sample = codes_[i] >> shift;
-            stretch_.push_back(sample);
-            for (size_t b = 0; b < bytesPerSample; ++b)
-                *md5At++ = static_cast<uint8_t>(static_cast<uint32_t>(sample) >> (8 * b));
-        }
+        stretch_.insert(stretch_.end(), codes_.begin() + static_cast<std::ptrdiff_t>(frame * chunk.size()),
+                        codes_.begin() + static_cast<std::ptrdiff_t>((frame + take) * chunk.size()));
         stretchFrames_ += static_cast<int64_t>(take);
         frame += take;
         if (stretchFrames_ == stretchLimit)
