@@ -13,6 +13,7 @@
 #include "ui/ProcessSheets.h"
 #include "ui/RecordBar.h"
 #include "ui/SaveDialog.h"
+#include "ui/SymbolIcons.h"
 #include "ui/TimelineView.h"
 #include "ui/Trace.h"
 #include "ui/inspector/InspectorView.h"
@@ -39,6 +40,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 #include <QWidgetAction>
+#include <array>
 #include <filesystem>
 #include <ranges>
 
@@ -132,9 +134,18 @@ MainWindow::MainWindow(AudioDocument* unowned, std::unique_ptr<AudioDocument> ow
     setContextMenuPolicy(Qt::NoContextMenu);
 
     buildMenus();
-    for (const char* id : {"togglePlayback", "stopPlayback", "showGain", "toggleInspector"})
-        if (QAction* item = action(id))
+    // Icons only: each item's title stays its tool tip and its accessible name.
+    const std::array<std::pair<const char*, const char*>, 4> toolbarItems{{
+        {"togglePlayback", "playpause.fill"},
+        {"stopPlayback", "stop.fill"},
+        {"showGain", "slider.horizontal.3"},
+        {"toggleInspector", "sidebar.right"},
+    }};
+    for (const auto& [id, symbol] : toolbarItems)
+        if (QAction* item = action(id)) {
+            item->setIcon(SymbolIcons::icon(QString::fromLatin1(symbol)));
             toolbar->addAction(item);
+        }
     if (QAction* inspector = action("toggleInspector"))
         inspector->setToolTip(tr("Show or hide the inspector (%1)").arg(keyText("toggleInspector")));
 

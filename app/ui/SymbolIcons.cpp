@@ -22,7 +22,7 @@ namespace {
 
 // Symbol name to its file among the resources. The drawings use black for the symbol, replaced
 // by the wanted colour, and white for cut-outs.
-constexpr std::array<std::pair<const char*, const char*>, 11> symbols{{
+constexpr std::array<std::pair<const char*, const char*>, 14> symbols{{
     {"gauge.with.dots.needle.67percent", "gauge-67.svg"},
     {"gauge.with.dots.needle.33percent", "gauge-33.svg"},
     {"waveform.path.ecg", "waveform-ecg.svg"},
@@ -34,6 +34,9 @@ constexpr std::array<std::pair<const char*, const char*>, 11> symbols{{
     {"xmark.circle.fill", "xmark-circle-fill.svg"},
     {"slider.horizontal.3", "slider-horizontal-3.svg"},
     {"waveform.badge.exclamationmark", "waveform-badge-exclamationmark.svg"},
+    {"playpause.fill", "playpause-fill.svg"},
+    {"stop.fill", "stop-fill.svg"},
+    {"sidebar.right", "sidebar-right.svg"},
 }};
 
 // Renders the drawing in the colour of the moment; a parse per paint is cheap at this size.

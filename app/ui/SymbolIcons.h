@@ -9,7 +9,8 @@ namespace harlune::SymbolIcons {
 
 /// The names of the bundled symbols: "gauge.with.dots.needle.67percent",
 /// "gauge.with.dots.needle.33percent", "waveform.path.ecg", "info.circle", "flag", "flag.fill",
-/// "sparkles", "plus", "xmark.circle.fill", "slider.horizontal.3", "waveform.badge.exclamationmark".
+/// "sparkles", "plus", "xmark.circle.fill", "slider.horizontal.3", "waveform.badge.exclamationmark",
+/// and the toolbar's "playpause.fill", "stop.fill", "sidebar.right".
 QStringList names();
 
 /// The symbol, drawn from its SVG at whatever size is asked. Without a colour it takes the

@@ -272,7 +272,7 @@ TEST(MarkersPanelTest, DeleteInTheListRemovesTheMarkerNotTheAudio) {
 }
 
 TEST(InspectorIconsTest, EverySymbolAndTabIconDrawsPixels) {
-    ASSERT_EQ(SymbolIcons::names().size(), 11);
+    ASSERT_EQ(SymbolIcons::names().size(), 14);
     for (const QString& name : SymbolIcons::names()) {
         const QIcon icon = SymbolIcons::icon(name, Qt::black);
         ASSERT_FALSE(icon.isNull()) << name.toStdString();

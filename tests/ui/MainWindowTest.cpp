@@ -18,6 +18,8 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QToolBar>
+#include <QToolButton>
 #include <cstdlib>
 #include <gtest/gtest.h>
 
@@ -56,6 +58,29 @@ TEST(MainWindowTest, TheDemoOpensUnderItsNameWithItsLength) {
     EXPECT_EQ(accessibleText(overview, QAccessible::Value), "192000 frames");
     // The chord fades in and out over the whole width: nearly every column shows some of it.
     EXPECT_GT(paintedColumns(overview), overview.width() * 9 / 10);
+}
+
+TEST(MainWindowTest, TheToolbarShowsIconsOnlyWithTheirTitlesAsTips) {
+    AudioDocument document;
+    MainWindow window(document);
+    document.adopt(makeDemoSound(), QStringLiteral("Demo"));
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    auto* toolbar = window.findChild<QToolBar*>(QStringLiteral("EditorToolbar"));
+    ASSERT_NE(toolbar, nullptr);
+    EXPECT_FALSE(toolbar->isMovable());
+    const QList<QAction*> items = toolbar->actions();
+    ASSERT_EQ(items.size(), 4);
+    for (QAction* item : items) {
+        SCOPED_TRACE(item->text().toStdString());
+        // A null icon would make the button show its text instead.
+        EXPECT_FALSE(item->icon().isNull());
+        auto* button = qobject_cast<QToolButton*>(toolbar->widgetForAction(item));
+        ASSERT_NE(button, nullptr);
+        EXPECT_EQ(button->toolButtonStyle(), Qt::ToolButtonIconOnly);
+        EXPECT_FALSE(item->toolTip().isEmpty());
+        EXPECT_LT(button->width(), 48) << "drawn as text";
+    }
 }
 
 TEST(MainWindowTest, AFileOpensUnderItsNameAndTheOverviewFollows) {
