@@ -18,6 +18,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QRegularExpression>
+#include <QTabBar>
 #include <QTabWidget>
 #include <QTest>
 #include <QToolButton>
@@ -301,6 +302,28 @@ TEST(InspectorIconsTest, EverySymbolAndTabIconDrawsPixels) {
     ASSERT_EQ(inspector.tabs().count(), 5);
     for (int tab = 0; tab < inspector.tabs().count(); ++tab)
         EXPECT_FALSE(inspector.tabs().tabIcon(tab).isNull()) << tab;
+}
+
+TEST(InspectorIconsTest, ANarrowPanelShowsEveryTabAsAnIconThatKeepsItsTitle) {
+    EditorModel model(AudioContent({std::vector<float>(4800, 0.0f)}, 48000), std::nullopt);
+    InspectorView inspector(model);
+    const QStringList titles = {"Loudness", "Spectrum", "Info", "Markers", "Effects"};
+    QTabBar& bar = *inspector.tabs().tabBar();
+    for (const int width : {340, 900}) {
+        SCOPED_TRACE(width);
+        inspector.resize(width, 500);
+        inspector.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&inspector));
+        QApplication::processEvents();
+        // Every tab fits: none behind the scroll arrows.
+        EXPECT_LE(bar.sizeHint().width(), inspector.tabs().width());
+        for (int tab = 0; tab < bar.count(); ++tab) {
+            EXPECT_EQ(bar.accessibleTabName(tab), titles[tab]);
+            EXPECT_EQ(bar.tabToolTip(tab), titles[tab]);
+            // Titles beside the icons where there is room for them.
+            EXPECT_EQ(bar.tabText(tab), width == 900 ? titles[tab] : QString());
+        }
+    }
 }
 
 } // namespace

@@ -9,7 +9,9 @@
 #include "ui/inspector/SpectrumPanel.h"
 
 #include <QAction>
+#include <QEvent>
 #include <QScrollArea>
+#include <QTabBar>
 #include <QTabWidget>
 
 namespace harlune {
@@ -48,9 +50,13 @@ InspectorView::InspectorView(EditorModel& model, QWidget* parent)
     tabs_->addTab(scrolling(rack_), tr("Effects"));
     const char* const icons[] = {"gauge.with.dots.needle.67percent", "waveform.path.ecg", "info.circle",
                                  "flag", "sparkles"};
-    for (int tab = 0; tab < tabs_->count(); ++tab)
+    for (int tab = 0; tab < tabs_->count(); ++tab) {
         tabs_->setTabIcon(tab, SymbolIcons::icon(QString::fromLatin1(icons[tab])));
+        tabs_->tabBar()->setAccessibleTabName(tab, tabs_->tabText(tab));
+        tabs_->setTabToolTip(tab, tabs_->tabText(tab));
+    }
     setWidget(tabs_);
+    tabs_->installEventFilter(this);
 
     connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {
         if (index >= 0)
@@ -64,6 +70,23 @@ InspectorView::InspectorView(EditorModel& model, QWidget* parent)
     connect(&model, &EditorModel::showInspectorChanged, this, &InspectorView::followModel);
     connect(&model, &EditorModel::inspectorTabChanged, this, &InspectorView::followModel);
     followModel();
+}
+
+bool InspectorView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == tabs_ && (event->type() == QEvent::Resize || event->type() == QEvent::FontChange ||
+                             event->type() == QEvent::StyleChange))
+        fitTabTitles();
+    return QDockWidget::eventFilter(watched, event);
+}
+
+void InspectorView::fitTabTitles() {
+    QTabBar* bar = tabs_->tabBar();
+    for (int tab = 0; tab < bar->count(); ++tab)
+        bar->setTabText(tab, bar->accessibleTabName(tab));
+    if (bar->sizeHint().width() <= tabs_->width())
+        return;
+    for (int tab = 0; tab < bar->count(); ++tab)
+        bar->setTabText(tab, QString());
 }
 
 void InspectorView::followModel() {
